@@ -1,0 +1,45 @@
+// The background runner: the one thread of the library. It loads the configuration, moves records
+// from the pending queue to the message file, uploads batches at thresholds (or each record at once
+// in real-time mode), sends the log and mirrors records to a debug server. One process-wide object,
+// g_back_run; data_init calls init() and starts it, data_stop calls stop().
+#ifndef VELTO_BACKRUN_H
+#define VELTO_BACKRUN_H
+
+#include <atomic>
+#include <string>
+
+#include "MsgFile.h"
+#include "OsApi.h"
+#include "Thread.h"
+
+namespace Velto {
+
+class BackRun : public Thread {
+public:
+    void init() override;  // creates the mutex, stop flag = 1
+    void run() override;   // the thread body
+    // Asks the loop to stop (stop flag 2) and waits at most 60 x 50 microseconds for it.
+    void stop();
+
+    // Running flag: 1 while the library accepts records. Read without the lock by the API calls.
+    int running() const { return running_.load(std::memory_order_relaxed); }
+    void set_running(int v);
+    int stop_flag() const { return stop_.load(std::memory_order_relaxed); }
+    void set_stop_flag(int v);
+
+    // Debug mirror: the first line of ROOT_DIR/DEBUG_MODE_SVR_ADDR, and one report row per answer.
+    std::string get_svrd();
+    void save_debug_msg(std::string& answer);
+
+    MsgFile& msg_file() { return msg_; }
+
+private:
+    Mutex m_;
+    MsgFile msg_;
+    std::atomic<int> running_{1};
+    std::atomic<int> stop_{0};
+};
+
+}  // namespace Velto
+
+#endif

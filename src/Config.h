@@ -1,0 +1,57 @@
+// The settings store: every tunable of the library as text under an upper-case key, filled with the
+// 23 built-in defaults, overlaid by the enciphered file "sdk.cf" and the server's configuration, and
+// read by every component. One process-wide object, Config::obj_; each access takes the store's own
+// mutex for that access only. init_conf, save_conf and get_conf_frm_svr run on the background thread.
+#ifndef VELTO_CONFIG_H
+#define VELTO_CONFIG_H
+
+#include <string>
+
+#include "OsApi.h"
+#include "Util.h"
+
+namespace Velto {
+
+class Config {
+public:
+    static Config* obj_;
+
+    // Creates the mutex on first use (data_init).
+    void init_mutex();
+
+    std::string get_str(const std::string& key);  // "" when absent
+    long long get_int(const std::string& key);    // atol of the value; 0 when absent or empty
+    void set(const std::string& key, long long value);           // "%lld"; empty key ignored
+    void set(const std::string& key, const std::string& value);  // as given; empty key ignored
+    bool has(const std::string& key);                             // presence, whatever the value
+    bool on(const std::string& key);                              // value upper-cased equals "ON"
+    long long ins(const std::string& key);  // increment-and-return; 0 and nothing stored when absent
+    int load_default();                     // the 23 defaults, overwriting
+    StrMap snapshot();                      // a copy of the whole store
+
+    // Defaults, then "sdk.cf", then the server when due. 0, 203, 204, 206 or 301.
+    int init_conf();
+    // Validates a flat JSON configuration key by key into the store; false when empty or < 10 items.
+    bool ana_conf(const std::string& text);
+    // The JSON of the saved keys; with write, also enciphers it into "sdk.cf". "" on failure.
+    std::string save_conf(bool write);
+    // POSTs the client's identity to the configuration endpoint; conf = the reply's "conf" member.
+    // 0, 204, 205 or 301.
+    int get_conf_frm_svr(std::string& conf);
+
+private:
+    StrMap map_;
+    Mutex m_;
+    bool mutex_inited_ = false;
+};
+
+// The collection server's base URL built in at compile time: "https://" + VELTO_COLLECT_HOST.
+std::string default_conf_url();
+// Where get_conf_frm_svr posts: "https://" + host + "/v1/conf". Tests aim it elsewhere with
+// set_conf_endpoint_host (for example "127.0.0.1:43210"); an empty host restores the built-in one.
+std::string conf_endpoint();
+void set_conf_endpoint_host(const std::string& host);
+
+}  // namespace Velto
+
+#endif

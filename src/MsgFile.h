@@ -1,0 +1,52 @@
+// The message file store: "sdk.msg" in the root directory holds the records not yet uploaded, one
+// line each ("<10-digit time>,<fencode of the record>"), with the journal "sdk.msg.bak" that lets a
+// rewrite survive a crash. Also sets batches aside as "MSG_PRE_" files and uploads them
+// (process_msgs). Used by the background thread only; no lock of its own.
+#ifndef VELTO_MSGFILE_H
+#define VELTO_MSGFILE_H
+
+#include <fstream>
+#include <string>
+
+#include "Util.h"
+
+namespace Velto {
+
+class MsgFile {
+public:
+    static const long long kDefaultLimit = 6291456;
+
+    // (Re)opens "sdk.msg" for reading and appending, restoring it from a journal of 10 bytes or more.
+    // 0, 203 (cannot open, or no root) or 210 (exception).
+    int open();
+    // Deletes "sdk.msg" when larger than the size limit; true when it did.
+    bool check_drop();
+    // Reads the valid records written at or after begin (begin < 1: all), keeping at most max_count
+    // (> 0) newest and about max_bytes (>= 1). newest = time of the last valid line (now when none).
+    // Returns minus the number of dropped lines. A null stream means the object's own.
+    int get_msg_list(long long begin, long long max_count, long long max_bytes, StrList& records,
+                     long long& newest, StrList* raw_lines, std::fstream* stream);
+    // The records, de-duplicated, each followed by "\n".
+    std::string comb_msg(long long begin, long long max_count, long long max_bytes, long long& newest,
+                         std::fstream* stream);
+    bool del_repeat(StrList& records);
+    // Rewrites the file through the journal keeping what get_msg_list keeps. 0, -1 or 210.
+    int roll_msg(long long begin, long long max_count, long long max_bytes, long long& newest);
+    // Sets "sdk.msg" aside (has_new) and uploads every set-aside file; true when none is left pending.
+    bool process_msgs(bool has_new);
+
+    // Appends one record line and flushes (the background loop's write).
+    bool append(long long time, const std::string& encoded);
+    void flush();
+    void close();
+    bool is_open() const { return fs_.is_open(); }
+    long long size_limit() const { return size_limit_; }
+
+private:
+    long long size_limit_ = kDefaultLimit;
+    std::fstream fs_;
+};
+
+}  // namespace Velto
+
+#endif

@@ -1,0 +1,71 @@
+// Platform-neutral operating-system services: the mutex registry and Velto::Mutex, sleeps, process
+// identity, renaming and listing files, GUIDs, the clock and the client identity. Each forwards to
+// the platform implementation chosen by the build (OsImpl.h). Safe on any thread.
+#ifndef VELTO_OSAPI_H
+#define VELTO_OSAPI_H
+
+#include <mutex>
+#include <string>
+
+#include "Util.h"
+
+namespace Velto {
+
+// Registry of mutexes: id -> mutex, ids dense from 0, never freed.
+void mutex_init();
+int new_mutex();
+std::mutex* get_mutex(int id);  // null for an id not issued
+
+// A handle on a registered, plain (non-recursive) mutex. A value inside every shared object;
+// init() before first use, idempotent.
+class Mutex {
+public:
+    void init();
+    bool lock();    // always true
+    int unlock();   // 0
+    int id() const { return id_; }
+    bool created() const { return handle_ != nullptr; }
+
+private:
+    int id_ = -1;
+    std::mutex* handle_ = nullptr;
+};
+
+// Holds a Velto::Mutex for a scope.
+class MutexLock {
+public:
+    explicit MutexLock(Mutex& m) : m_(m) { m_.lock(); }
+    ~MutexLock() { m_.unlock(); }
+    MutexLock(const MutexLock&) = delete;
+    MutexLock& operator=(const MutexLock&) = delete;
+
+private:
+    Mutex& m_;
+};
+
+void os_sleep(unsigned int seconds);
+void os_usleep(unsigned int microseconds);
+
+// Seconds since the epoch. Every time stamp of the library comes from here, so that tests can move
+// the clock with os_time_shift instead of waiting.
+long long os_time();
+void os_time_shift(long long seconds);  // test seam: adds to every later os_time()
+
+int get_pid();
+std::string get_pname();        // file name of the host executable, "" when unknown
+// The name part of an executable path: what follows the last "/" (else the last "\\"), or the whole
+// path when there is no separator or it stands among the last two bytes.
+std::string pname_from_path(const std::string& path);
+std::string get_sdk_version();  // "1.1.1.1113"
+// Renames dir + old_name to dir + new_name (dir must end in a separator); logs "rename: " on failure.
+bool rename_file(const std::string& dir, const std::string& old_name, const std::string& new_name);
+// Names of every entry of dir except "." and "..", in directory order; empty for dir shorter than 3.
+void get_files(const std::string& dir, StrList& out);
+std::string get_guid();  // "{" + 32 lower-case hex digits + "}"
+
+// The machine's client id as stored in "did": braces around, control and non-ASCII bytes as "0".
+std::string get_client_sign();
+
+}  // namespace Velto
+
+#endif

@@ -1,0 +1,61 @@
+// The Rijndael block cipher (AES when the block is 16 bytes) with ECB, CBC and CFB chaining.
+// Keys and blocks of 16, 24 or 32 bytes. Used by the payload envelope (Zip.h), one object per message.
+// Not thread-safe per object; the tables are shared constants.
+#ifndef VELTO_RIJNDAEL_H
+#define VELTO_RIJNDAEL_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace Velto {
+
+class CRijndael {
+public:
+    enum { ECB = 0, CBC = 1, CFB = 2 };
+    enum { DEFAULT_BLOCK_SIZE = 16, MAX_BLOCK_SIZE = 32, MAX_ROUNDS = 14, MAX_KC = 8, MAX_BC = 8 };
+
+    static const char* sm_szErrorMsg1;  // "Object not Initialized"
+    static const char* sm_szErrorMsg2;  // "Data not multiple of Block Size"
+
+    CRijndael();
+    virtual ~CRijndael();
+
+    // Expands the key; copies blockLen bytes of chain as the IV. Throws std::exception on a null key
+    // or a key/block length other than 16, 24 or 32 (nothing changed then).
+    void MakeKey(const char* key, const char* chain, int keylength = DEFAULT_BLOCK_SIZE,
+                 int blockSize = DEFAULT_BLOCK_SIZE);
+    // One 16-byte block with the T-tables.
+    void DefEncryptBlock(const char* in, char* result);
+    void DefDecryptBlock(const char* in, char* result);
+    // One block of the configured size.
+    void EncryptBlock(const char* in, char* result);
+    void DecryptBlock(const char* in, char* result);
+    // n bytes (a whole number of blocks, n > 0) in mode ECB/CBC/CFB; any other mode acts as ECB.
+    // The running chain continues across calls. Throws std::exception when not keyed or n is bad.
+    void Encrypt(const char* in, char* result, size_t n, int iMode = ECB);
+    void Decrypt(const char* in, char* result, size_t n, int iMode = ECB);
+    // XORs block-size bytes of chain into buff.
+    void Xor(char* buff, const char* chain);
+
+    int GetKeyLength() const;
+    int GetBlockSize() const;
+    int GetRounds() const;
+    void ResetChain();
+
+private:
+    bool m_bKeyInit;
+    uint32_t m_Ke[MAX_ROUNDS + 1][MAX_BC];
+    uint32_t m_Kd[MAX_ROUNDS + 1][MAX_BC];
+    int m_keylength;
+    int m_blockSize;
+    int m_iROUNDS;
+    char m_chain0[MAX_BLOCK_SIZE];
+    char m_chain[MAX_BLOCK_SIZE];
+    uint32_t tk[MAX_KC];
+    uint32_t a[MAX_BC];
+    uint32_t t[MAX_BC];
+};
+
+}  // namespace Velto
+
+#endif
