@@ -17,6 +17,7 @@ public:
 
     void reset();                      // empties the queue and creates the mutex (data_init)
     void put(const std::string& rec);  // never throws; an allocation failure loses the record
+    void put(std::string&& rec);       // the same, taking the text over without a copy
     std::string get();                 // oldest record, or "" when empty
     long long count();                 // records waiting
     bool lock();

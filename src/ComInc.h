@@ -16,21 +16,21 @@ class Session;
 
 // Result codes used between components (the public ones are also in velto.h).
 enum ResultCode {
-    R_OK = 0,
-    R_ALREADY_INIT = 101,
-    R_BAD_ROOT = 102,
-    R_BAD_ARG = 104,
-    R_NOT_INIT = 105,
-    R_BASE_INCOMPLETE = 106,
-    R_FILE_OPEN = 203,
-    R_SVR_REJECT = 204,
-    R_NO_REPLY = 205,
-    R_CONF_REJECT = 206,
-    R_STOPPED = 207,
-    R_QUEUE_FULL = 208,
-    R_KIND_OFF = 209,
-    R_MSG_EXCEPTION = 210,
-    R_EXCEPTION = 301,
+    RES_OK = 0,
+    RES_ALREADY_INIT = 101,
+    RES_BAD_ROOT = 102,
+    RES_BAD_ARG = 104,
+    RES_NOT_INIT = 105,
+    RES_BASE_INCOMPLETE = 106,
+    RES_FILE_OPEN = 203,
+    RES_SVR_REJECT = 204,
+    RES_NO_REPLY = 205,
+    RES_CONF_REJECT = 206,
+    RES_STOPPED = 207,
+    RES_QUEUE_FULL = 208,
+    RES_KIND_OFF = 209,
+    RES_MSG_EXCEPTION = 210,
+    RES_EXCEPTION = 301,
 };
 
 extern BackRun& g_back_run;

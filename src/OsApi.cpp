@@ -1,0 +1,119 @@
+// Portable side of the operating-system services: the mutex registry, sleeps, the clock, and the
+// wrappers over the platform implementation (OsImpl.h) with their platform-free rules. Any thread.
+#include "OsApi.h"
+
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <map>
+
+#include "BaseInfo.h"
+#include "ClientSign.h"
+#include "ComInc.h"
+#include "Log.h"
+#include "OsImpl.h"
+
+namespace Velto {
+
+namespace {
+
+// Registry of every mutex of the process. Mutexes are never freed: objects holding them live for the
+// whole process, and a host may exit while the background thread still uses them.
+struct MutexRegistry {
+    std::mutex guard;
+    std::map<int, std::mutex*> mutexes;
+};
+
+MutexRegistry& registry() {
+    static MutexRegistry* r = new MutexRegistry();  // never destroyed, usable during static init
+    return *r;
+}
+
+std::atomic<long long> g_time_shift{0};
+
+}  // namespace
+
+void mutex_init() {
+    // The registry is ready from its first use; mutexes made at load time stay registered.
+    registry();
+}
+
+int new_mutex() {
+    MutexRegistry& r = registry();
+    std::lock_guard<std::mutex> hold(r.guard);
+    int id = static_cast<int>(r.mutexes.size());
+    r.mutexes[id] = new std::mutex();
+    return id;
+}
+
+std::mutex* get_mutex(int id) {
+    MutexRegistry& r = registry();
+    std::lock_guard<std::mutex> hold(r.guard);
+    auto it = r.mutexes.find(id);
+    return it == r.mutexes.end() ? nullptr : it->second;
+}
+
+void Mutex::init() {
+    if (id_ >= 0) return;
+    id_ = new_mutex();
+    handle_ = get_mutex(id_);
+}
+
+bool Mutex::lock() {
+    if (handle_) handle_->lock();
+    return true;
+}
+
+int Mutex::unlock() {
+    if (handle_) handle_->unlock();
+    return 0;
+}
+
+void os_sleep(unsigned int seconds) { sleep(seconds); }
+
+void os_usleep(unsigned int microseconds) { usleep(microseconds); }
+
+long long os_time() { return static_cast<long long>(time(nullptr)) + g_time_shift.load(); }
+
+void os_time_shift(long long seconds) { g_time_shift.fetch_add(seconds); }
+
+int get_pid() { return os_impl::get_pid_impl(); }
+
+std::string pname_from_path(const std::string& path) {
+    if (path.empty()) return "";
+    size_t sep = path.rfind('/');
+    if (sep == std::string::npos) sep = path.rfind('\\');
+    if (sep != std::string::npos && sep + 2 < path.size()) return path.substr(sep + 1);
+    return path;
+}
+
+std::string get_pname() { return pname_from_path(os_impl::get_pname_impl()); }
+
+std::string get_sdk_version() { return os_impl::get_sdk_version_impl(); }
+
+bool rename_file(const std::string& dir, const std::string& old_name, const std::string& new_name) {
+    std::string error;
+    if (os_impl::rename_file_impl(dir + old_name, dir + new_name, error)) return true;
+    LOGE << "rename: " << error << LEND;
+    return false;
+}
+
+void get_files(const std::string& dir, StrList& out) {
+    out.clear();
+    if (dir.size() < 3) return;
+    os_impl::get_files_impl(dir, out);
+}
+
+std::string get_guid() { return os_impl::get_guid_impl(); }
+
+std::string get_client_sign() {
+    try {
+        std::string brand = g_base_info["BRAND"];
+        return sanitize_client_sign(os_impl::get_client_sign_impl(brand));
+    } catch (...) {
+        return "";
+    }
+}
+
+}  // namespace Velto
