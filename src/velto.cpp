@@ -1,0 +1,400 @@
+// The exported functions of libVelto: start and stop, the base information, the five record calls,
+// foreground/background changes and the two test entry points. They run on the host's threads; the
+// API lock serialises them, and none lets an exception out (every failure is a result code).
+#include "velto.h"
+
+#include <curl/curl.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "BackRun.h"
+#include "BaseInfo.h"
+#include "Cache.h"
+#include "ComInc.h"
+#include "Config.h"
+#include "Log.h"
+#include "OsApi.h"
+#include "Session.h"
+#include "Thread.h"
+#include "Util.h"
+
+namespace {
+
+using Velto::api_m;
+using Velto::BaseInfo;
+using Velto::Cache;
+using Velto::Config;
+using Velto::g_back_run;
+using Velto::g_base_info;
+using Velto::g_session;
+using Velto::MutexLock;
+using Velto::StrMap;
+namespace Util = Velto::Util;
+
+const size_t kMaxName = 64;          // categories, actions, labels, base fields
+const size_t kMaxStack = 2048;       // data_err_trace stack
+const size_t kMaxProperties = 1024;  // data_experience properties
+const size_t kMaxBaseLine = 1024;    // data_base_info2 line
+const long long kMaxPending = 1000;  // queued records before record calls refuse
+const char kInitPrefix[] = "INIT_EVENT";
+
+// Set by the first data_init that gets that far, so libcurl is initialised once per process even
+// when a data_init fails after it and is called again. Read and written under the API lock.
+bool g_curl_ready = false;
+
+void log_exception(const char* name) noexcept {
+    try {
+        LOGE << "Exception, " << name << LEND;
+    } catch (...) {
+        // Nothing more can be done: the host must still get its result code.
+    }
+}
+
+// The one catch-all of the exported calls: any exception becomes 301 and "Exception, <name>".
+template <typename Body>
+int guarded(const char* name, Body&& body) noexcept {
+    try {
+        return body();
+    } catch (...) {
+        log_exception(name);
+        return Velto::RES_EXCEPTION;
+    }
+}
+
+// True when text is non-null and its length in bytes lies in [min, max]. Never reads past max + 1
+// bytes, so a huge host text costs nothing.
+bool length_in(const char* text, size_t min, size_t max) {
+    if (text == nullptr) return false;
+    size_t n = strnlen(text, max + 1);
+    return n >= min && n <= max;
+}
+
+bool is_initialised() {
+    return Config::obj_->has("ROOT_DIR");
+}
+
+bool is_running() {
+    return g_back_run.running() == 1;
+}
+
+// Stores the escaped text under key when its length is in [min, max].
+bool put_text(StrMap& rec, const char* key, const char* text, size_t min, size_t max) {
+    if (!length_in(text, min, max)) return false;
+    rec[key] = Util::trim_json(text);
+    return true;
+}
+
+// Like put_text, but a null text is accepted and leaves the key out.
+bool put_optional_text(StrMap& rec, const char* key, const char* text, size_t min, size_t max) {
+    return text == nullptr || put_text(rec, key, text, min, max);
+}
+
+// Stamps a record with one clock reading (session id and time) and renders it.
+std::string stamp_and_render(StrMap& rec) {
+    long long now = Velto::os_time();
+    rec["sid"] = g_session.GetSID(now);
+    rec["ostime"] = Util::ltoa(now);
+    return Util::to_json(rec);
+}
+
+// Refusals of a record call once the API lock is held, in their fixed order.
+int record_gate(const char* switch_key) {
+    if (Config::obj_->has(switch_key)) return Velto::RES_KIND_OFF;
+    if (g_base_info.count() < BaseInfo::kComplete) return Velto::RES_BASE_INCOMPLETE;
+    if (Cache::obj_->count() > kMaxPending) return Velto::RES_QUEUE_FULL;
+    return Velto::RES_OK;
+}
+
+// The frame shared by the five record calls. The exported name is also the kind's switch key;
+// fill_own_keys checks and sets the call's own keys and returns false on a bad argument.
+template <typename Fill>
+int record_call(const char* name, const char* log_name, const char* dtype, Fill&& fill_own_keys) {
+    return guarded(name, [&]() -> int {
+        if (!is_running()) return Velto::RES_STOPPED;
+        LOGI << log_name << LEND;
+        MutexLock hold(api_m);
+        int refusal = record_gate(name);
+        if (refusal != Velto::RES_OK) return refusal;
+        StrMap rec;
+        g_base_info.copy(rec);
+        rec["dtype"] = dtype;
+        if (!fill_own_keys(rec)) return Velto::RES_BAD_ARG;
+        Cache::obj_->put(stamp_and_render(rec));
+        return Velto::RES_OK;
+    });
+}
+
+// The cheap tests of data_base_info(2) that need no lock and log nothing.
+int base_info_precheck() {
+    if (!is_initialised()) return Velto::RES_NOT_INIT;
+    if (!is_running()) return Velto::RES_STOPPED;
+    return Velto::RES_OK;
+}
+
+void queue_init_record() {
+    StrMap rec;
+    g_base_info.copy(rec);
+    rec["dtype"] = "init";
+    std::string text = kInitPrefix;
+    text += stamp_and_render(rec);
+    Cache::obj_->put(std::move(text));
+}
+
+// data_base_info after its lock: checks, stores and queues the "init" record. A bad psource or uid
+// is found only after the fields before it were stored; they stay stored (the stores are kept
+// in this order on purpose).
+int store_base_info(const char* tid, long long pid, const char* pver, int oszone, const char* uip,
+                    const char* plang, const char* ostype, const char* osver, int osbit, const char* oslang,
+                    long long tinstall, const char* psource, const char* uid) {
+    const char* required[] = {tid, pver, uip, plang, ostype, osver, oslang};
+    for (const char* text : required) {
+        if (!length_in(text, 1, kMaxName)) return Velto::RES_BAD_ARG;
+    }
+    if (osbit != 64 && osbit != 32) return Velto::RES_BAD_ARG;
+
+    std::string escaped_tid = Util::trim_json(tid);
+    g_base_info.set("tid", escaped_tid);
+    g_base_info.set("pid", Util::ltoa(pid));
+    LOGI << "client_sign: " << g_base_info["did"] << LEND;
+    g_base_info.set("pver", Util::trim_json(pver));
+    g_base_info.set("uip", Util::trim_json(uip));
+    g_base_info.set("plang", Util::trim_json(plang));
+    g_base_info.set("ostype", Util::trim_json(ostype));
+    g_base_info.set("osver", Util::trim_json(osver));
+    g_base_info.set("osbit", Util::ltoa(osbit));
+    g_base_info.set("oslang", Util::trim_json(oslang));
+    g_base_info.set("oszone", Util::ltoa(oszone));
+
+    if (psource != nullptr && !length_in(psource, 0, kMaxName)) return Velto::RES_BAD_ARG;
+    g_base_info.set("psource", psource ? Util::trim_json(psource) : std::string());
+    // The transport and the configuration fetch identify the product by it.
+    Config::obj_->set("tid", escaped_tid);
+    if (tinstall > 0) g_base_info.set("tinstall", Util::ltoa(tinstall));
+    if (uid != nullptr && !length_in(uid, 0, kMaxName)) return Velto::RES_BAD_ARG;
+    g_base_info.set("uid", uid ? Util::trim_json(uid) : std::string());
+
+    queue_init_record();
+    return Velto::RES_OK;
+}
+
+// The thirteen values of a data_base_info2 line, as data_base_info takes them.
+struct BaseInfoArgs {
+    std::string text[13];  // tid, pid, pver, oszone, uip, plang, ostype, osver, osbit, oslang,
+                           // tinstall, psource, uid
+    bool has_uid = false;  // a line of twelve pieces gives no uid
+
+    const char* optional(int i) const { return text[i] == "NULL" ? nullptr : text[i].c_str(); }
+};
+
+long long to_long(const std::string& s) {
+    return strtoll(s.c_str(), nullptr, 10);
+}
+int to_int(const std::string& s) {
+    return static_cast<int>(strtol(s.c_str(), nullptr, 10));
+}
+
+// Splits the line at single spaces; false when it is too short, has fewer than twelve pieces, or
+// a piece is longer than a base field may be. Pieces after the thirteenth are ignored.
+bool parse_base_line(const char* line, BaseInfoArgs& args) {
+    if (!length_in(line, 1, kMaxBaseLine)) return false;
+    Velto::StrList pieces;
+    Util::splits(line, pieces, " ", false);
+    if (pieces.size() < 12) return false;
+    int i = 0;
+    for (auto it = pieces.begin(); it != pieces.end() && i < 13; ++it, ++i) {
+        if (it->empty() || it->size() > kMaxName) return false;
+        args.text[i].swap(*it);
+    }
+    args.has_uid = i == 13;
+    return true;
+}
+
+}  // namespace
+
+extern "C" {
+
+int data_init(const char* root, const char* brand) {
+    return guarded("data_init", [&]() -> int {
+        Velto::mutex_init();
+        api_m.init();
+        MutexLock hold(api_m);
+        Config::obj_->init_mutex();
+        g_base_info.init_mutex();
+        if (is_initialised()) return Velto::RES_ALREADY_INIT;
+        if (root == nullptr || brand == nullptr || strnlen(brand, 3) < 3) return Velto::RES_BAD_ARG;
+
+        // Every file name of the library is appended to this prefix, so it always ends in "/".
+        std::string prefix = std::string(root) + "/";
+        if (prefix.size() < 4) return Velto::RES_BAD_ROOT;
+        // The probe is the only test of the root directory; the empty file is left in place.
+        FILE* probe = fopen((prefix + "tmp").c_str(), "w");
+        if (probe == nullptr) return Velto::RES_BAD_ROOT;
+        fclose(probe);
+
+        long long start = Velto::os_time();
+        Cache::obj_->reset();
+        g_back_run.init();
+
+        g_base_info.clear();
+        g_base_info.set("tstart", Util::ltoa(start));
+        g_base_info.set("BRAND", brand);
+        g_base_info.set("did", Velto::get_client_sign());  // reads "BRAND", so it comes after it
+        g_base_info.set("procname", Velto::get_pname());
+        g_base_info.set("procid", Util::ltoa(Velto::get_pid()));
+        g_base_info.set("modver", Velto::get_sdk_version());
+
+        Velto::Log::obj_->init((std::string(root) + "/sdk.log").c_str());
+        if (!g_curl_ready) {
+            curl_global_init(CURL_GLOBAL_ALL);
+            g_curl_ready = true;
+        }
+        LOGI << "data_init to start thread" << LEND;
+        // From here on the library counts as initialised; it cannot be initialised again.
+        Config::obj_->set("ROOT_DIR", prefix);
+        Velto::start_thread(&g_back_run);
+        LOGI << "data_init end" << LEND;
+        return Velto::RES_OK;
+    });
+}
+
+void data_stop(void) {
+    guarded("data_stop", []() -> int {
+        MutexLock hold(api_m);
+        if (is_initialised()) LOGI << "data_stop" << LEND;
+        g_back_run.set_running(0);
+        g_back_run.stop();
+        // Also without data_init: harmless for libcurl, and kept so on purpose.
+        curl_global_cleanup();
+        return 0;
+    });
+}
+
+int data_base_info(const char* tid, long long pid, const char* pver, int oszone, const char* uip,
+                   const char* plang, const char* ostype, const char* osver, int osbit, const char* oslang,
+                   long long tinstall, const char* psource, const char* uid) {
+    return guarded("data_base_info", [&]() -> int {
+        int refusal = base_info_precheck();
+        if (refusal != Velto::RES_OK) return refusal;
+        LOGI << "base_info" << LEND;
+        MutexLock hold(api_m);
+        return store_base_info(tid, pid, pver, oszone, uip, plang, ostype, osver, osbit, oslang, tinstall,
+                               psource, uid);
+    });
+}
+
+int data_base_info2(const char* line) {
+    return guarded("data_base_info2", [&]() -> int {
+        int refusal = base_info_precheck();
+        if (refusal != Velto::RES_OK) return refusal;
+        LOGI << "base_info2" << LEND;
+        MutexLock hold(api_m);
+        BaseInfoArgs a;
+        if (!parse_base_line(line, a)) return Velto::RES_BAD_ARG;
+
+        // Runs data_base_info under the lock already held (the lock is not recursive).
+        refusal = base_info_precheck();
+        if (refusal != Velto::RES_OK) return refusal;
+        LOGI << "base_info" << LEND;
+        long long tinstall = a.text[10] == "NULL" ? 0 : to_long(a.text[10]);
+        return store_base_info(a.text[0].c_str(), to_long(a.text[1]), a.text[2].c_str(), to_int(a.text[3]),
+                               a.text[4].c_str(), a.text[5].c_str(), a.text[6].c_str(), a.text[7].c_str(),
+                               to_int(a.text[8]), a.text[9].c_str(), tinstall, a.optional(11),
+                               a.has_uid ? a.optional(12) : nullptr);
+    });
+}
+
+int data_base_ext(const char* key, const char* value) {
+    return guarded("data_base_ext", [&]() -> int {
+        MutexLock hold(api_m);
+        LOGI << "base_ext" << LEND;
+        g_base_info.init_mutex();
+        // Completeness is tested before the running flag here, unlike the record calls.
+        if (g_base_info.count() < BaseInfo::kComplete) return Velto::RES_BASE_INCOMPLETE;
+        if (!is_running()) return Velto::RES_STOPPED;
+        if (!length_in(key, 1, kMaxName) || !length_in(value, 1, kMaxName)) return Velto::RES_BAD_ARG;
+        g_base_info.set(key, Util::trim_json(value));
+        return Velto::RES_OK;
+    });
+}
+
+int data_event(const char* category, const char* action, const char* label, long long value) {
+    return record_call("data_event", "event", "event", [&](StrMap& rec) {
+        if (!put_text(rec, "category", category, 1, kMaxName)) return false;
+        if (!put_text(rec, "act", action, 1, kMaxName)) return false;
+        if (!put_optional_text(rec, "label", label, 0, kMaxName)) return false;
+        if (value != 0) rec["dvalue"] = Util::ltoa(value);
+        return true;
+    });
+}
+
+int data_screen(const char* name) {
+    return record_call("data_screen", "screen", "screenview",
+                       [&](StrMap& rec) { return put_text(rec, "category", name, 1, kMaxName); });
+}
+
+int data_count(const char* category, long long duration, const char* label) {
+    return record_call("data_count", "count", "timing", [&](StrMap& rec) {
+        if (!put_text(rec, "category", category, 1, kMaxName)) return false;
+        if (duration <= 0) return false;
+        rec["ttime"] = Util::ltoa(duration);
+        // Unlike the other calls, an empty label is refused here.
+        return put_optional_text(rec, "label", label, 1, kMaxName);
+    });
+}
+
+int data_err_trace(const char* desc, int fatal, const char* label, const char* stack) {
+    return record_call("data_err_trace", "err_trace", "exception", [&](StrMap& rec) {
+        if (!put_text(rec, "desc", desc, 1, kMaxName)) return false;
+        // Tested as unsigned, so a negative level is refused too.
+        if (static_cast<unsigned int>(fatal) > 2) return false;
+        rec["fatal"] = Util::ltoa(fatal);
+        if (!put_optional_text(rec, "label", label, 0, kMaxName)) return false;
+        return put_optional_text(rec, "stack", stack, 0, kMaxStack);
+    });
+}
+
+int data_experience(const char* category, const char* action, const char* properties) {
+    return record_call("data_experience", "experience", "experience", [&](StrMap& rec) {
+        if (!put_text(rec, "category", category, 1, kMaxName)) return false;
+        if (!put_text(rec, "act", action, 1, kMaxName)) return false;
+        return put_optional_text(rec, "properties", properties, 0, kMaxProperties);
+    });
+}
+
+int data_changestate(int foreground) {
+    return guarded("data_changestate", [&]() -> int {
+        bool changed;
+        {
+            MutexLock hold(api_m);
+            changed = g_session.ChangeState(foreground);
+        }
+        if (!changed) return Velto::RES_OK;
+        // The state has changed even when the event is refused (stopped, switched off, ...).
+        return data_event("default", foreground != 0 ? "fg" : "bg", "", 0);
+    });
+}
+
+int call_test(int n, char* buf) {
+    return guarded("call_test", [&]() -> int {
+        if (buf == nullptr) return Velto::RES_EXCEPTION;
+        // The host's buffer must hold 21 bytes (the longest number it can get).
+        sprintf(buf, "api get: %d", n);
+        printf("api get: %d\n", n);
+        fflush(stdout);
+        return Velto::RES_OK;
+    });
+}
+
+}  // extern "C"
+
+int call_test3(int n, char* buf) {
+    (void)n;
+    if (buf != nullptr) {
+        buf[0] = 'y';
+        buf[1] = '\0';
+    }
+    return 5;
+}
