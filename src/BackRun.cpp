@@ -1,11 +1,506 @@
-// The background runner. For now the thread implements only the start and stop handshake with
-// data_init/data_stop; moving records to the message file and uploading them comes with the
-// delivery loop.
+// The background runner: the library's one thread (g_back_run, started by data_init, asked to stop
+// by data_stop). It loads the configuration, moves records from the pending queue into "sdk.msg",
+// decides when batches are uploaded (at once in real-time mode, at thresholds of age, count or size,
+// at start and at stop), sends the log and the current configuration on request, trims the message
+// file, and mirrors each record to a debug server with an HTML report when a switch file asks for it.
 #include "BackRun.h"
 
+#include <time.h>
+
+#include <cstdio>
+#include <fstream>
+
+#include "BaseInfo.h"
+#include "Cache.h"
+#include "ComInc.h"
+#include "Config.h"
+#include "HttpClient.h"
 #include "Log.h"
 
 namespace Velto {
+
+namespace {
+
+const char kInitPrefix[] = "INIT_EVENT";
+const size_t kInitPrefixLen = sizeof(kInitPrefix) - 1;
+const long long kRetryPause = 300;   // seconds without uploads after a failed one
+const long long kTickWrap = 60000;   // the tick counter restarts at 1 past this
+const long long kSkipEvery = 333;    // under constant traffic, idle work gets a turn this often
+const long long kHousekeeping = 15;  // roll check and periodic save every this many ticks
+const unsigned int kIdleWaitUs = 500;
+const int kInitAttempts = 3;
+
+// ---------------------------------------------------------------------------------------------
+// The loop of one run. Its members are the locals of the thread body; the settings are read once
+// at start so that the per-record path does no settings look-ups.
+class DeliveryLoop {
+  public:
+    explicit DeliveryLoop(BackRun& owner) : owner_(owner), msg_(owner.msg_file()) {}
+
+    void run();
+
+  private:
+    bool start_up();
+    void read_settings();
+    void count_pending();
+    void send_old_at_start();
+    void send_log_and_conf();
+    void main_loop();
+    // One idle turn (no record taken). False when the loop has to end.
+    bool idle_turn();
+    void handle_record(std::string& item);
+    bool send_real_time(const std::string& item);
+    bool send_initial(const std::string& item);
+    void save_to_file(const std::string& item);
+    void end_of_run_upload();
+    void shut_down();
+
+    // Batch send: sets the pending records aside and uploads every set-aside file.
+    bool upload_batch();
+    void note_batch_sent();
+    bool threshold_passed(long long now) const;
+    void mark_sent_now(long long now);
+
+    BackRun& owner_;
+    MsgFile& msg_;
+    Config& conf_ = *Config::obj_;
+
+    std::string upload_base_;
+    std::string data_url_;
+    std::string debug_url_;
+    bool real_time_ = false;
+    bool begin_switch_ = false;
+    bool end_switch_ = false;
+    long long send_gap_ = 0;
+    long long send_num_ = 0;
+    long long send_size_ = 0;
+    long long max_file_size_ = 0;
+    long long max_log_size_ = 0;
+
+    long long last_send_ = 0;
+    long long error_time_ = 0;
+    long long pending_count_ = 0;
+    long long pending_bytes_ = 0;
+    long long gap_ = 0;
+    long long size_limit_ = 0;
+    long long retention_ = 0;
+    long long file_limit_ = 0;
+    long long tick_ = 0;
+    long long newest_ = 0;
+};
+
+void DeliveryLoop::run() {
+    if (!start_up()) return;
+    main_loop();
+    shut_down();
+}
+
+// Steps before the loop. False when the run gives up (running flag 0, stop flag left as it is).
+bool DeliveryLoop::start_up() {
+    LOGI << "back thread start ..." << LEND;
+    LOGI << "sdk version: " << g_base_info["modver"] << LEND;
+
+    int r = conf_.init_conf();
+    if (r == RES_EXCEPTION) {
+        owner_.set_running(0);
+        LOGE << "init_conf exception" << LEND;
+        return false;
+    }
+    if (r != 0) LOGW << "init_conf ret: " << r << LEND;
+
+    upload_base_ = conf_.get_str("CONF_URL");
+    data_url_ = upload_base_ + "/v1/data";
+
+    r = msg_.open();
+    if (r != 0) {
+        os_sleep(3);
+        LOGW << "retry to open msg file, last ret: " << r << LEND;
+        r = msg_.open();
+        if (r != 0) {
+            owner_.set_running(0);
+            LOGE << "open_msg_fp, ret: " << r << LEND;
+            return false;
+        }
+    }
+    msg_.check_drop();
+
+    read_settings();
+    // Unsigned on purpose: a negative product wraps to a huge value and is refused.
+    unsigned long long log_limit = static_cast<unsigned long long>(max_log_size_ * 1024);
+    if (log_limit >= 1025 && log_limit <= 41943039ULL) Log::obj_->set_size_limit(log_limit);
+
+    if (!conf_.on("COLLECT_ON")) {
+        owner_.set_running(0);
+        LOGI << "data sdk is not opened, to exit..." << r << LEND;
+        return false;
+    }
+
+    debug_url_ = owner_.get_svrd();
+    if (!debug_url_.empty()) debug_url_ += "/v1/data";
+
+    count_pending();
+    send_old_at_start();
+    send_log_and_conf();
+    LOGI << "back thread loop start ..." << LEND;
+    return true;
+}
+
+// Later changes of these keys take effect at the next start.
+void DeliveryLoop::read_settings() {
+    real_time_ = conf_.get_str("COLLECT_WAY") == "REAL";
+    begin_switch_ = conf_.on("SEND_BEGINPOINTS");
+    end_switch_ = conf_.on("SEND_ENDPOINTS");
+    send_gap_ = conf_.get_int("SEND_GAP");
+    send_num_ = conf_.get_int("SEND_NUM");
+    send_size_ = conf_.get_int("SEND_SIZE");
+    long long resv_day = conf_.get_int("MAX_RESV_DAY");
+    max_file_size_ = conf_.get_int("MAX_FILE_SIZE");
+    max_log_size_ = conf_.get_int("MAX_LOG_SIZE");
+    last_send_ = conf_.get_int("LAST_SEND");
+
+    gap_ = send_gap_ * 60;
+    size_limit_ = send_size_ * 1024;
+    retention_ = resv_day * 86400;
+    file_limit_ = max_file_size_ * 1024;
+}
+
+// What the file holds since the last successful batch, as the thresholds count it.
+void DeliveryLoop::count_pending() {
+    StrList records;
+    msg_.get_msg_list(last_send_, 0, 0, records, newest_, nullptr, nullptr);
+    pending_count_ = static_cast<long long>(records.size());
+    pending_bytes_ = 0;
+    for (const std::string& rec : records) pending_bytes_ += static_cast<long long>(rec.size());
+}
+
+void DeliveryLoop::send_old_at_start() {
+    bool due;
+    if (real_time_ || begin_switch_) {
+        LOGI << "chk old msgs" << LEND;
+        due = true;
+    } else {
+        due = threshold_passed(os_time());
+    }
+    if (!due) return;
+    if (upload_batch()) {
+        note_batch_sent();
+        error_time_ = 0;
+    } else {
+        LOGW << "snd old msgs" << LEND;
+        error_time_ = os_time();
+    }
+}
+
+void DeliveryLoop::send_log_and_conf() {
+    if (conf_.on("SEND_LOG_ON") && Log::obj_->send_log() != 0) {
+        error_time_ = os_time();
+        LOGW << "snd log: " << error_time_ << LEND;
+    }
+    if (conf_.on("SEND_CUR_CONF")) {
+        LOGI << "snd cur cnf" << LEND;
+        std::string text = conf_.save_conf(false);
+        if (send_msg(text, data_url_.c_str(), "conf") != 0) {
+            error_time_ = os_time();
+            LOGE << "send conf: " << error_time_ << LEND;
+        }
+    }
+}
+
+void DeliveryLoop::main_loop() {
+    std::string item;
+    while (owner_.stop_flag() != 0) {
+        if (!msg_.is_open()) msg_.open();
+        if (tick_ > kTickWrap) tick_ = 1;
+        if (tick_ % kSkipEvery == 0) {
+            item.clear();
+            ++tick_;
+        } else {
+            item = Cache::obj_->get();
+        }
+        if (item.empty()) {
+            if (!idle_turn()) return;
+        } else {
+            handle_record(item);
+        }
+    }
+}
+
+bool DeliveryLoop::idle_turn() {
+    if (owner_.stop_flag() == 2) {
+        owner_.set_running(0);
+        if (end_switch_) end_of_run_upload();
+        LOGI << "to exit" << LEND;
+        return false;
+    }
+
+    if (msg_.size_limit() < pending_bytes_ && msg_.check_drop()) pending_count_ = pending_bytes_ = 0;
+
+    long long now = os_time();
+    if (threshold_passed(now) && pending_bytes_ > 0) {
+        LOGI << "to send, err: " << error_time_ << ", gap: " << gap_ << ", ok: " << last_send_
+             << ", send_n: " << send_num_ << ", msg_n: " << pending_count_ << ", send_s: " << size_limit_
+             << ", msg_s: " << pending_bytes_ << ", tm: " << now << LEND;
+        int sent = upload_batch() ? 1 : 0;
+        if (sent) {
+            note_batch_sent();
+        } else {
+            LOGW << "send ret: " << sent << LEND;
+            error_time_ = now;
+        }
+        return true;  // straight on to the next turn, no sleep
+    }
+
+    if ((retention_ > 0 || max_file_size_ > 0) && tick_ % kHousekeeping == 5) {
+        ++tick_;
+        // Overwritten in place on purpose: successive checks alternate between a cut-off time and a
+        // small number of seconds (the file format's history depends on it).
+        if (retention_ > 0) retention_ = now - retention_;
+        LOGI << "chk roll_msg size: " << file_limit_ << ", rev_tm: " << retention_ << LEND;
+        msg_.roll_msg(retention_, 0, file_limit_, newest_);
+    }
+
+    if (tick_ % kHousekeeping == 0) {
+        ++tick_;
+        conf_.save_conf(true);
+        Log::obj_->flush();
+        if (!real_time_) msg_.flush();
+    } else {
+        os_usleep(kIdleWaitUs);
+    }
+    return true;
+}
+
+void DeliveryLoop::handle_record(std::string& item) {
+    ++tick_;
+    bool initial = item.compare(0, kInitPrefixLen, kInitPrefix) == 0;
+    if (initial) item.erase(0, kInitPrefixLen);
+
+    if (!debug_url_.empty()) {
+        LOGI << "debug_svr: " << debug_url_ << ", msg: " << item << LEND;
+        std::string reply = send_msg_res(item, debug_url_.c_str(), "data");
+        if (!reply.empty()) owner_.save_debug_msg(reply);
+    }
+
+    if (send_real_time(item)) return;
+    if (initial && send_initial(item)) return;
+    save_to_file(item);
+
+    // The queue is still drained; the loop leaves on the next empty item.
+    if (owner_.stop_flag() == 2) owner_.set_running(0);
+}
+
+// True when the record went out and need not be written to the file.
+bool DeliveryLoop::send_real_time(const std::string& item) {
+    long long now = os_time();
+    if (!real_time_ || now - error_time_ <= kRetryPause) return false;
+    LOGI << "snd real" << LEND;
+    int r = send_msg(item, data_url_.c_str(), "data");
+    if (r == 0) {
+        mark_sent_now(now);
+        return true;
+    }
+    LOGW << "snd real: " << r << LEND;
+    error_time_ = now;
+    return false;
+}
+
+// The initial event is wanted at the server at once: up to three attempts, a second apart.
+bool DeliveryLoop::send_initial(const std::string& item) {
+    LOGI << "addtional send" << LEND;
+    int r = 0;
+    for (int attempt = 0; attempt < kInitAttempts; ++attempt) {
+        r = send_msg(item, data_url_.c_str(), "data");
+        if (r == 0) {
+            mark_sent_now(os_time());
+            return true;
+        }
+        os_sleep(1);
+    }
+    LOGW << "snd init: " << r << LEND;
+    error_time_ = os_time();
+    return false;
+}
+
+void DeliveryLoop::save_to_file(const std::string& item) {
+    LOGI << "save msg to file" << LEND;
+    msg_.append(os_time(), Util::fencode(item));
+    pending_bytes_ += static_cast<long long>(item.size());
+    ++pending_count_;
+}
+
+// At stop: the batch send without saving the configuration (the shutdown saves it).
+void DeliveryLoop::end_of_run_upload() {
+    LOGI << "end, to upload" << LEND;
+    if (upload_batch()) {
+        conf_.set("LAST_SEND", newest_);
+        LOGI << "upload ok" << LEND;
+    } else {
+        LOGW << "upload fail" << LEND;
+    }
+}
+
+void DeliveryLoop::shut_down() {
+    LOGI << "back thread stop ..." << LEND;
+    owner_.set_running(0);
+    if (msg_.is_open()) msg_.close();
+    conf_.save_conf(true);
+    owner_.set_stop_flag(0);
+}
+
+bool DeliveryLoop::upload_batch() {
+    std::string pending = msg_.comb_msg(last_send_, 0, 0, newest_, nullptr);
+    return msg_.process_msgs(!pending.empty());
+}
+
+void DeliveryLoop::note_batch_sent() {
+    last_send_ = newest_;
+    conf_.set("LAST_SEND", newest_);
+    conf_.save_conf(true);
+    pending_count_ = pending_bytes_ = 0;
+}
+
+bool DeliveryLoop::threshold_passed(long long now) const {
+    if (now - error_time_ <= kRetryPause) return false;
+    return (send_gap_ > 0 && now - last_send_ > gap_) || (send_num_ > 0 && pending_count_ >= send_num_) ||
+           (send_size_ > 0 && pending_bytes_ > size_limit_);
+}
+
+void DeliveryLoop::mark_sent_now(long long now) {
+    last_send_ = now;
+    conf_.set("LAST_SEND", now);  // kept in the store only; saved with the next periodic save
+}
+
+// ---------------------------------------------------------------------------------------------
+// The debug report "debug_msg_to_svr.html".
+
+const char kReportName[] = "debug_msg_to_svr.html";
+const char kSwitchName[] = "DEBUG_MODE_SVR_ADDR";
+
+const char kStyleSheet[] =
+    "#customers{font-family:\"Trebuchet MS\", Arial, Helvetica, sans-serif;width:100%;border-collapse:"
+    "collapse;}#customers td, #customers th {font-size:1em;border:1px solid #98bf21;padding:3px 7px 2px "
+    "7px;}#customers th {font-size:1.1em;text-align:center;padding-top:5px;padding-bottom:4px;background-"
+    "color:#A7C942;color:#ffffff;}#customers tr.alt td {color:#000000;background-color:#EAF2D3;}";
+static_assert(sizeof(kStyleSheet) - 1 == 385, "the report's style sheet is 385 characters");
+
+// The heading stays in its legacy GB2312 encoding; the page declares no character set.
+const char kBodyStart[] =
+    "</head><body><h1 style=\"text-align:center\">"
+    "\xCA\xFD\xBE\xDD\xB2\xC9\xBC\xAF"
+    "SDK "
+    "\xB5\xF7\xCA\xD4\xCF\xFB\xCF\xA2"
+    "</h1><table id=\"customers\">";
+static_assert(sizeof(kBodyStart) - 1 == 90, "the report's heading line is 90 bytes");
+
+const char kHeaderRow[] =
+    "<tr><th style=\"width:150\">time</th><th>type</th><th>extend info</th><th>common info</th></tr>";
+const char kRowsBegin[] = "<!--you can delete table rows in this area begin-->";
+const char kRowsEnd[] = "<!--you can delete table rows in this area end-->";
+const char kRowPlain[] = "<tr><td>";
+const char kRowAlt[] = "<tr class=\"alt\"><td>";
+const char kRowEnd[] = "</td></tr>";
+
+struct CommonKey {
+    const char* key;
+    const char* label;
+    const char* after;
+};
+
+// The common information cell, in this order; a line break inside the cell after "plang".
+const CommonKey kCommonKeys[] = {
+    {"tid", "tid:", ", "},           {"pid", "pid:", ", "},           {"pver", "pver:", ", "},
+    {"oszone", "oszone:", ", "},     {"procname", "procname:", ", "}, {"procid", "procid:", ", "},
+    {"plang", "plang:", ",<br/>"},   {"uip", "uip:", ", "},           {"ostype", "ostype:", ", "},
+    {"osver", "osver:", ", "},       {"osbit", "osbit:", ", "},       {"oslang", "oslang:", ", "},
+    {"tinstall", "tinstall:", ", "}, {"psource", "psource:", ", "},   {"uid", "uid:", ""},
+};
+
+bool starts_with(const std::string& s, const char* prefix) {
+    return s.compare(0, std::char_traits<char>::length(prefix), prefix) == 0;
+}
+
+// A row the report wrote earlier and the user left intact.
+bool is_kept_row(const std::string& line) {
+    if (line.size() <= 20) return false;
+    size_t end = line.find(kRowEnd);
+    if (end == std::string::npos || end + sizeof(kRowEnd) - 1 != line.size()) return false;
+    return starts_with(line, kRowPlain) || starts_with(line, kRowAlt);
+}
+
+// The rows between the first header row and the next one (or the table's end).
+std::string read_kept_rows(std::fstream& report, long long& kept) {
+    std::string rows, line;
+    int headers = 0;
+    kept = 0;
+    while (std::getline(report, line) && line != "</table>") {
+        if (line == kHeaderRow) ++headers;
+        if (headers == 1 && is_kept_row(line)) {
+            rows += line;
+            rows += '\n';
+            ++kept;
+        }
+    }
+    return rows;
+}
+
+std::string local_time_text(long long now) {
+    time_t t = static_cast<time_t>(now);
+    struct tm parts = {};
+    localtime_r(&t, &parts);
+    char buf[64];
+    snprintf(buf, sizeof(buf), "%d-%02d-%02d %02d:%02d:%02d", parts.tm_year + 1900, parts.tm_mon + 1,
+             parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec);
+    return buf;
+}
+
+std::string make_row(const std::string& answer, long long kept) {
+    StrMap fields;
+    Util::json2map(Util::trim_json2(answer), fields);
+
+    std::string type = fields["dtype"];
+    fields.erase("dtype");
+    std::string common;
+    for (const CommonKey& k : kCommonKeys) {
+        auto it = fields.find(k.key);
+        common += k.label;
+        if (it != fields.end()) {
+            common += it->second;
+            fields.erase(it);
+        }
+        common += k.after;
+    }
+    std::string extended = Util::to_key_val(fields);
+
+    std::string row = kept % 2 == 0 ? kRowPlain : kRowAlt;
+    row += local_time_text(os_time());
+    row += "</td><td>";
+    row += type;
+    row += "</td><td>";
+    row += extended;
+    row += "</td><td>";
+    row += common;
+    row += kRowEnd;
+    return row;
+}
+
+void write_report(std::fstream& report, const std::string& kept_rows, const std::string& new_row) {
+    report << "<html><head><title>debug_msg_to_svr</title>\n"
+           << "<style type=\"text/css\">\n"
+           << kStyleSheet << "\n"
+           << "</style>\n";
+    report.write(kBodyStart, sizeof(kBodyStart) - 1);
+    report << "\n"
+           << kHeaderRow << "\n"
+           << "\n"
+           << kRowsBegin << "\n"
+           << kept_rows << new_row << "\n"
+           << kRowsEnd << "\n"
+           << "</table></body></html>\n";
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
 
 void BackRun::init() {
     m_.init();
@@ -30,13 +525,57 @@ void BackRun::stop() {
 
 void BackRun::run() {
     try {
-        LOGI << "back thread start ..." << LEND;
-        while (stop_flag() != 2) os_usleep(500);
-        set_running(0);
-        LOGI << "back thread stop ..." << LEND;
+        DeliveryLoop loop(*this);
+        loop.run();
     } catch (...) {
+        // Nothing may leave the thread. The library stops taking records and a waiting stop() is
+        // released.
+        try {
+            LOGE << "Exception, BackRun::run" << LEND;
+            set_running(0);
+            set_stop_flag(0);
+        } catch (...) {
+        }
     }
-    set_stop_flag(0);
+}
+
+std::string BackRun::get_svrd() {
+    try {
+        std::ifstream in(Config::obj_->get_str("ROOT_DIR") + kSwitchName);
+        if (!in.is_open()) return "";
+        std::string line;
+        if (std::getline(in, line)) return line;
+        LOGW << "can not get svrd" << LEND;
+    } catch (...) {
+        LOGE << "Exception get_svrd" << LEND;
+    }
+    return "";
+}
+
+void BackRun::save_debug_msg(std::string& answer) {
+    std::fstream report;
+    try {
+        std::string path = Config::obj_->get_str("ROOT_DIR") + kReportName;
+        report.open(path, std::ios::in);
+        if (!report.is_open()) report.open(path, std::ios::in | std::ios::out | std::ios::trunc);
+
+        long long kept = 0;
+        std::string kept_rows = read_kept_rows(report, kept);
+        std::string new_row = make_row(answer, kept);
+        report.close();
+
+        report.open(path, std::ios::out | std::ios::trunc);
+        if (!report.is_open()) {
+            LOGE << "create debug msg file" << LEND;
+            return;
+        }
+        write_report(report, kept_rows, new_row);
+        report.close();
+    } catch (...) {
+        if (report.is_open()) report.close();
+        // The same text as get_svrd's on purpose.
+        LOGE << "Exception get_svrd" << LEND;
+    }
 }
 
 }  // namespace Velto
