@@ -60,6 +60,8 @@ public:
     void close_file();
     void chek_rolling();
     void ins_err();
+    // The stream's write position, which is the live log's size; -1 while it is closed.
+    long long write_pos();
 
 private:
     Log& begin_line(int level);

@@ -1,0 +1,456 @@
+// The message file store and the upload of set-aside batches. "sdk.msg" holds one record a line,
+// "<10-digit time>,<fencode of the record>", appended by the background loop; rewrites go through
+// the journal "sdk.msg.bak" so that a crash in the middle of one loses nothing. Batches are renamed
+// to "MSG_PRE_<guid><time>" and uploaded one file per request, deleted only once the server took
+// them or once they are past the retention period. Used by the background thread only.
+#include "MsgFile.h"
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+#include <unordered_set>
+
+#include "ComInc.h"
+#include "Config.h"
+#include "HttpClient.h"
+#include "Log.h"
+#include "OsApi.h"
+
+namespace Velto {
+
+namespace {
+
+const char kMsgName[] = "sdk.msg";
+const char kJournalName[] = "sdk.msg.bak";
+const char kSetAsidePrefix[] = "MSG_PRE_";
+const size_t kSetAsidePrefixLen = sizeof(kSetAsidePrefix) - 1;
+// A journal shorter than this cannot hold a record line; it is left over from an emptied rewrite.
+const std::streamoff kJournalMinBytes = 10;
+const size_t kTimeFieldLen = 10;
+const size_t kMinPayloadLen = 16;
+const long long kSecondsPerDay = 86400;
+
+const std::ios::openmode kAppendMode = std::ios::in | std::ios::out | std::ios::app;
+const std::ios::openmode kRewriteMode = std::ios::in | std::ios::out | std::ios::trunc;
+
+std::string root_dir() {
+    return Config::obj_->get_str("ROOT_DIR");
+}
+
+// Empties a file (creating it when missing); false when it cannot be opened.
+bool truncate_file(const std::string& path) {
+    std::fstream f(path, kRewriteMode);
+    return f.is_open();
+}
+
+// Writes every line followed by a line feed and flushes once; false when the stream went bad.
+bool write_lines(std::fstream& out, const StrList& lines) {
+    for (const std::string& line : lines) {
+        out.write(line.data(), static_cast<std::streamsize>(line.size()));
+        out.put('\n');
+    }
+    out.flush();
+    return out.good();
+}
+
+long long stream_length(std::fstream& f) {
+    f.seekg(0, std::ios::end);
+    std::streamoff len = f.tellg();
+    return len < 0 ? 0 : static_cast<long long>(len);
+}
+
+// A line is a record only with a 10-character time, a comma and a payload of 16 characters or more.
+bool split_record_line(const std::string& line, long long& time, size_t& payload_pos) {
+    const size_t comma = line.find(',');
+    if (comma == std::string::npos || comma != kTimeFieldLen) return false;
+    if (line.size() - comma - 1 < kMinPayloadLen) return false;
+    time = std::strtoll(std::string(line, 0, comma).c_str(), nullptr, 10);
+    payload_pos = comma + 1;
+    return true;
+}
+
+// The record text of a payload; "" for a payload that does not decode (cipher errors included).
+std::string decode_payload(const std::string& line, size_t payload_pos) {
+    try {
+        return Util::fdecode(line.substr(payload_pos));
+    } catch (...) {
+        return std::string();
+    }
+}
+
+int negated_count(long long dropped) {
+    return dropped > INT_MAX ? -INT_MAX : -static_cast<int>(dropped);
+}
+
+// The parts of a set-aside name: the GUID (through the first "}") and the time behind it.
+bool parse_set_aside_name(const std::string& name, std::string& guid, long long& time) {
+    const size_t brace = name.find('}');
+    if (brace == std::string::npos || brace < kSetAsidePrefixLen + 1) return false;
+    guid = name.substr(kSetAsidePrefixLen, brace - kSetAsidePrefixLen + 1);
+    time = std::strtoll(name.c_str() + brace + 1, nullptr, 10);
+    return true;
+}
+
+bool starts_with(const std::string& s, const char* prefix, size_t len) {
+    return s.compare(0, len, prefix) == 0;
+}
+
+// The byte length of a file, -1 when it cannot be opened.
+long long file_length(const std::string& path) {
+    FILE* f = std::fopen(path.c_str(), "r");
+    if (!f) return -1;
+    long long length = 0;
+    if (fseeko(f, 0, SEEK_END) == 0) length = static_cast<long long>(ftello(f));
+    std::fclose(f);
+    return length < 0 ? 0 : length;
+}
+
+void drop_oldest(StrList& records, StrList* raw_lines) {
+    records.pop_front();
+    if (raw_lines && !raw_lines->empty()) raw_lines->pop_front();
+}
+
+bool reopen_truncated(std::fstream& fs, const std::string& msg_path) {
+    fs.clear();
+    if (fs.is_open()) fs.close();
+    fs.clear();
+    fs.open(msg_path, kRewriteMode);
+    return fs.is_open();
+}
+
+// A journal of 10 bytes or more is a rewrite that did not finish: its lines replace "sdk.msg".
+// REQUIRES: fs is open on "sdk.msg".
+int restore_from_journal(std::fstream& fs, const std::string& path) {
+    const std::string msg_path = path + kMsgName;
+    const std::string journal_path = path + kJournalName;
+    std::fstream journal(journal_path, kAppendMode);
+    if (!journal.is_open() || stream_length(journal) < kJournalMinBytes) return RES_OK;
+
+    fs.close();
+    fs.clear();
+    fs.open(msg_path, kRewriteMode);
+    if (!fs.is_open()) {
+        // The journal stays, so the next open tries again.
+        LOGE << "open msg file: " << path << LEND;
+        return RES_FILE_OPEN;
+    }
+    journal.clear();
+    journal.seekg(0, std::ios::beg);
+    std::string line;
+    while (std::getline(journal, line)) {
+        fs.write(line.data(), static_cast<std::streamsize>(line.size()));
+        fs.put('\n');
+    }
+    fs.flush();
+    journal.close();
+    truncate_file(journal_path);
+    // Back to the usual mode, so that appends land at the end whatever is read in between.
+    fs.close();
+    fs.clear();
+    fs.open(msg_path, kAppendMode);
+    if (!fs.is_open()) {
+        LOGE << "open msg file: " << path << LEND;
+        return RES_FILE_OPEN;
+    }
+    return RES_OK;
+}
+
+}  // namespace
+
+int MsgFile::open() {
+    try {
+        if (fs_.is_open()) close();
+        const std::string path = root_dir();
+        if (path.empty()) {
+            LOGW << "null path, maybe exiting" << LEND;
+            return RES_FILE_OPEN;
+        }
+        const std::string msg_path = path + kMsgName;
+        fs_.clear();
+        fs_.open(msg_path, kAppendMode);
+        if (!fs_.is_open()) {
+            fs_.clear();
+            fs_.open(msg_path, kRewriteMode);
+        }
+        if (!fs_.is_open()) {
+            LOGE << "open msg file: " << path << LEND;
+            return RES_FILE_OPEN;
+        }
+        return restore_from_journal(fs_, path);
+    } catch (...) {
+        LOGE << "Exception open_msg_fp" << LEND;
+        return RES_MSG_EXCEPTION;
+    }
+}
+
+bool MsgFile::check_drop() {
+    try {
+        const std::string path = root_dir();
+        if (path.empty()) {
+            LOGW << "null path, may init" << LEND;
+            return false;
+        }
+        if (fs_.is_open()) close();
+        const std::string msg_path = path + kMsgName;
+        const long long length = file_length(msg_path);
+        if (length < 0) {
+            open();
+            return false;
+        }
+        bool dropped = false;
+        if (length > size_limit_) {
+            // A hard cap: everything in the file is given up rather than let it grow without bound.
+            LOGW << "to del msg: " << length << LEND;
+            std::remove(msg_path.c_str());
+            dropped = true;
+        }
+        open();
+        return dropped;
+    } catch (...) {
+        open();
+        return false;
+    }
+}
+
+int MsgFile::get_msg_list(long long begin, long long max_count, long long max_bytes, StrList& records,
+                          long long& newest, StrList* raw_lines, std::fstream* stream) {
+    long long dropped = 0;
+    try {
+        newest = 0;
+        records.clear();
+        if (raw_lines) raw_lines->clear();
+        std::fstream& in = stream ? *stream : fs_;
+        in.flush();
+        in.clear();
+        in.seekg(0, std::ios::beg);
+
+        long long total_bytes = 0;
+        std::string line;
+        while (std::getline(in, line)) {
+            long long time = 0;
+            size_t payload_pos = 0;
+            if (!split_record_line(line, time, payload_pos)) {
+                ++dropped;
+                continue;
+            }
+            newest = time;
+            if (begin >= 1 && time < begin) {
+                ++dropped;
+                continue;
+            }
+            std::string record = decode_payload(line, payload_pos);
+            if (record.empty()) {
+                ++dropped;
+                continue;
+            }
+            total_bytes += static_cast<long long>(record.size());
+            records.push_back(std::move(record));
+            if (raw_lines) raw_lines->push_back(std::move(line));
+        }
+        if (newest == 0) newest = os_time();
+
+        // The oldest record that brings the total to max_bytes or below is kept on purpose.
+        if (max_bytes >= 1) {
+            while (!records.empty() &&
+                   total_bytes - static_cast<long long>(records.front().size()) > max_bytes) {
+                total_bytes -= static_cast<long long>(records.front().size());
+                drop_oldest(records, raw_lines);
+                ++dropped;
+            }
+        }
+        if (max_count > 0) {
+            while (static_cast<long long>(records.size()) > max_count) {
+                drop_oldest(records, raw_lines);
+                ++dropped;
+            }
+        }
+        open();
+        return negated_count(dropped);
+    } catch (...) {
+        // Half a list would make a rewrite lose records; nothing is reported instead.
+        records.clear();
+        if (raw_lines) raw_lines->clear();
+        LOGE << "Exception get_msg_list" << LEND;
+        open();
+        return 0;
+    }
+}
+
+std::string MsgFile::comb_msg(long long begin, long long max_count, long long max_bytes, long long& newest,
+                              std::fstream* stream) {
+    StrList records;
+    get_msg_list(begin, max_count, max_bytes, records, newest, nullptr, stream);
+    del_repeat(records);
+    size_t total = 0;
+    for (const std::string& r : records) total += r.size() + 1;
+    std::string joined;
+    joined.reserve(total);
+    for (const std::string& r : records) {
+        joined += r;
+        joined += '\n';
+    }
+    return joined;
+}
+
+bool MsgFile::del_repeat(StrList& records) {
+    // Views into the list's own nodes, which stay put while duplicates are erased around them.
+    std::unordered_set<std::string_view> seen;
+    seen.reserve(records.size());
+    for (StrList::iterator it = records.begin(); it != records.end();) {
+        if (seen.insert(std::string_view(*it)).second) {
+            ++it;
+        } else {
+            LOGW << "repeat msg" << LEND;
+            it = records.erase(it);
+        }
+    }
+    return true;
+}
+
+int MsgFile::roll_msg(long long begin, long long max_count, long long max_bytes, long long& newest) {
+    try {
+        StrList records;
+        StrList raw_lines;
+        const int n = get_msg_list(begin, max_count, max_bytes, records, newest, &raw_lines, nullptr);
+        if (n >= 0) return 0;
+        LOGI << "roll_msg cnt: " << n << LEND;
+        records.clear();
+
+        const std::string path = root_dir();
+        const std::string msg_path = path + kMsgName;
+        if (raw_lines.empty()) {
+            LOGI << "roll_msg null" << LEND;
+            return reopen_truncated(fs_, msg_path) ? 0 : -1;
+        }
+        const std::string journal_path = path + kJournalName;
+        {
+            std::fstream journal(journal_path, kRewriteMode);
+            if (!journal.is_open()) {
+                LOGE << "fp_back open" << LEND;
+                return -1;
+            }
+            write_lines(journal, raw_lines);
+        }
+        if (!reopen_truncated(fs_, msg_path)) {
+            LOGE << "msg_fp open" << LEND;
+            return -1;
+        }
+        write_lines(fs_, raw_lines);
+        truncate_file(journal_path);
+        return 0;
+    } catch (...) {
+        open();
+        LOGE << "Exception roll_msg" << LEND;
+        return RES_MSG_EXCEPTION;
+    }
+}
+
+namespace {
+
+// Renames "sdk.msg" to a new set-aside name; new records go to a fresh "sdk.msg" from here on.
+bool set_aside(MsgFile& store, const std::string& root, long long now) {
+    const std::string name = kSetAsidePrefix + get_guid() + Util::ltoa(now);
+    store.close();
+    const bool renamed = rename_file(root, kMsgName, name);
+    store.open();
+    if (!renamed) {
+        LOGE << "rename: " << root << name << LEND;
+        return false;
+    }
+    return true;
+}
+
+// Uploads one set-aside file; it is deleted once the server took it or when it holds no record.
+bool send_set_aside(MsgFile& store, const std::string& path, const std::string& url,
+                    const std::string& guid) {
+    std::string body;
+    {
+        std::fstream file(path, std::ios::in | std::ios::out);
+        long long newest = 0;
+        body = store.comb_msg(0, 0, 0, newest, &file);
+    }
+    if (body.empty()) {
+        std::remove(path.c_str());
+        return true;
+    }
+    LOGI << "snd old msgs: " << path << LEND;
+    const int r = send_file(body, url.c_str(), guid);
+    if (r != 0) {
+        LOGW << "snd old msgs: " << path << ", ret: " << r << LEND;
+        return false;
+    }
+    std::remove(path.c_str());
+    return true;
+}
+
+}  // namespace
+
+bool MsgFile::process_msgs(bool has_new) {
+    try {
+        Config& conf = *Config::obj_;
+        const std::string root = conf.get_str("ROOT_DIR");
+        const std::string base = conf.get_str("CONF_URL");
+        if (root.empty()) {
+            LOGW << "null path, maybe exiting" << LEND;
+            return false;
+        }
+        LOGI << "process_msgs: " << (has_new ? 1 : 0) << LEND;
+        const long long now = os_time();
+        if (has_new && !set_aside(*this, root, now)) return false;
+
+        const long long retention =
+            static_cast<long long>(std::atoi(conf.get_str("MAX_RESV_DAY").c_str())) * kSecondsPerDay;
+        const std::string url = base + "/v1/file";
+        StrList names;
+        get_files(root, names);
+        for (const std::string& name : names) {
+            if (!starts_with(name, kSetAsidePrefix, kSetAsidePrefixLen)) continue;
+            std::string guid;
+            long long file_time = 0;
+            if (!parse_set_aside_name(name, guid, file_time)) {
+                LOGW << "msg file: " << name << LEND;
+                continue;
+            }
+            const std::string path = root + name;
+            // Written as a comparison against the cut-off so that no name can overflow the subtraction.
+            if (file_time < now - retention) {
+                std::remove(path.c_str());
+                continue;
+            }
+            if (!send_set_aside(*this, path, url, guid)) return false;
+        }
+        return true;
+    } catch (...) {
+        open();
+        LOGE << "Exception process_msgs" << LEND;
+        return false;
+    }
+}
+
+bool MsgFile::append(long long time, const std::string& encoded) {
+    try {
+        if (!fs_.is_open()) return false;
+        char stamp[32];
+        const int n = std::snprintf(stamp, sizeof(stamp), "%lld,", time);
+        fs_.write(stamp, n);
+        fs_.write(encoded.data(), static_cast<std::streamsize>(encoded.size()));
+        fs_.put('\n');
+        fs_.flush();
+        return fs_.good();
+    } catch (...) {
+        return false;
+    }
+}
+
+void MsgFile::flush() {
+    if (fs_.is_open()) fs_.flush();
+}
+
+void MsgFile::close() {
+    fs_.clear();
+    if (fs_.is_open()) fs_.close();
+    fs_.clear();
+}
+
+}  // namespace Velto
