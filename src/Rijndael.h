@@ -43,6 +43,30 @@ public:
     void ResetChain();
 
 private:
+    // Standard Rijndael constants over GF(2^8) with polynomial 0x11B, precomputed in Rijndael.cpp.
+    static const uint8_t sm_S[256];    // S-box
+    static const uint8_t sm_Si[256];   // inverse S-box
+    static const uint32_t sm_T1[256];  // encryption round tables (SubBytes + MixColumns)
+    static const uint32_t sm_T2[256];
+    static const uint32_t sm_T3[256];
+    static const uint32_t sm_T4[256];
+    static const uint32_t sm_T5[256];  // decryption round tables (InvSubBytes + InvMixColumns)
+    static const uint32_t sm_T6[256];
+    static const uint32_t sm_T7[256];
+    static const uint32_t sm_T8[256];
+    static const uint32_t sm_U1[256];  // InvMixColumns alone, for the decryption key schedule
+    static const uint32_t sm_U2[256];
+    static const uint32_t sm_U3[256];
+    static const uint32_t sm_U4[256];
+    static const uint8_t sm_rcon[30];     // key-schedule round constants
+    static const int sm_shifts[3][4][2];  // ShiftRows offsets per block size: [Nb 4/6/8][row][enc, dec]
+    static const uint8_t sm_alog[256];    // powers of the generator 3
+    static const uint8_t sm_log[256];     // their logarithms
+    static const char sm_chain0[MAX_BLOCK_SIZE];  // default (all-zero) chain block
+
+    void check_ready() const;
+    void check_length(size_t n) const;
+
     bool m_bKeyInit;
     uint32_t m_Ke[MAX_ROUNDS + 1][MAX_BC];
     uint32_t m_Kd[MAX_ROUNDS + 1][MAX_BC];

@@ -1,0 +1,246 @@
+// Tests of the payload envelope: Base64, the padding rule checked by deciphering with OpenSSL under the
+// built-in key and IV, fencode/fdecode and their stripping rule, zlib, and random bytes under ASan.
+#include "Zip.h"
+
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Util.h"
+
+using Bytes = std::vector<unsigned char>;
+
+namespace {
+
+const unsigned char kKey[] = "Tq4w&9Lm#p2Zr!x8Vc*b6Nk$d3Hs%j7Y";
+const unsigned char kIv[] = "Pm3&e!Rz8qa%$wTn";
+
+const unsigned char* uc(const std::string& s) {
+    return reinterpret_cast<const unsigned char*>(s.data());
+}
+
+std::string random_text(std::mt19937& rng, size_t n, int lo = 0x20, int hi = 0x7e) {
+    std::string s(n, ' ');
+    for (auto& c : s) c = char(lo + int(rng() % unsigned(hi - lo + 1)));
+    return s;
+}
+
+Bytes openssl_decipher(const Bytes& in) {
+    EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
+    Bytes out(in.size() + 16);
+    int n = 0, tail = 0;
+    EXPECT_EQ(1, EVP_DecryptInit_ex(ctx, EVP_aes_256_cbc(), nullptr, kKey, kIv));
+    EVP_CIPHER_CTX_set_padding(ctx, 0);
+    EXPECT_EQ(1, EVP_DecryptUpdate(ctx, out.data(), &n, in.data(), int(in.size())));
+    EXPECT_EQ(1, EVP_DecryptFinal_ex(ctx, out.data() + n, &tail));
+    EVP_CIPHER_CTX_free(ctx);
+    out.resize(size_t(n + tail));
+    return out;
+}
+
+std::string aes_encode(const std::string& plain) {
+    std::vector<char> out(plain.size() * 2 + 64);
+    EXPECT_EQ(0,
+              Velto::AES_Encode(uc(plain), int(plain.size()), reinterpret_cast<unsigned char*>(out.data())));
+    return out.data();
+}
+
+Bytes decode_b64(const std::string& b64) {
+    Bytes out(b64.size() + 4);
+    out.resize(size_t(Velto::base64_decode(b64.c_str(), out.data())));
+    return out;
+}
+
+}  // namespace
+
+TEST(Zip, AesEncodeRoundsUpToWholeBlocksWithoutAnExtraOne) {
+    struct Case {
+        size_t len, b64_len;
+        const char* tail;
+    } cases[] = {{1, 24, "=="}, {15, 24, "=="}, {16, 24, "=="}, {17, 44, "="}, {32, 44, "="}, {48, 64, ""}};
+    for (const Case& c : cases) {
+        const std::string text = aes_encode(std::string(c.len, 'x'));
+        EXPECT_EQ(c.b64_len, text.size()) << c.len;
+        const size_t pads = text.size() - std::min(text.find('='), text.size());
+        EXPECT_EQ(strlen(c.tail), pads) << c.len;
+    }
+}
+
+TEST(Zip, PaddingRuleHoldsWhenDecipheredByOpenSsl) {
+    std::mt19937 rng(21);
+    for (size_t len = 1; len <= 64; len++) {
+        const std::string plain = random_text(rng, len, 0, 255);
+        const Bytes wire = decode_b64(aes_encode(plain));
+        const size_t n = (len + 15) / 16 * 16;
+        ASSERT_EQ(n, wire.size()) << len;
+
+        Bytes raw(n);
+        int raw_len = 0;
+        ASSERT_EQ(0, Velto::AES_Encode2(uc(plain), int(len), raw.data(), raw_len));
+        EXPECT_EQ(int(n), raw_len);
+        EXPECT_EQ(wire, raw) << len;
+
+        const Bytes clear = openssl_decipher(wire);
+        EXPECT_EQ(plain, std::string(clear.begin(), clear.begin() + long(len)));
+        for (size_t i = len; i < n; i++) EXPECT_EQ(16 - len % 16, clear[i]) << len;
+    }
+}
+
+TEST(Zip, EnvelopeRejectsBadArguments) {
+    unsigned char buf[64];
+    int out_len = 0;
+    EXPECT_EQ(-1, Velto::AES_Encode(nullptr, 3, buf));
+    EXPECT_EQ(-1, Velto::AES_Encode(buf, 0, buf));
+    EXPECT_EQ(-1, Velto::AES_Encode(buf, 3, nullptr));
+    EXPECT_EQ(-1, Velto::AES_Encode2(buf, -1, buf, out_len));
+    EXPECT_EQ(-1, Velto::AES_Decode(nullptr, buf));
+    EXPECT_EQ(-1, Velto::AES_Decode("QUJD", nullptr));
+}
+
+TEST(Zip, FdecodeReversesFencode) {
+    std::mt19937 rng(22);
+    const std::string cases[] = {"ABC",
+                                 "A",
+                                 std::string(16, 'q'),
+                                 std::string(17, 'r'),
+                                 random_text(rng, 600),
+                                 "{\"dtype\":\"event\",\"k\":\"\\u00e9 tab\there\"}",
+                                 "x\x10"};
+    for (const std::string& plain : cases) {
+        const std::string token = Velto::Util::fencode(plain);
+        EXPECT_EQ(token, Velto::Util::fencode(plain.data(), (long long)plain.size()));
+        EXPECT_EQ(token.find_first_not_of(Velto::base64_chars + "="), std::string::npos);
+        EXPECT_EQ(plain, Velto::Util::fdecode(token));
+    }
+}
+
+TEST(Zip, FdecodeStripsTrailingBytesThatReadAsSmallSignedChars) {
+    const struct {
+        std::string plain, decoded;
+    } cases[] = {
+        {"caf\xC3\xA9", "caf"},  // a trailing two-byte character is lost entirely
+        {"abc\x05\x0f", "abc"},  // padding-like values go too
+        {"\x01", "\x01"},        // the first byte always stays
+        {"\xC3\xA9", "\xC3"},
+        {"a\x80 b", "a\x80 b"},  // only the tail is touched
+        {std::string(16, '\x0f'), std::string(1, '\x0f')},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.decoded, Velto::Util::fdecode(Velto::Util::fencode(c.plain)));
+}
+
+TEST(Zip, EmptyInputGivesEmptyOutput) {
+    EXPECT_EQ("", Velto::Util::fencode(std::string()));
+    EXPECT_EQ("", Velto::Util::fencode("abc", 0));
+    EXPECT_EQ("", Velto::Util::fencode(nullptr, 5));
+    EXPECT_EQ("", Velto::Util::fdecode(std::string()));
+    EXPECT_EQ("", Velto::base64_encode(uc("abc"), 0));
+}
+
+TEST(Zip, FdecodeThrowsWhenTheDecodedLengthIsNotWholeBlocks) {
+    const std::string bad[] = {"QUJD", Velto::base64_encode(uc(std::string(20, 'z')), 20), "====", "!"};
+    for (const std::string& token : bad) EXPECT_THROW(Velto::Util::fdecode(token), std::exception) << token;
+    unsigned char out[8] = {1};
+    EXPECT_THROW(Velto::AES_Decode("", out), std::exception);
+    EXPECT_EQ(0, out[0]);
+}
+
+TEST(Zip, Base64KnownAnswers) {
+    const struct {
+        std::string plain, b64;
+    } rfc[] = {{"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"foobar", "Zm9vYmFy"}};
+    for (const auto& c : rfc) {
+        EXPECT_EQ(c.b64, Velto::base64_encode(uc(c.plain), unsigned(c.plain.size())));
+        const Bytes d = decode_b64(c.b64);
+        EXPECT_EQ(c.plain, std::string(d.begin(), d.end()));
+    }
+    const struct {
+        const char* text;
+        int count;
+        std::string bytes;
+    } strict[] = {{"QUJD", 3, "ABC"}, {"QUI=", 2, "AB"}, {"QQ==", 1, "A"}, {"", 0, ""}};
+    for (const auto& c : strict) {
+        unsigned char out[8] = {0};
+        EXPECT_EQ(c.count, Velto::base64_decode(c.text, out)) << c.text;
+        EXPECT_EQ(c.bytes, std::string(reinterpret_cast<char*>(out), size_t(c.count)));
+    }
+    // The tolerant form keeps the whole groups before the first "=" or foreign byte.
+    EXPECT_EQ("foobar", Velto::base64_decode(std::string("Zm9vYmFy")));
+    EXPECT_EQ("foo", Velto::base64_decode(std::string("Zm9vYg==")));
+    EXPECT_EQ("foo", Velto::base64_decode(std::string("Zm9v\nYmFy")));
+    EXPECT_EQ("", Velto::base64_decode(std::string("Zm9")));
+}
+
+TEST(Zip, ZipRoundTripsAndRespectsCapacities) {
+    const std::string text = "{\"dtype\":\"event\",\"name\":\"start\"}" + std::string(300, 'z');
+    Bytes out(text.size() + 100);
+    int len = int(out.size());
+    ASSERT_EQ(0, Velto::Zip(text.c_str(), out.data(), len));
+    EXPECT_LT(len, int(text.size()));
+    EXPECT_EQ(text, Velto::unZip(out.data(), len));
+
+    int small = 5;
+    EXPECT_EQ(-1, Velto::Zip(text.c_str(), out.data(), small));
+    EXPECT_EQ(0, Velto::Zip(text.c_str(), small));
+
+    // 200 000 equal bytes deflate far below a tenth of their size: the fixed output bound refuses them.
+    const std::string flat(200000, 'a');
+    Bytes big(flat.size());
+    len = int(big.size());
+    ASSERT_EQ(0, Velto::Zip(flat.c_str(), big.data(), len));
+    EXPECT_EQ("", Velto::unZip(big.data(), len));
+    EXPECT_EQ("", Velto::unZip(uc("not zlib at all"), 15));
+    EXPECT_EQ("", Velto::unZip(nullptr, 4));
+}
+
+// Arbitrary bytes into every decoder, with buffers sized exactly as documented, so that ASan sees any
+// write or read past them.
+TEST(Zip, RandomInputStaysInBounds) {
+    std::mt19937 rng(20240601);
+    int deciphered = 0, refused = 0;
+    for (int iter = 0; iter < 3000; iter++) {
+        std::string text;
+        switch (iter % 3) {
+            case 0:  // noise, zero bytes included (they cut the text short)
+                text = random_text(rng, rng() % 200, 0, 255);
+                break;
+            case 1: {  // genuine tokens with a few bytes changed or cut off
+                text = Velto::Util::fencode(random_text(rng, 1 + rng() % 100));
+                for (int k = int(rng() % 3); k > 0; k--) text[rng() % text.size()] = char(rng());
+                if (rng() % 2) text.resize(rng() % text.size());
+                break;
+            }
+            default:  // alphabet only, any length
+                text = random_text(rng, rng() % 120, 0, 63);
+                for (auto& c : text) c = Velto::base64_chars[size_t(c)];
+        }
+        const size_t len = strlen(text.c_str());
+        const size_t capacity = (len + 3) / 4 * 3;
+
+        Bytes out(capacity + 1);
+        const int n = Velto::base64_decode(text.c_str(), out.data());
+        EXPECT_LE(size_t(n), capacity);
+        (void)Velto::base64_decode(text);
+
+        Bytes clear(capacity + 1);
+        try {
+            EXPECT_EQ(0, Velto::AES_Decode(text.c_str(), clear.data()));
+            deciphered++;
+        } catch (const std::exception&) {
+            refused++;
+        }
+        try {
+            (void)Velto::Util::fdecode(text);
+        } catch (const std::exception&) {
+        }
+        (void)Velto::unZip(uc(text), int(text.size()));
+    }
+    // Both the cipher and its length check were reached.
+    EXPECT_GT(deciphered, 100);
+    EXPECT_GT(refused, 100);
+}
