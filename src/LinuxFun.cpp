@@ -1,0 +1,301 @@
+// The Linux implementation of the platform contract (OsImpl.h): process identity, renaming and
+// listing files, GUIDs, and the leaves of the client identity (platform UUID, random UUID, the
+// preferences property list). Reached only through the wrappers of OsApi.h, from any thread; the
+// client-identity leaves run on the host's thread inside data_init.
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <plist/plist.h>
+#include <pwd.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <uuid/uuid.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ClientSign.h"
+#include "OsImpl.h"
+
+namespace VELTO_PLATFORM_NS {
+
+namespace {
+
+const char kSdkVersion[] = "1.1.1.1113";
+const char kClientIdKey[] = "client ID";
+const char kPrefsRelPath[] = "/Library/Preferences/com.orvexa.helper_compact.plist";
+const char kProductUuidPath[] = "/sys/class/dmi/id/product_uuid";
+const char kMachineIdPath[] = "/etc/machine-id";
+
+// Upper bounds for what is read from disk: nothing found there may make us allocate without limit.
+const size_t kMaxUuidFileBytes = 4096;
+const size_t kMaxPrefsFileBytes = 4 * 1024 * 1024;
+const size_t kMaxExePathBytes = 64 * 1024;
+
+// The two flavours of strerror_r (GNU returns the text, XSI fills the buffer) behind one call.
+inline const char* strerror_result(const char* text, const char*) {
+    return text;
+}
+inline const char* strerror_result(int, const char* buf) {
+    return buf;
+}
+
+std::string errno_text(int err) {
+    char buf[256] = {0};
+    return strerror_result(strerror_r(err, buf, sizeof(buf)), buf);
+}
+
+class FdCloser {
+  public:
+    explicit FdCloser(int fd) : fd_(fd) {}
+    ~FdCloser() {
+        if (fd_ >= 0) close(fd_);
+    }
+    FdCloser(const FdCloser&) = delete;
+    FdCloser& operator=(const FdCloser&) = delete;
+
+  private:
+    int fd_;
+};
+
+// Whole content of a file of at most max_bytes; false when unreadable or larger.
+bool read_file_bounded(const std::string& path, size_t max_bytes, std::string& out) {
+    out.clear();
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    FdCloser closer(fd);
+    char buf[4096];
+    for (;;) {
+        ssize_t n = read(fd, buf, sizeof(buf));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return false;
+        if (n == 0) return true;
+        if (out.size() + static_cast<size_t>(n) > max_bytes) return false;
+        out.append(buf, static_cast<size_t>(n));
+    }
+}
+
+bool write_all(int fd, const char* data, size_t len) {
+    while (len > 0) {
+        ssize_t n = write(fd, data, len);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        data += n;
+        len -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+std::string parent_dir(const std::string& path) {
+    size_t sep = path.rfind('/');
+    return sep == std::string::npos ? std::string(".") : path.substr(0, sep);
+}
+
+// mkdir -p: creates every missing directory of the chain; existing ones are fine.
+void make_dirs(const std::string& dir) {
+    for (size_t pos = dir.find('/', 1);; pos = dir.find('/', pos + 1)) {
+        std::string part = dir.substr(0, pos);
+        if (!part.empty()) mkdir(part.c_str(), 0755);
+        if (pos == std::string::npos) break;
+    }
+}
+
+// Readers of the file never see it half written: the bytes go to a temporary file beside it,
+// which then replaces it in one rename.
+bool write_file_atomically(const std::string& path, const char* data, size_t len) {
+    std::string tmp = path + ".XXXXXX";
+    int fd = mkostemp(&tmp[0], O_CLOEXEC);
+    if (fd < 0) return false;
+    bool ok = write_all(fd, data, len);
+    if (close(fd) != 0) ok = false;
+    if (ok && rename(tmp.c_str(), path.c_str()) == 0) return true;
+    unlink(tmp.c_str());
+    return false;
+}
+
+std::string home_dir() {
+    const char* env = getenv("HOME");
+    if (env && *env) return env;
+    long hint = sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buf(hint > 0 && hint < 1024 * 1024 ? static_cast<size_t>(hint) : 16384);
+    struct passwd pw;
+    struct passwd* found = nullptr;
+    if (getpwuid_r(getuid(), &pw, buf.data(), buf.size(), &found) != 0 || !found || !found->pw_dir) {
+        return "";
+    }
+    return found->pw_dir;
+}
+
+// The first line of a small system file, without its line end; "" when unreadable.
+std::string read_id_file(const char* path) {
+    std::string text;
+    if (!read_file_bounded(path, kMaxUuidFileBytes, text)) return "";
+    size_t end = text.find_first_of("\r\n");
+    if (end != std::string::npos) text.resize(end);
+    return text;
+}
+
+struct PlistFree {
+    void operator()(void* node) const { plist_free(static_cast<plist_t>(node)); }
+};
+typedef std::unique_ptr<void, PlistFree> PlistPtr;
+
+// The dictionary of a property-list file (XML or binary); null when unreadable or not a dictionary.
+PlistPtr load_dict(const std::string& path) {
+    std::string data;
+    if (!read_file_bounded(path, kMaxPrefsFileBytes, data) || data.empty()) return nullptr;
+    plist_t root = nullptr;
+    plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
+    PlistPtr dict(root);
+    if (!dict || plist_get_node_type(dict.get()) != PLIST_DICT) return nullptr;
+    return dict;
+}
+
+bool save_dict(const std::string& path, plist_t dict) {
+    char* xml = nullptr;
+    uint32_t len = 0;
+    plist_to_xml(dict, &xml, &len);
+    if (!xml) return false;
+    bool ok = write_file_atomically(path, xml, len);
+    plist_to_xml_free(xml);
+    return ok;
+}
+
+void set_client_id(plist_t dict, const std::string& id) {
+    plist_dict_set_item(dict, kClientIdKey, plist_new_string(id.c_str()));
+}
+
+// The leaves of the client id on Linux. Stateless: the home directory is looked up on every use.
+class LinuxClientIdLeaves : public Velto::ClientIdLeaves {
+  public:
+    // The firmware's UUID is usually readable by root only; the machine id is the stable fallback.
+    std::string platform_uuid() override {
+        std::string uuid = read_id_file(kProductUuidPath);
+        if (uuid.empty()) uuid = read_id_file(kMachineIdPath);
+        return uuid;
+    }
+
+    std::string random_uuid() override {
+        uuid_t raw;
+        uuid_generate(raw);
+        char text[37];
+        uuid_unparse_upper(raw, text);
+        return text;
+    }
+
+    bool prefs_exists() override {
+        std::string path = prefs_path();
+        struct stat st;
+        return !path.empty() && stat(path.c_str(), &st) == 0;
+    }
+
+    std::string prefs_client_id() override {
+        std::string path = prefs_path();
+        if (path.empty()) return "";
+        PlistPtr dict = load_dict(path);
+        if (!dict) return "";
+        plist_t item = plist_dict_get_item(dict.get(), kClientIdKey);
+        if (!item || plist_get_node_type(item) != PLIST_STRING) return "";
+        char* val = nullptr;
+        plist_get_string_val(item, &val);
+        if (!val) return "";
+        std::string id(val);
+        free(val);
+        return id;
+    }
+
+    // A file that does not hold a readable dictionary is replaced by one holding just the id: the
+    // id must survive to the next run, and nothing else could be kept from such a file anyway.
+    void prefs_set_client_id(const std::string& id) override {
+        std::string path = prefs_path();
+        if (path.empty()) return;
+        PlistPtr dict = load_dict(path);
+        if (!dict) dict.reset(plist_new_dict());
+        if (!dict) return;
+        set_client_id(dict.get(), id);
+        save_dict(path, dict.get());
+    }
+
+    void prefs_create(const std::string& id) override {
+        std::string path = prefs_path();
+        if (path.empty()) return;
+        make_dirs(parent_dir(path));
+        PlistPtr dict(plist_new_dict());
+        if (!dict) return;
+        set_client_id(dict.get(), id);
+        save_dict(path, dict.get());
+    }
+
+  private:
+    static std::string prefs_path() {
+        std::string home = home_dir();
+        return home.empty() ? "" : home + kPrefsRelPath;
+    }
+};
+
+}  // namespace
+
+int get_pid_impl() {
+    return static_cast<int>(getpid());
+}
+
+std::string get_pname_impl() {
+    for (size_t size = 4096; size <= kMaxExePathBytes; size *= 2) {
+        std::vector<char> buf(size);
+        ssize_t n = readlink("/proc/self/exe", buf.data(), buf.size());
+        if (n <= 0) return "";
+        if (static_cast<size_t>(n) < buf.size()) return std::string(buf.data(), static_cast<size_t>(n));
+    }
+    return "";
+}
+
+std::string get_sdk_version_impl() {
+    return kSdkVersion;
+}
+
+bool rename_file_impl(const std::string& from, const std::string& to, std::string& error) {
+    if (rename(from.c_str(), to.c_str()) == 0) return true;
+    error = errno_text(errno);
+    return false;
+}
+
+// The short-directory rule lives in the portable wrapper; here every name is listed.
+void get_files_impl(const std::string& dir, Velto::StrList& out) {
+    std::unique_ptr<DIR, int (*)(DIR*)> d(opendir(dir.c_str()), closedir);
+    if (!d) return;
+    while (struct dirent* entry = readdir(d.get())) {
+        const char* name = entry->d_name;
+        if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) continue;
+        out.push_back(name);
+    }
+}
+
+std::string get_guid_impl() {
+    uuid_t raw;
+    uuid_generate(raw);
+    char text[35];
+    text[0] = '{';
+    for (int i = 0; i < 16; ++i) snprintf(text + 1 + 2 * i, 3, "%02x", raw[i]);
+    text[33] = '}';
+    text[34] = '\0';
+    return text;
+}
+
+std::string get_client_sign_impl(const std::string& /*brand*/) {
+    return Velto::wrap_client_id(Velto::client_sign(Velto::platform_client_id_leaves()));
+}
+
+}  // namespace VELTO_PLATFORM_NS
+
+namespace Velto {
+
+ClientIdLeaves& platform_client_id_leaves() {
+    static ClientIdLeaves* leaves = new VELTO_PLATFORM_NS::LinuxClientIdLeaves();  // never destroyed
+    return *leaves;
+}
+
+}  // namespace Velto
