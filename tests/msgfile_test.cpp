@@ -15,6 +15,8 @@
 #include "Log.h"
 #include "OsApi.h"
 #include "Util.h"
+#include "payload.h"
+#include "raw_server.h"
 #include "scenario.h"
 
 using Velto::StrList;
@@ -56,6 +58,43 @@ class MsgStore : public ::testing::Test {
     Velto::MsgFile store_;
     long long now_ = 0;
     long long newest_ = 0;
+};
+
+// process_msgs against a loopback collector: CONF_URL points at it and the base information is
+// complete, so that uploads go out at once.
+class MsgUpload : public MsgStore {
+  protected:
+    struct Upload {
+        std::string name, data;
+    };
+
+    void SetUp() override {
+        MsgStore::SetUp();
+        ASSERT_TRUE(server_.ok());
+        Velto::Config::obj_->set("CONF_URL", server_.url());
+        for (int i = 0; i < 14; ++i) Velto::g_base_info.set("k" + std::to_string(i), "v");
+    }
+    // "MSG_PRE_" + guid + time, holding the given lines.
+    std::string set_aside(const std::string& guid, long long time, const std::string& content) {
+        const std::string name = "MSG_PRE_" + guid + Util::ltoa(time);
+        vtest::write_file(file(name), content);
+        return name;
+    }
+    std::vector<Upload> uploads() const {
+        std::vector<Upload> out;
+        for (const vcollect::RawRequest& req : server_.requests()) {
+            EXPECT_EQ("/v1/file", req.path());
+            auto parts = vcollect::parse_multipart(req.body, "70db372eb000e2ax");
+            const vcollect::FormPart* name = vcollect::find_part(parts, "sdk_log");
+            const vcollect::FormPart* payload = vcollect::find_part(parts, "file");
+            vcollect::FilePayload decoded;
+            EXPECT_TRUE(name && payload && vcollect::decode_file_payload(payload->data, decoded));
+            out.push_back({name ? vcollect::field_text(*name) : "", decoded.data});
+        }
+        return out;
+    }
+
+    vcollect::RawServer server_;
 };
 
 }  // namespace
@@ -204,4 +243,84 @@ TEST_F(MsgStore, DelRepeatKeepsFirstAppearanceAndWarnsPerDuplicate) {
     long long newest = 0;
     EXPECT_EQ(record(1) + "\n" + record(2) + "\n", store_.comb_msg(0, 0, 0, newest, nullptr));
     EXPECT_EQ(4, count_of(log(), "repeat msg"));
+}
+
+TEST_F(MsgUpload, NothingSetAsideSendsNothing) {
+    vtest::write_file(file("sdk.msg"), line(now_, record(1)));
+    ASSERT_EQ(0, store_.open());
+    EXPECT_TRUE(store_.process_msgs(false));
+    EXPECT_EQ(0u, server_.connections());
+    EXPECT_EQ(line(now_, record(1)), msg());
+}
+
+TEST_F(MsgUpload, BatchIsSetAsideUploadedOnceAndDeleted) {
+    ASSERT_EQ(0, store_.open());
+    for (int i : {1, 2, 1}) ASSERT_TRUE(store_.append(now_, Util::fencode(record(i))));
+    EXPECT_TRUE(store_.process_msgs(true));
+
+    const std::vector<Upload> got = uploads();
+    ASSERT_EQ(1u, got.size());
+    EXPECT_EQ(record(1) + "\n" + record(2) + "\n", got[0].data);
+    EXPECT_EQ(34u, got[0].name.size());
+    EXPECT_EQ('{', got[0].name.front());
+    EXPECT_EQ('}', got[0].name.back());
+    EXPECT_EQ(1, count_of(log(), "repeat msg"));
+    StrList names;
+    Velto::get_files(root(), names);
+    for (const std::string& name : names) EXPECT_NE(0u, name.rfind("MSG_PRE_", 0)) << name;
+    EXPECT_EQ("", msg());  // a fresh file takes the next records
+    EXPECT_TRUE(store_.append(now_, Util::fencode(record(3))));
+}
+
+TEST_F(MsgUpload, FailedUploadKeepsTheFilesAndStopsTheWalk) {
+    server_.set_reply("{\"status\":1}");
+    const std::string a = set_aside("{a}", now_, line(now_, record(1)));
+    const std::string b = set_aside("{b}", now_, line(now_, record(2)));
+    EXPECT_FALSE(store_.process_msgs(false));
+    EXPECT_EQ(1u, server_.requests().size());
+    EXPECT_TRUE(vtest::file_exists(file(a)));
+    EXPECT_TRUE(vtest::file_exists(file(b)));
+    EXPECT_NE(std::string::npos, log().find(", ret: 204"));
+
+    server_.set_reply("{\"status\":0}");
+    EXPECT_TRUE(store_.process_msgs(false));
+    EXPECT_FALSE(vtest::file_exists(file(a)));
+    EXPECT_FALSE(vtest::file_exists(file(b)));
+}
+
+TEST_F(MsgUpload, ExpiredAndEmptyFilesAreDeletedUnsent) {
+    const std::string week_old = set_aside("{a}", now_ - 7 * 86400 - 1, line(now_, record(1)));
+    const std::string invalid = set_aside("{b}", now_, "12345,not a record\n\n");
+    EXPECT_TRUE(store_.process_msgs(false));
+    EXPECT_FALSE(vtest::file_exists(file(week_old)));
+    EXPECT_FALSE(vtest::file_exists(file(invalid)));
+
+    Velto::Config::obj_->set("MAX_RESV_DAY", "0");
+    const std::string past = set_aside("{c}", now_ - 1, line(now_, record(1)));
+    EXPECT_TRUE(store_.process_msgs(false));
+    EXPECT_FALSE(vtest::file_exists(file(past)));
+    EXPECT_EQ(0u, server_.connections());
+}
+
+TEST_F(MsgUpload, NameNeedsSomethingBeforeTheBrace) {
+    const std::string good = set_aside("x}", now_, line(now_, record(1)));
+    const std::string bad = set_aside("}", now_, line(now_, record(2)));
+    vtest::write_file(file("other"), "kept");
+    EXPECT_TRUE(store_.process_msgs(false));
+
+    const std::vector<Upload> got = uploads();
+    ASSERT_EQ(1u, got.size());
+    EXPECT_EQ("x}", got[0].name);
+    EXPECT_FALSE(vtest::file_exists(file(good)));
+    EXPECT_TRUE(vtest::file_exists(file(bad)));
+    EXPECT_NE(std::string::npos, log().find("msg file: " + bad));
+    EXPECT_EQ("kept", vtest::read_file(file("other")));
+}
+
+TEST_F(MsgUpload, NoRootOrFailedRenameIsFalse) {
+    EXPECT_FALSE(store_.process_msgs(true));  // no "sdk.msg" to set aside
+    EXPECT_NE(std::string::npos, log().find("rename: "));
+    Velto::Config::obj_->set("ROOT_DIR", "");
+    EXPECT_FALSE(store_.process_msgs(false));
+    EXPECT_EQ(0u, server_.connections());
 }
