@@ -1,0 +1,182 @@
+// The exported API's lifecycle: result codes before data_init, after it and after data_stop, the
+// root-directory and brand checks, the test entry points, the library's exported symbols, loading it
+// with dlopen, and a host that exits without data_stop. Each scenario runs in its own process.
+#include <dlfcn.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <set>
+
+#include "api_helpers.h"
+
+namespace {
+
+using apitest::give_base_info;
+
+const char kLine[] = "tid 1 1.0 8 uip en mac 10.15 64 en-US 0 src uid";
+
+// The build directory: $VELTO_BINARY_DIR, else the parent of the directory of this test.
+std::string binary_dir() {
+    if (const char* dir = getenv("VELTO_BINARY_DIR")) return dir;
+    char exe[4096];
+    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    std::string path(exe, n > 0 ? static_cast<size_t>(n) : 0);
+    return path.substr(0, path.rfind("/tests/"));
+}
+
+std::string library_path() {
+    std::string base = binary_dir() + "/libVelto.so";
+    return vtest::file_exists(base + ".1") ? base + ".1" : base;
+}
+
+// The results of every call that refuses before data_init / after data_stop, in one line each.
+std::vector<int> refusals() {
+    return {data_base_info("t", 1, "p", 0, "u", "l", "o", "v", 64, "l", 0, nullptr, nullptr),
+            data_base_info2(kLine),
+            data_event("c", "a", nullptr, 0),
+            data_screen("s"),
+            data_count("c", 1, nullptr),
+            data_err_trace("d", 0, nullptr, nullptr),
+            data_experience("c", "a", nullptr)};
+}
+
+TEST(Api, BeforeInit) {
+    RUN_SCENARIO({
+        EXPECT_EQ((std::vector<int>{105, 105, 106, 106, 106, 106, 106}), refusals());
+        EXPECT_EQ(106, data_base_ext("k", "v"));
+        EXPECT_EQ(0, data_changestate(1));    // already in the foreground
+        EXPECT_EQ(106, data_changestate(0));  // the "bg" event is refused
+        data_stop();                          // safe, and stops the library for good
+        EXPECT_EQ(207, data_event("c", "a", nullptr, 0));
+        EXPECT_FALSE(vtest::file_exists(root + "/sdk.log"));
+    });
+}
+
+TEST(Api, InitStoresStartupFieldsAndOpensLog) {
+    RUN_SCENARIO({
+        ASSERT_EQ(0, data_init(root.c_str(), "brand\"x"));
+        EXPECT_TRUE(vtest::file_exists(root + "/tmp"));
+        EXPECT_EQ(0, vtest::file_size(root + "/tmp"));
+        EXPECT_EQ(root + "/", Velto::Config::obj_->get_str("ROOT_DIR"));
+        Velto::StrMap base;
+        Velto::g_base_info.copy(base);
+        EXPECT_EQ(6u, base.size());
+        EXPECT_EQ("brand\"x", base["BRAND"]);  // not escaped
+        EXPECT_EQ("api_test", base["procname"]);
+        EXPECT_EQ(std::to_string(getpid()), base["procid"]);
+        EXPECT_EQ("1.1.1.1113", base["modver"]);
+        EXPECT_EQ('{', base["did"].front());
+        EXPECT_LE(std::stoll(base["tstart"]), Velto::os_time());
+        std::string log = vtest::read_file(root + "/sdk.log");
+        EXPECT_NE(std::string::npos, log.find("data_init to start thread"));
+        EXPECT_NE(std::string::npos, log.find("data_init end"));
+        EXPECT_EQ(106, data_event("c", "a", nullptr, 0));  // base information not yet given
+        EXPECT_EQ(106, data_base_ext("k", "v"));
+        EXPECT_EQ(101, data_init(root.c_str(), "brand"));
+    });
+}
+
+// Refused arguments leave the library uninitialised, so the cases can follow each other.
+TEST(Api, InitRefusesBadRootOrBrand) {
+    RUN_SCENARIO({
+        std::string file = root + "/plain";
+        vtest::write_file(file, "x");
+        std::string under_file = file + "/sub", missing = root + "/missing";
+        struct Case {
+            const char* root;
+            const char* brand;
+            int expected;
+        } cases[] = {
+            {nullptr, "brand", 104},
+            {root.c_str(), nullptr, 104},
+            {root.c_str(), "br", 104},
+            {"ab", "brand", 102},                // prefix "ab/" is too short
+            {under_file.c_str(), "brand", 102},  // "tmp" cannot be created
+            {missing.c_str(), "brand", 102},
+        };
+        for (const Case& c : cases)
+            EXPECT_EQ(c.expected, data_init(c.root, c.brand)) << (c.root ? c.root : "null");
+        EXPECT_FALSE(vtest::file_exists(root + "/tmp"));
+        EXPECT_FALSE(Velto::Config::obj_->has("ROOT_DIR"));
+        // Three bytes pass the length test.
+        ASSERT_EQ(0, chdir(root.c_str()));
+        ASSERT_EQ(0, mkdir("abc", 0700));
+        EXPECT_EQ(0, data_init("abc", "bra"));
+        EXPECT_TRUE(vtest::file_exists(root + "/abc/tmp"));
+    });
+}
+
+TEST(Api, AfterStopEverythingIsRefusedWithoutLogging) {
+    RUN_SCENARIO({
+        ASSERT_EQ(0, data_init(root.c_str(), "brand"));
+        ASSERT_EQ(0, give_base_info());
+        data_stop();
+        ASSERT_TRUE(vtest::wait_until([] { return Velto::g_back_run.stop_flag() == 0; }, 60000));
+        std::string log = vtest::read_file(root + "/sdk.log");
+        EXPECT_NE(std::string::npos, log.find("data_stop"));
+        EXPECT_EQ((std::vector<int>{207, 207, 207, 207, 207, 207, 207}), refusals());
+        EXPECT_EQ(log, vtest::read_file(root + "/sdk.log"));
+        // data_base_ext logs before its tests.
+        EXPECT_EQ(207, data_base_ext("k", "v"));
+        EXPECT_NE(std::string::npos, vtest::read_file(root + "/sdk.log").find("base_ext", log.size()));
+        EXPECT_EQ(101, data_init(root.c_str(), "brand"));
+        data_stop();  // a second stop is harmless
+    });
+}
+
+TEST(Api, TestEntryPoints) {
+    char buf[32] = "untouched";
+    EXPECT_EQ(301, call_test(7, nullptr));
+    EXPECT_EQ(0, call_test(-12, buf));
+    EXPECT_STREQ("api get: -12", buf);
+    EXPECT_EQ(5, call_test3(99, buf));
+    EXPECT_STREQ("y", buf);
+}
+
+TEST(Api, ExportsExactlyThePublicFunctions) {
+    std::string cmd = "nm -D --defined-only " + library_path();
+    FILE* nm = popen(cmd.c_str(), "r");
+    ASSERT_NE(nullptr, nm);
+    std::set<std::string> names;
+    char addr[64], type[8], name[512];
+    while (fscanf(nm, "%63s %7s %511s", addr, type, name) == 3) {
+        if (std::string(type) != "A") names.insert(name);  // "A": version markers, not code
+    }
+    ASSERT_EQ(0, pclose(nm));
+    std::set<std::string> expected = {
+        "data_init",        "data_stop",   "data_base_info",   "data_base_info2", "data_base_ext",
+        "data_event",       "data_screen", "data_count",       "data_err_trace",  "data_experience",
+        "data_changestate", "call_test",   "_Z10call_test3iPc"};
+    EXPECT_EQ(expected, names);
+}
+
+TEST(Api, PlainNamesWorkThroughDlopen) {
+    RUN_SCENARIO({
+        void* lib = dlopen(library_path().c_str(), RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(nullptr, lib) << dlerror();
+        auto init = reinterpret_cast<int (*)(const char*, const char*)>(dlsym(lib, "data_init"));
+        auto stop = reinterpret_cast<void (*)()>(dlsym(lib, "data_stop"));
+        auto test3 = reinterpret_cast<int (*)(int, char*)>(dlsym(lib, "_Z10call_test3iPc"));
+        ASSERT_TRUE(init && stop && test3);
+        EXPECT_EQ(0, init(root.c_str(), "brand"));
+        EXPECT_TRUE(vtest::file_exists(root + "/tmp"));
+        char buf[4] = "";
+        EXPECT_EQ(5, test3(0, buf));
+        EXPECT_STREQ("y", buf);
+        stop();
+    });
+}
+
+// The background thread still runs when the host exits; nothing may be torn down under it.
+TEST(Api, HostExitWithoutStop) {
+    RUN_SCENARIO({
+        ASSERT_EQ(0, data_init(root.c_str(), "brand"));
+        ASSERT_EQ(0, give_base_info());
+        ASSERT_EQ(0, data_event("c", "a", nullptr, 1));
+        exit(0);
+    });
+}
+
+}  // namespace

@@ -1,0 +1,222 @@
+// The five record calls: the exact record text, the base fields and own keys of every kind, the
+// escaping of arguments, the argument limits at their edges, the order of the refusals (207, 209,
+// 106, 208, 104), and records from many host threads. Also the pending queue on its own.
+#include <functional>
+#include <thread>
+
+#include "api_helpers.h"
+
+namespace {
+
+using apitest::drain;
+using apitest::only_record;
+using apitest::parse_record;
+using apitest::start;
+using Velto::StrMap;
+
+TEST(Records, EventRecordText) {
+    RUN_SCENARIO({
+        start(root);
+        StrMap b;
+        Velto::g_base_info.copy(b);
+        long long before = Velto::os_time();
+        ASSERT_EQ(0, data_event("cat", "a b", "lab", -5));
+        std::vector<std::string> recs = drain();
+        ASSERT_EQ(1u, recs.size());
+        StrMap rec;
+        ASSERT_TRUE(parse_record(recs[0], rec)) << recs[0];
+        EXPECT_GE(std::stoll(rec["ostime"]), before);
+        EXPECT_LE(std::stoll(rec["ostime"]), Velto::os_time());
+        EXPECT_EQ(34u, rec["sid"].size());
+        std::string expected =
+            "{\"BRAND\":\"brand\",\"act\":\"a b\",\"category\":\"cat\",\"did\":\"" + b["did"] +
+            "\",\"dtype\":\"event\",\"dvalue\":\"-5\",\"label\":\"lab\",\"modver\":\"1.1.1.1113\","
+            "\"osbit\":\"64\",\"oslang\":\"en-US\",\"ostime\":\"" +
+            rec["ostime"] +
+            "\",\"ostype\":\"mac\",\"osver\":\"10.15\",\"oszone\":\"8\",\"pid\":\"42\","
+            "\"plang\":\"en\",\"procid\":\"" +
+            b["procid"] +
+            "\",\"procname\":\"records_test\",\"psource\":\"src\",\"pver\":\"1.0\","
+            "\"sid\":\"" +
+            rec["sid"] + "\",\"tid\":\"tid1\",\"tstart\":\"" + b["tstart"] +
+            "\",\"uid\":\"u1\",\"uip\":\"uip1\"}";
+        EXPECT_EQ(expected, recs[0]);
+    });
+}
+
+TEST(Records, EveryKindCopiesBaseAndSetsOwnKeys) {
+    RUN_SCENARIO({
+        start(root);
+        ASSERT_EQ(0, data_base_ext("category", "base"));  // overridden by a call's own "category"
+        StrMap base;
+        Velto::g_base_info.copy(base);
+        struct Case {
+            std::function<int()> call;
+            StrMap own;
+        } cases[] = {
+            {[] { return data_event("c\"/\\\n\x01\x7f\xc3\xa9", "a", "", 0); },
+             {{"dtype", "event"}, {"category", "c\\\"\\/\\\\\\n\xc3\xa9"}, {"act", "a"}}},
+            {[] { return data_screen("home"); }, {{"dtype", "screenview"}, {"category", "home"}}},
+            {[] { return data_count("c", 9, nullptr); },
+             {{"dtype", "timing"}, {"category", "c"}, {"ttime", "9"}}},
+            {[] { return data_err_trace("d", 2, "", "a\tb"); },
+             {{"dtype", "exception"},
+              {"desc", "d"},
+              {"fatal", "2"},
+              {"stack", "a\\tb"},
+              {"category", "base"}}},
+            {[] { return data_experience("c", "a", "p"); },
+             {{"dtype", "experience"}, {"category", "c"}, {"act", "a"}, {"properties", "p"}}},
+        };
+        for (const Case& c : cases) {
+            ASSERT_EQ(0, c.call());
+            StrMap rec = only_record();
+            StrMap expected = c.own;
+            expected.insert(base.begin(), base.end());  // own keys win
+            expected["sid"] = rec["sid"];
+            expected["ostime"] = rec["ostime"];
+            EXPECT_EQ(expected, rec) << c.own.at("dtype");
+        }
+    });
+}
+
+// One argument-limit case: the call as written, the call, its expected result.
+struct LimitCase {
+    const char* text;
+    std::function<int()> call;
+    int expected;
+};
+// clang-format off
+#define LIMIT(expected, call) LimitCase{#call, [&] { return call; }, expected}
+// clang-format on
+
+TEST(Records, ArgumentLimits) {
+    RUN_SCENARIO({
+        start(root);
+        const std::string s64(64, 'x'), s65(65, 'x'), q64(64, '"'), s1024(1024, 'p'), s1025(1025, 'p'),
+            s2048(2048, 's'), s2049(2049, 's');
+        const char *c64 = s64.c_str(), *c65 = s65.c_str();
+        LimitCase cases[] = {
+            LIMIT(0, data_event(c64, c64, c64, 0)),
+            LIMIT(104, data_event(c65, "a", nullptr, 0)),
+            LIMIT(104, data_event("", "a", nullptr, 0)),
+            LIMIT(104, data_event(nullptr, "a", nullptr, 0)),
+            LIMIT(104, data_event("c", c65, nullptr, 0)),
+            LIMIT(104, data_event("c", "", nullptr, 0)),
+            LIMIT(104, data_event("c", nullptr, "", 0)),
+            LIMIT(0, data_event("c", "a", "", 0)),
+            LIMIT(104, data_event("c", "a", c65, 0)),
+            LIMIT(0, data_screen(q64.c_str())),
+            LIMIT(104, data_screen(c65)),
+            LIMIT(104, data_screen("")),
+            LIMIT(104, data_screen(nullptr)),
+            LIMIT(0, data_count(c64, 1, c64)),
+            LIMIT(104, data_count(c65, 1, nullptr)),
+            LIMIT(104, data_count("c", 0, nullptr)),
+            LIMIT(104, data_count("c", -1, nullptr)),
+            LIMIT(104, data_count("c", 1, "")),
+            LIMIT(104, data_count("c", 1, c65)),
+            LIMIT(0, data_err_trace(c64, 0, c64, s2048.c_str())),
+            LIMIT(0, data_err_trace("d", 1, "", "")),
+            LIMIT(0, data_err_trace("d", 2, nullptr, nullptr)),
+            LIMIT(104, data_err_trace("d", 3, nullptr, nullptr)),
+            LIMIT(104, data_err_trace("d", -1, nullptr, nullptr)),
+            LIMIT(104, data_err_trace(c65, 0, nullptr, nullptr)),
+            LIMIT(104, data_err_trace("", 0, nullptr, nullptr)),
+            LIMIT(104, data_err_trace("d", 0, c65, nullptr)),
+            LIMIT(104, data_err_trace("d", 0, nullptr, s2049.c_str())),
+            LIMIT(0, data_experience(c64, c64, s1024.c_str())),
+            LIMIT(0, data_experience("c", "a", "")),
+            LIMIT(104, data_experience("c", "a", s1025.c_str())),
+            LIMIT(104, data_experience(c65, "a", nullptr)),
+            LIMIT(104, data_experience("c", nullptr, nullptr)),
+        };
+        for (const LimitCase& c : cases) {
+            long long before = Velto::Cache::obj_->count();
+            EXPECT_EQ(c.expected, c.call()) << c.text;
+            EXPECT_EQ(before + (c.expected == 0 ? 1 : 0), Velto::Cache::obj_->count()) << c.text;
+        }
+        // Limits count raw bytes: 64 quotes pass and are stored escaped.
+        std::string escaped;
+        for (int i = 0; i < 64; ++i) escaped += "\\\"";
+        int screens = 0;
+        for (const std::string& rec : drain()) {
+            if (rec.find("screenview") == std::string::npos) continue;
+            ++screens;
+            EXPECT_NE(std::string::npos, rec.find("\"category\":\"" + escaped + "\"")) << rec;
+        }
+        EXPECT_EQ(1, screens);
+    });
+}
+
+TEST(Records, RefusalOrder) {
+    RUN_SCENARIO({
+        ASSERT_EQ(0, data_init(root.c_str(), "brand"));
+        Velto::Config::obj_->set("data_screen", "");  // present, whatever the value: switched off
+        EXPECT_EQ(209, data_screen(nullptr));         // before the completeness test
+        EXPECT_EQ(106, data_event(nullptr, "a", nullptr, 0));
+        ASSERT_EQ(0, apitest::give_base_info());
+        apitest::park_background();
+        EXPECT_EQ(209, data_screen("s"));
+        EXPECT_EQ(0, data_event("c", "a", nullptr, 0));
+        EXPECT_EQ(0, data_count("c", 1, nullptr));
+        EXPECT_EQ(0, data_err_trace("d", 0, nullptr, nullptr));
+        EXPECT_EQ(0, data_experience("c", "a", nullptr));
+        data_stop();
+        EXPECT_EQ(207, data_screen("s"));
+    });
+}
+
+TEST(Records, QueueBound) {
+    RUN_SCENARIO({
+        start(root);
+        for (int i = 0; i < 1001; ++i) ASSERT_EQ(0, data_screen("s")) << i;  // 1000 waiting still take one
+        EXPECT_EQ(1001, Velto::Cache::obj_->count());
+        EXPECT_EQ(208, data_screen("s"));
+        EXPECT_EQ(208, data_event(nullptr, nullptr, nullptr, 0));  // before the argument checks
+        Velto::Cache::obj_->get();
+        Velto::Cache::obj_->get();
+        EXPECT_EQ(0, data_screen("s"));
+    });
+}
+
+TEST(Records, ManyThreadsQueueCompleteRecordsInOrder) {
+    RUN_SCENARIO({
+        start(root);
+        const int kThreads = 8, kEach = 120;
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([t] {
+                std::string cat = "t" + std::to_string(t);
+                for (int i = 1; i <= kEach; ++i) EXPECT_EQ(0, data_event(cat.c_str(), "a", nullptr, i));
+            });
+        }
+        for (std::thread& th : threads) th.join();
+        std::vector<std::string> recs = drain();
+        ASSERT_EQ(size_t(kThreads * kEach), recs.size());
+        std::map<std::string, int> last;
+        for (const std::string& text : recs) {
+            StrMap rec;
+            ASSERT_TRUE(parse_record(text, rec)) << text;
+            int n = std::stoi(rec["dvalue"]);
+            EXPECT_EQ(last[rec["category"]] + 1, n) << rec["category"];
+            last[rec["category"]] = n;
+        }
+    });
+}
+
+TEST(Cache, FirstInFirstOut) {
+    Velto::Cache q;
+    q.reset();
+    EXPECT_EQ("", q.get());
+    EXPECT_EQ(0, q.count());
+    const std::string b = "b";
+    q.put(std::string("a"));
+    q.put(b);
+    q.put("c");
+    EXPECT_EQ(3, q.count());
+    for (const char* want : {"a", "b", "c", ""}) EXPECT_EQ(want, q.get());
+    EXPECT_EQ(0, q.count());
+}
+
+}  // namespace

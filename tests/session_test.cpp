@@ -1,0 +1,162 @@
+// Session ids: renewal after the idle time-out in the foreground (built in or from the settings),
+// no renewal in the background, renewal on the return to the foreground, and data_changestate with
+// its "fg"/"bg" events. The clock is moved with os_time_shift instead of waiting.
+#include "Session.h"
+
+#include "api_helpers.h"
+
+namespace {
+
+using apitest::drain;
+using apitest::only_record;
+using Velto::os_time;
+using Velto::os_time_shift;
+using Velto::StrMap;
+
+// Records two screens `gap` seconds apart on the moved clock and tells whether they share a
+// session. A pair is retried when the real clock ticks between the two records.
+bool same_session_after(long long gap) {
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        EXPECT_EQ(0, data_screen("a"));
+        StrMap first = only_record();
+        os_time_shift(gap);
+        EXPECT_EQ(0, data_screen("b"));
+        StrMap second = only_record();
+        if (std::stoll(second["ostime"]) - std::stoll(first["ostime"]) == gap)
+            return first["sid"] == second["sid"];
+    }
+    ADD_FAILURE() << "the clock never held still for a pair";
+    return false;
+}
+
+std::string sid_of_only_record() {
+    return only_record()["sid"];
+}
+
+TEST(Session, ForegroundIdleTimeout) {
+    RUN_SCENARIO({
+        apitest::start(root);
+        long long timeout = static_cast<long long>(Velto::g_session.timeout());
+        EXPECT_TRUE(same_session_after(timeout));
+        EXPECT_FALSE(same_session_after(timeout + 1));
+    });
+}
+
+TEST(Session, TimeoutFromSettings) {
+    RUN_SCENARIO({
+        apitest::start(root, false);
+        Velto::Config::obj_->set("SESSION_TMOUT", "60");
+        ASSERT_EQ(0, apitest::give_base_info());  // its record reads the time-out
+        drain();
+        EXPECT_EQ(60u, Velto::g_session.timeout());
+        EXPECT_TRUE(same_session_after(60));
+        EXPECT_FALSE(same_session_after(61));
+    });
+}
+
+TEST(Session, ChangeStateEvents) {
+    RUN_SCENARIO({
+        apitest::start(root);
+        EXPECT_EQ(0, data_changestate(1));  // already in the foreground
+        EXPECT_TRUE(drain().empty());
+        EXPECT_EQ(0, data_changestate(0));
+        StrMap bg = only_record();
+        EXPECT_EQ("default", bg["category"]);
+        EXPECT_EQ("bg", bg["act"]);
+        EXPECT_EQ(0u, bg.count("label") + bg.count("dvalue"));
+        EXPECT_EQ(0, data_changestate(0));
+        EXPECT_TRUE(drain().empty());
+        EXPECT_EQ(0, data_changestate(5));  // any non-zero value is the foreground
+        EXPECT_EQ("fg", only_record()["act"]);
+    });
+}
+
+TEST(Session, BackgroundKeepsSessionUntilReturn) {
+    RUN_SCENARIO({
+        apitest::start(root);
+        ASSERT_EQ(0, data_changestate(0));
+        std::string sid = sid_of_only_record();
+        for (int i = 0; i < 2; ++i) {
+            os_time_shift(3 * 3600);
+            ASSERT_EQ(0, data_screen("s"));
+            EXPECT_EQ(sid, sid_of_only_record());
+        }
+        os_time_shift(2 * 3600);
+        ASSERT_EQ(0, data_changestate(1));
+        std::string renewed = sid_of_only_record();  // the "fg" event already carries the new id
+        EXPECT_NE(sid, renewed);
+        ASSERT_EQ(0, data_screen("s"));
+        EXPECT_EQ(renewed, sid_of_only_record());
+    });
+}
+
+TEST(Session, StateChangesAfterStop) {
+    RUN_SCENARIO({
+        apitest::start(root);
+        data_stop();
+        EXPECT_EQ(207, data_changestate(0));
+        EXPECT_TRUE(Velto::g_session.background());
+        EXPECT_EQ(207, data_changestate(1));
+        EXPECT_FALSE(Velto::g_session.background());
+    });
+}
+
+TEST(Session, BuiltinTimeoutEdges) {
+    RUN_SCENARIO({
+        Velto::Session s;
+        EXPECT_EQ(1799u, s.timeout());
+        const long long t0 = 1000000;
+        std::string first = s.GetSID(t0);
+        EXPECT_EQ(34u, first.size());
+        EXPECT_EQ('{', first.front());
+        EXPECT_EQ('}', first.back());
+        EXPECT_EQ(first, s.GetSID(t0 + 1799));
+        EXPECT_NE(first, s.GetSID(t0 + 1799 + 1800));
+    });
+}
+
+TEST(Session, ConfiguredTimeouts) {
+    struct Case {
+        const char* setting;
+        long long keep_gap;   // idle seconds that keep the session
+        long long renew_gap;  // idle seconds that renew it (0: never within the test)
+    } cases[] = {{"60", 60, 61}, {"", 0, 1}, {"-5", 1000000000, 0}, {"1799", 1799, 1800}};
+    for (const Case& c : cases) {
+        RUN_SCENARIO({
+            Velto::Config::obj_->set("SESSION_TMOUT", c.setting);
+            Velto::Session s;
+            const long long t0 = 1000000;
+            std::string first = s.GetSID(t0);
+            EXPECT_EQ(first, s.GetSID(t0 + c.keep_gap)) << c.setting;
+            if (c.renew_gap > 0) {
+                EXPECT_NE(first, s.GetSID(t0 + c.keep_gap + c.renew_gap)) << c.setting;
+            }
+            // Once taken, a time-out other than the built-in one is not read again.
+            Velto::Config::obj_->set("SESSION_TMOUT", "5");
+            s.GetSID(t0 + c.keep_gap + c.renew_gap);
+            if (std::string(c.setting) == "1799") {
+                EXPECT_EQ(5u, s.timeout());  // the built-in value is the mark of "not yet read"
+            } else {
+                EXPECT_NE(5u, s.timeout()) << c.setting;
+            }
+        });
+    }
+}
+
+TEST(Session, ChangeStateRenewsOnlyAfterLongAbsence) {
+    RUN_SCENARIO({
+        Velto::Session s;
+        EXPECT_FALSE(s.ChangeState(1));
+        EXPECT_TRUE(s.ChangeState(0));
+        EXPECT_FALSE(s.ChangeState(0));
+        std::string sid = s.GetSID(os_time());
+        EXPECT_TRUE(s.ChangeState(7));
+        EXPECT_EQ(sid, s.GetSID(os_time()));  // a short absence keeps the session
+        EXPECT_TRUE(s.ChangeState(0));
+        os_time_shift(1800);
+        EXPECT_TRUE(s.ChangeState(1));
+        EXPECT_NE(sid, s.GetSID(os_time()));
+    });
+}
+
+}  // namespace
