@@ -1,0 +1,715 @@
+// Transport: one HTTP request over libcurl (every "https://" URL) or the library's own raw-socket
+// client (plain "http://"), and the uploads built on them: send_msg, send_msg_res (one URL-encoded
+// form field) and send_file (a multipart file upload). Runs on the background thread (uploads, the
+// configuration fetch); every call owns its socket or libcurl handle, so nothing is shared.
+//
+// Neither client interprets the HTTP status line or headers: the reply text is searched for its JSON
+// members. The wire format of the uploads (envelope, form field, multipart layout with its doubled
+// CRLFs) is what the collection server parses, so it is kept byte for byte.
+
+// The multipart upload is built with libcurl's form API (curl_formadd), which the server side has
+// always seen; keep it without the deprecation warnings.
+#define CURL_DISABLE_DEPRECATION 1
+
+#include "HttpClient.h"
+
+#include <arpa/inet.h>
+#include <curl/curl.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "BaseInfo.h"
+#include "ComInc.h"
+#include "Config.h"
+#include "Log.h"
+#include "OsApi.h"
+#include "Util.h"
+#include "Zip.h"
+
+namespace Velto {
+
+namespace {
+
+const char kMultipartHeader[] = "Content-Type:multipart/form-data;boundary=70db372eb000e2ax\r\n";
+const char kFormHeader[] = "Content-Type:application/x-www-form-urlencoded\r\n";
+const char kPartOpen[] = "\r\n--70db372eb000e2ax\r\nContent-Disposition: form-data; name=\"";
+const char kPartsClose[] = "\r\n--70db372eb000e2ax--\r\n";
+
+// Replies are small JSON objects; a server that keeps streaming must not grow the reply without end.
+const size_t kMaxReply = 8u << 20;
+// Upload bodies are bounded by the configured size limits long before this; beyond it the scratch
+// sizes below would overflow an int.
+const size_t kMaxPayload = 256u << 20;
+
+const size_t kRecvChunk = 2048;
+const unsigned int kConnectPollUs = 100;
+const unsigned int kRetryWaitUs = 10;
+
+// Text of an errno value without strerror's shared buffer (either strerror_r flavour).
+inline const char* pick_error_text(int /*xsi_result*/, const char* buf) {
+    return buf;
+}
+inline const char* pick_error_text(const char* gnu_result, const char* /*buf*/) {
+    return gnu_result;
+}
+std::string errno_text(int err) {
+    char buf[128] = {0};
+    return pick_error_text(strerror_r(err, buf, sizeof buf), buf);
+}
+
+// Time-outs are measured in whole seconds, as the configured time-outs always were.
+long long now_seconds() {
+    return std::chrono::duration_cast<std::chrono::seconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+bool timed_out(long long since, unsigned int timeout_ms) {
+    return (now_seconds() - since) * 1000 >= static_cast<long long>(timeout_ms);
+}
+
+bool starts_with(const char* text, const char* prefix) {
+    return text && strncmp(text, prefix, strlen(prefix)) == 0;
+}
+
+class Socket {
+  public:
+    Socket() : fd_(socket(AF_INET, SOCK_STREAM, 0)) {}
+    ~Socket() {
+        if (fd_ >= 0) close(fd_);
+    }
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+    int fd() const { return fd_; }
+
+  private:
+    int fd_;
+};
+
+struct CurlDeleter {
+    void operator()(CURL* c) const { curl_easy_cleanup(c); }
+};
+struct FormDeleter {
+    void operator()(curl_httppost* f) const { curl_formfree(f); }
+};
+typedef std::unique_ptr<CURL, CurlDeleter> CurlPtr;
+typedef std::unique_ptr<curl_httppost, FormDeleter> FormPtr;
+
+// ---- raw-socket client ----
+
+bool set_nonblocking(int fd) {
+    int flags = fcntl(fd, F_GETFL, 0);
+    return flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
+}
+
+// Waits for the connection with short selects; readiness counts as connected (a refused connection
+// shows up at the first send).
+bool connect_nonblocking(int fd, const sockaddr_in& addr, unsigned int timeout_ms) {
+    int ret = connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
+    if (ret != 0 && errno != EINPROGRESS) {
+        LOGE << "unblock connect server failed: " << errno_text(errno) << ", errno: " << ret << LEND;
+        return false;
+    }
+    const long long start = now_seconds();
+    for (;;) {
+        fd_set rset, wset;
+        FD_ZERO(&rset);
+        FD_SET(fd, &rset);
+        wset = rset;
+        timeval wait = {0, static_cast<suseconds_t>(kConnectPollUs)};
+        int ready = select(fd + 1, &rset, &wset, nullptr, &wait);
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready < 0) {
+            LOGE << "(select) connect server failed!" << LEND;
+            return false;
+        }
+        if (ready > 0) return true;
+        if ((now_seconds() - start) * 1000 > static_cast<long long>(timeout_ms)) break;
+    }
+    LOGE << "(select) connect server timeout!" << LEND;
+    return false;
+}
+
+bool connect_blocking(int fd, const sockaddr_in& addr) {
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0) return true;
+    LOGE << "block connect server failed!" << LEND;
+    return false;
+}
+
+// The request head. When the body text runs past body_len, the whole text goes into the head and
+// send_body is cleared (older callers relied on it); otherwise body_len bytes follow separately.
+// REQUIRES: a body of that kind is zero-terminated; any other body has body_len + 1 readable bytes.
+std::string build_head(const std::string& host, const std::string& path, const RequestParam* param,
+                       bool& send_body) {
+    send_body = false;
+    std::string head;
+    head.reserve(384);
+    head += (param && param->post) ? "POST " : "GET ";
+    head += path;
+    head += " HTTP/1.1\r\nhost:";
+    head += host;
+    head += "\r\nUser-Agent:Mozilla/5.0 (compatible; MSIE 9.0; Windows NT 6.1; Trident/5.0)\r\n";
+    if (param && param->header && starts_with(param->header, "Content-Type:"))
+        head += param->header;
+    else
+        head += kFormHeader;
+    head += "Accept:text/html,application/xhtml+xml,*/*\r\nConnection:close\r\n";
+    if (param == nullptr) return head + "\r\n";
+    char length[48];
+    snprintf(length, sizeof length, "Content-Length:%d\r\n\r\n", param->body_len);
+    head += length;
+    if (param->body) {
+        size_t len = param->body_len > 0 ? static_cast<size_t>(param->body_len) : 0;
+        if (strnlen(param->body, len + 1) > len)
+            head += param->body;
+        else
+            send_body = len > 0;
+    }
+    return head;
+}
+
+struct SendTexts {
+    const char* timeout;
+    const char* failed_errno;
+    const char* failed;
+};
+const SendTexts kHeadTexts = {"send head timeout! error: EWOULDBLOCK",
+                              "send head failed! error: ", "send head failed!"};
+const SendTexts kDataTexts = {"send data timeout! error: 10035",
+                              "send data failed! error: ", "send data failed!"};
+
+bool send_all(int fd, const char* data, size_t len, unsigned int timeout_ms, const SendTexts& texts) {
+    size_t sent = 0;
+    long long last = now_seconds();
+    while (sent < len) {
+        ssize_t n = send(fd, data + sent, len - sent, MSG_NOSIGNAL);
+        if (n > 0) {
+            sent += static_cast<size_t>(n);
+            last = now_seconds();
+            continue;
+        }
+        if (n == 0) {
+            LOGE << texts.failed << LEND;
+            return false;
+        }
+        int err = errno;
+        if (err == EINTR) continue;
+        if (err != EAGAIN && err != EWOULDBLOCK) {
+            LOGE << texts.failed_errno << errno_text(err) << LEND;
+            return false;
+        }
+        if (timed_out(last, timeout_ms)) {
+            LOGE << texts.timeout << LEND;
+            return false;
+        }
+        os_usleep(kRetryWaitUs);
+    }
+    return true;
+}
+
+// Reads until the server closes. Each chunk is taken as text (a zero byte cuts that chunk).
+bool recv_all(int fd, std::string& reply, const RequestParam* param) {
+    reply.clear();
+    char buf[kRecvChunk + 1];
+    long long last = now_seconds();
+    for (;;) {
+        ssize_t n = recv(fd, buf, kRecvChunk, 0);
+        if (n > 0) {
+            buf[n] = 0;
+            reply += buf;
+            if (reply.size() > kMaxReply) {
+                LOGE << "recv failed! reply larger than " << kMaxReply << LEND;
+                return false;
+            }
+            last = now_seconds();
+            continue;
+        }
+        if (n == 0) return true;
+        int err = errno;
+        if (err == EINTR) continue;
+        if (err != EAGAIN && err != EWOULDBLOCK) {
+            // The text is fixed whatever the error; the server side reads these lines as they are.
+            LOGE << "recv failed! error: EWOULDBLOCK" << LEND;
+            return false;
+        }
+        if (param && timed_out(last, param->timeout_ms)) {
+            LOGE << "recv timeout! error: " << errno_text(err) << LEND;
+            return false;
+        }
+        os_usleep(kRetryWaitUs);
+    }
+}
+
+// Connects, sends the head (and the body), and reads the reply until the server closes.
+bool exchange(int fd, const std::string& host, int port, const std::string& path, const RequestParam* param,
+              std::string& reply) {
+    std::string ip;
+    GetRealIP(host, ip);
+    sockaddr_in addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = inet_addr(ip.c_str());
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    const unsigned int timeout_ms = param ? param->timeout_ms : 0;
+    const bool connected =
+        (param && param->block) ? connect_blocking(fd, addr) : connect_nonblocking(fd, addr, timeout_ms);
+    if (!connected) return false;
+    bool send_body = false;
+    const std::string head = build_head(host, path, param, send_body);
+    if (!send_all(fd, head.data(), head.size(), timeout_ms, kHeadTexts)) return false;
+    if (send_body && !send_all(fd, param->body, static_cast<size_t>(param->body_len), timeout_ms, kDataTexts))
+        return false;
+    return recv_all(fd, reply, param);
+}
+
+// ---- libcurl client ----
+
+void set_common_options(CURL* curl, const std::string& url, const RequestParam& param, std::string* reply) {
+    if (url.compare(0, 8, "https://") == 0) {
+        // The collection server's certificate is deliberately not checked.
+        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
+        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
+    }
+    curl_easy_setopt(curl, CURLOPT_HEADER, 1L);
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &curl_recv_data);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, reply);
+    curl_easy_setopt(curl, CURLOPT_IPRESOLVE, static_cast<long>(CURL_IPRESOLVE_V4));
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, static_cast<long>(param.timeout_ms / 1000));
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT, static_cast<long>(2ULL * param.timeout_ms / 1000));
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+}
+
+void add_text_field(curl_httppost** first, curl_httppost** last, const char* name, const std::string& value) {
+    curl_formadd(first, last, CURLFORM_COPYNAME, name, CURLFORM_COPYCONTENTS, value.c_str(), CURLFORM_END);
+}
+
+FormPtr upload_form(const RequestParam& param) {
+    curl_httppost* first = nullptr;
+    curl_httppost* last = nullptr;
+    const char* name = param.upname ? param.upname : "";
+    add_text_field(&first, &last, "sdk_log", name);
+    add_text_field(&first, &last, "proc_name", g_base_info["procname"]);
+    add_text_field(&first, &last, "tid", Config::obj_->get_str("tid"));
+    add_text_field(&first, &last, "client_sign", g_base_info["did"]);
+    curl_formadd(&first, &last, CURLFORM_COPYNAME, "file", CURLFORM_BUFFER, name, CURLFORM_BUFFERPTR,
+                 param.body ? param.body : "", CURLFORM_BUFFERLENGTH,
+                 static_cast<long>(param.body_len > 0 ? param.body_len : 0), CURLFORM_CONTENTTYPE,
+                 "application/octet-stream", CURLFORM_END);
+    return FormPtr(first);
+}
+
+FormPtr plain_form() {
+    curl_httppost* first = nullptr;
+    curl_httppost* last = nullptr;
+    add_text_field(&first, &last, "reqformat", "plain");
+    return FormPtr(first);
+}
+
+// ---- uploads ----
+
+// The scratch size the envelope has always used for an input of len bytes.
+int scratch_size(size_t len) {
+    return static_cast<int>(static_cast<double>(len) * 1.2 + 100);
+}
+
+// Deflates data (up to its first zero byte, as Zip does) into out; false when Zip fails.
+bool zip_into(const std::string& data, std::vector<unsigned char>& out) {
+    int cap = scratch_size(data.size());
+    out.assign(static_cast<size_t>(cap) + 1, 0);
+    int len = cap;
+    if (Zip(data.c_str(), out.data(), len) < 0) return false;
+    out.resize(static_cast<size_t>(len));
+    return true;
+}
+
+// The Base64 form-field text of data, zipped first when ZIP_DATA is on. False when Zip fails.
+bool encode_form_payload(const std::string& data, std::string& text) {
+    if (data.size() > kMaxPayload) return false;
+    if (!Config::obj_->on("ZIP_DATA")) {
+        text = Util::fencode(data);
+        return true;
+    }
+    std::vector<unsigned char> zipped;
+    if (!zip_into(data, zipped)) return false;
+    text = Util::fencode(reinterpret_cast<const char*>(zipped.data()), static_cast<long long>(zipped.size()));
+    return true;
+}
+
+// The file payload: the unencoded length as 4 big-endian bytes, then the enciphered (and, with
+// ZIP_DATA on, deflated) data. False when Zip fails or nothing was enciphered.
+bool encode_file_payload(const std::string& data, std::string& payload) {
+    if (data.size() > kMaxPayload) return false;
+    std::vector<unsigned char> zipped;
+    const unsigned char* plain = reinterpret_cast<const unsigned char*>(data.data());
+    size_t plain_len = data.size();
+    if (Config::obj_->on("ZIP_DATA")) {
+        if (!zip_into(data, zipped)) return false;
+        plain = zipped.data();
+        plain_len = zipped.size();
+    }
+    std::vector<unsigned char> sealed(static_cast<size_t>(scratch_size(plain_len)) + 1, 0);
+    int sealed_len = 0;
+    if (plain_len > 0) AES_Encode2(plain, static_cast<int>(plain_len), sealed.data(), sealed_len);
+    if (sealed_len < 1) return false;
+    const uint32_t n = static_cast<uint32_t>(data.size());
+    payload.reserve(4 + static_cast<size_t>(sealed_len));
+    payload.assign(1, static_cast<char>((n >> 24) & 0xFF));
+    payload += static_cast<char>((n >> 16) & 0xFF);
+    payload += static_cast<char>((n >> 8) & 0xFF);
+    payload += static_cast<char>(n & 0xFF);
+    payload.append(reinterpret_cast<const char*>(sealed.data()), static_cast<size_t>(sealed_len));
+    return true;
+}
+
+// Text values are joined as zero-terminated strings, so a value is cut at a zero byte.
+void append_text_part(std::string& body, const char* name, const std::string& value) {
+    body += kPartOpen;
+    body += name;
+    body += "\"\r\n\r\n";
+    body += value.c_str();
+    // The doubled CRLF reaches the server as part of the value; the server strips it.
+    body += "\r\n\r\n";
+}
+
+std::string multipart_body(const std::string& name, const std::string& payload) {
+    std::string body;
+    body.reserve(payload.size() + 512);
+    append_text_part(body, "sdk_log", name);
+    append_text_part(body, "proc_name", g_base_info["procname"]);
+    append_text_part(body, "tid", Config::obj_->get_str("tid"));
+    append_text_part(body, "client_sign", g_base_info["did"]);
+    body += kPartOpen;
+    body += "file\"; filename=\"";
+    body += name.c_str();
+    body += "\"\r\nContent-Type: application/octet-stream\r\n\r\n";
+    body += payload;
+    body += kPartsClose;
+    return body;
+}
+
+RequestParam upload_param(const std::string& body) {
+    RequestParam param;
+    param.post = true;
+    param.body = body.c_str();
+    param.body_len = static_cast<int>(body.size());
+    param.block = false;
+    long long timeout = Config::obj_->get_int("CON_TIMEOUT");
+    param.timeout_ms = timeout < 0 ? 0u : timeout > UINT_MAX ? UINT_MAX : static_cast<unsigned int>(timeout);
+    return param;
+}
+
+enum class PostResult { kEncodeFailed, kNoReply, kReplied };
+
+// Steps shared by send_msg and send_msg_res: envelope, form body, one POST.
+PostResult post_form(const std::string& data, const char* url, const std::string& field, std::string& reply) {
+    std::string text;
+    if (!encode_form_payload(data, text) || text.empty()) return PostResult::kEncodeFailed;
+    const std::string body = field + "=" + UrlEncode(text);
+    RequestParam param = upload_param(body);
+    if (starts_with(url, "https://")) {
+        reply = curl_http_post(url, param, 1);
+        return reply.empty() ? PostResult::kNoReply : PostResult::kReplied;
+    }
+    return http_client(url, reply, &param) ? PostResult::kReplied : PostResult::kNoReply;
+}
+
+}  // namespace
+
+bool parse_http_url(const std::string& url, std::string& host, int& port, std::string& path) {
+    static const size_t kScheme = 7;  // "http://"
+    if (url.compare(0, kScheme, "http://") != 0) {
+        LOGE << "err url head: " << url << LEND;
+        return false;
+    }
+    // The search starts one byte into the host, so the host is never empty.
+    const size_t colon = url.find(':', kScheme + 1);
+    const size_t slash = url.find('/', kScheme + 1);
+    port = 80;
+    path = "/";
+    if (colon == std::string::npos && slash == std::string::npos) {
+        host = url.substr(kScheme);
+    } else if (slash == std::string::npos) {
+        host = url.substr(kScheme, colon - kScheme);
+        port = atoi(url.c_str() + colon + 1);
+    } else if (colon == std::string::npos || colon > slash) {
+        host = url.substr(kScheme, slash - kScheme);
+        path = url.substr(slash);
+    } else {
+        host = url.substr(kScheme, colon - kScheme);
+        port = atoi(url.substr(colon + 1, slash - colon - 1).c_str());
+        path = url.substr(slash);
+    }
+    return true;
+}
+
+bool http_client(const char* url, std::string& reply, RequestParam* param) {
+    try {
+        if (url == nullptr) {
+            LOGE << "null url" << LEND;
+            return false;
+        }
+        Socket sock;
+        if (sock.fd() < 0) {
+            LOGE << "create socket" << LEND;
+            return false;
+        }
+        if (param && !param->block) set_nonblocking(sock.fd());
+        std::string host, path;
+        int port = 0;
+        if (!parse_http_url(url, host, port, path)) return false;
+        return exchange(sock.fd(), host, port, path, param, reply);
+    } catch (...) {
+        LOGE << "Exception, http_client" << LEND;
+        return false;
+    }
+}
+
+std::string curl_http_post(const std::string& url, RequestParam& param, int mode) {
+    std::string reply;
+    try {
+        FormPtr form;  // declared first: freed after the handle that points into it
+        CurlPtr curl(curl_easy_init());
+        if (!curl) {
+            LOGE << "curl init failed" << LEND;
+            return reply;
+        }
+        set_common_options(curl.get(), url, param, &reply);
+        if (mode == 1) {
+            curl_easy_setopt(curl.get(), CURLOPT_POST, 1L);
+            // Never a null body: libcurl would then read the body from standard input.
+            curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, param.body ? param.body : "");
+            curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDSIZE,
+                             static_cast<long>(param.body_len > 0 ? param.body_len : 0));
+        } else if (mode == 2 || mode == 3) {
+            form = mode == 2 ? upload_form(param) : plain_form();
+            curl_easy_setopt(curl.get(), CURLOPT_HTTPPOST, form.get());
+        }
+        CURLcode rc = curl_easy_perform(curl.get());
+        if (rc != CURLE_OK) LOGE << "curl_easy_perform() failed: " << curl_easy_strerror(rc) << LEND;
+    } catch (...) {
+        LOGE << "Exception, curl_http_post" << LEND;
+    }
+    return reply;
+}
+
+std::string curl_http_get(const std::string& url, RequestParam& param) {
+    std::string reply;
+    try {
+        CurlPtr curl(curl_easy_init());
+        if (!curl) {
+            LOGE << "curl init failed: " << LEND;
+            return reply;
+        }
+        set_common_options(curl.get(), url, param, &reply);
+        CURLcode rc = curl_easy_perform(curl.get());
+        if (rc != CURLE_OK) LOGE << "curl_easy_perform failed: " << curl_easy_strerror(rc) << LEND;
+    } catch (...) {
+        LOGE << "Exception, curl_http_get" << LEND;
+    }
+    return reply;
+}
+
+// Called by libcurl: nothing may escape. Returning less than size * count stops the transfer, which
+// is what happens to a reply that grows past kMaxReply.
+size_t curl_recv_data(void* ptr, size_t size, size_t count, void* reply) {
+    const size_t n = size * count;
+    if (ptr == nullptr || reply == nullptr) return n;
+    try {
+        std::string* out = static_cast<std::string*>(reply);
+        const size_t text_len = strnlen(static_cast<const char*>(ptr), n);
+        if (out->size() + text_len > kMaxReply) return 0;
+        out->append(static_cast<const char*>(ptr), text_len);
+        return n;
+    } catch (...) {
+        return 0;
+    }
+}
+
+int curl_debug(void* /*handle*/, int type, char* text, size_t size, void* /*user*/) {
+    const char* tag = nullptr;
+    switch (type) {
+        case CURLINFO_TEXT:
+            tag = "[TEXT]:";
+            break;
+        case CURLINFO_HEADER_IN:
+            tag = "[HEADER_IN]:\r\n";
+            break;
+        case CURLINFO_HEADER_OUT:
+            tag = "[HEADER_OUT]:\r\n";
+            break;
+        case CURLINFO_DATA_IN:
+            tag = "[DATA_IN]:\r\n";
+            break;
+        case CURLINFO_DATA_OUT:
+            tag = "[DATA_OUT]:\r\n";
+            break;
+        default:
+            return 0;
+    }
+    fputs(tag, stdout);
+    if (text && size > 0) fwrite(text, 1, size, stdout);
+    return 0;
+}
+
+bool GetRealIP(const std::string& host, std::string& ip) {
+    ip = host;
+    if (inet_addr(host.c_str()) != INADDR_NONE) return true;
+    // getaddrinfo instead of gethostbyname: same first IPv4 address, without the shared result.
+    addrinfo hints;
+    memset(&hints, 0, sizeof hints);
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0 || found == nullptr) return false;
+    char text[INET_ADDRSTRLEN] = {0};
+    const sockaddr_in* addr = reinterpret_cast<const sockaddr_in*>(found->ai_addr);
+    const bool ok = inet_ntop(AF_INET, &addr->sin_addr, text, sizeof text) != nullptr;
+    freeaddrinfo(found);
+    if (ok) ip = text;
+    return ok;
+}
+
+std::string UrlEncode(const std::string& text) {
+    std::string out;
+    out.reserve(text.size() * 3);
+    for (unsigned char c : text) {
+        if (isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~') {
+            out += static_cast<char>(c);
+        } else if (c == ' ') {
+            out += '+';
+        } else {
+            out += '%';
+            out += static_cast<char>(ToHex(c >> 4));
+            out += static_cast<char>(ToHex(c & 0x0F));
+        }
+    }
+    return out;
+}
+
+std::string UrlDecode(const std::string& text) {
+    std::string out;
+    out.reserve(text.size());
+    const size_t n = text.size();
+    for (size_t i = 0; i < n; ++i) {
+        const char c = text[i];
+        if (c == '+') {
+            out += ' ';
+        } else if (c == '%' && i + 2 < n) {
+            const unsigned char high = FromHex(static_cast<unsigned char>(text[++i]));
+            const unsigned char low = FromHex(static_cast<unsigned char>(text[++i]));
+            out += static_cast<char>(high * 16 + low);
+        } else {
+            // A "%" without two characters after it once stopped the process on an assertion; a
+            // library must not take its host down, so it is copied through as it stands.
+            out += c;
+        }
+    }
+    return out;
+}
+
+unsigned char ToHex(unsigned char x) {
+    return static_cast<unsigned char>(x > 9 ? x + 55 : x + 48);
+}
+
+unsigned char FromHex(unsigned char c) {
+    // Letters past F give values above 15, as they always did. Any other character once failed an
+    // assertion; it now counts as 0 rather than aborting the host.
+    if (c >= 'A' && c <= 'Z') return static_cast<unsigned char>(c - 55);
+    if (c >= 'a' && c <= 'z') return static_cast<unsigned char>(c - 87);
+    if (c >= '0' && c <= '9') return static_cast<unsigned char>(c - '0');
+    return 0;
+}
+
+int send_msg(const std::string& data, const char* url, const std::string& field) {
+    try {
+        std::string reply;
+        switch (post_form(data, url, field, reply)) {
+            case PostResult::kEncodeFailed:
+                return -1;
+            case PostResult::kNoReply:
+                // The number has always been printed as 0, whatever the transport returned.
+                LOGE << "msg http_client ret: " << 0 << LEND;
+                return RES_NO_REPLY;
+            case PostResult::kReplied:
+                break;
+        }
+        if (reply.size() <= 2) return RES_SVR_REJECT;
+        if (Util::json_item(reply, "status") == "0") return RES_OK;
+        LOGE << "http_client" << LEND;
+        return RES_SVR_REJECT;
+    } catch (...) {
+        LOGE << "Exception, send_msg" << LEND;
+        return -1;
+    }
+}
+
+int send_file(const std::string& data, const char* url, const std::string& name) {
+    try {
+        std::string payload;
+        if (!encode_file_payload(data, payload)) return -1;
+        RequestParam param = upload_param(payload);
+        param.upname = name.c_str();
+        g_base_info.wait(30);
+        std::string reply;
+        bool replied = false;
+        if (starts_with(url, "https://")) {
+            reply = curl_http_post(url, param, 2);
+            replied = !reply.empty();
+        } else {
+            const std::string body = multipart_body(name, payload);
+            param.body = body.c_str();
+            param.body_len = static_cast<int>(body.size());
+            param.header = kMultipartHeader;
+            replied = http_client(url, reply, &param);
+        }
+        if (!replied) {
+            LOGE << "file http_client ret: " << 0 << LEND;
+            return RES_NO_REPLY;
+        }
+        if (reply.size() <= 2) return RES_SVR_REJECT;
+        if (Util::json_item(reply, "status") == "0") return RES_OK;
+        LOGE << "http response: " << reply << LEND;
+        return RES_SVR_REJECT;
+    } catch (...) {
+        LOGE << "Exception, send_file" << LEND;
+        return -1;
+    }
+}
+
+std::string send_msg_res(const std::string& data, const char* url, const std::string& field) {
+    try {
+        std::string reply;
+        switch (post_form(data, url, field, reply)) {
+            case PostResult::kEncodeFailed:
+                return "";
+            case PostResult::kNoReply:
+                LOGE << "http_client" << LEND;
+                return "";
+            case PostResult::kReplied:
+                break;
+        }
+        if (reply.size() <= 2) return "";
+        return Util::json_item(reply, "data");
+    } catch (...) {
+        LOGE << "Exception, send_msg_res" << LEND;
+        return "";
+    }
+}
+
+}  // namespace Velto

@@ -1,0 +1,210 @@
+// The two HTTP clients against loopback collectors (exact request heads, time-outs, hostile
+// replies), URL parsing, name resolution and the form encoding helpers.
+#include <random>
+
+#include "transport_fixture.h"
+
+using transporttest::bounded;
+using transporttest::TransportTest;
+using vcollect::RawMode;
+using vcollect::RawServer;
+using vcollect::TlsServer;
+
+namespace {
+
+const std::string kHeadTail =
+    "User-Agent:Mozilla/5.0 (compatible; MSIE 9.0; Windows NT 6.1; Trident/5.0)\r\n";
+const std::string kAccept = "Accept:text/html,application/xhtml+xml,*/*\r\nConnection:close\r\n";
+
+Velto::RequestParam post_param(const char* body, int len, const char* header = nullptr) {
+    Velto::RequestParam p;
+    p.body = body;
+    p.body_len = len;
+    p.header = header;
+    p.timeout_ms = 1000;
+    return p;
+}
+
+}  // namespace
+
+TEST(HttpUrl, SplitsHostPortAndPath) {
+    struct {
+        const char* url;
+        const char* host;
+        int port;
+        const char* path;
+    } cases[] = {
+        {"http://host:8080", "host", 8080, "/"},
+        {"http://host/a:b", "host", 80, "/a:b"},
+        {"http://h", "h", 80, "/"},
+        {"http://host:81/p?q=1&r", "host", 81, "/p?q=1&r"},
+        {"http://host:junk/x", "host", 0, "/x"},
+        {"http://10.0.0.1/", "10.0.0.1", 80, "/"},
+    };
+    for (const auto& c : cases) {
+        std::string host, path;
+        int port = -1;
+        ASSERT_TRUE(Velto::parse_http_url(c.url, host, port, path)) << c.url;
+        EXPECT_EQ(c.host, host) << c.url;
+        EXPECT_EQ(c.port, port) << c.url;
+        EXPECT_EQ(c.path, path) << c.url;
+    }
+}
+
+TEST_F(TransportTest, OtherSchemesAreRejectedWithALogLine) {
+    for (const char* url : {"http:/x", "https://h/", "HTTP://h/"}) {
+        std::string host, path;
+        int port = 0;
+        EXPECT_FALSE(Velto::parse_http_url(url, host, port, path)) << url;
+        EXPECT_TRUE(logged(std::string("err url head: ") + url)) << url;
+    }
+    std::string reply;
+    EXPECT_FALSE(Velto::http_client(nullptr, reply, nullptr));
+    EXPECT_TRUE(logged("null url"));
+}
+
+TEST(HttpResolve, DottedAddressAndLocalhost) {
+    std::string ip;
+    EXPECT_TRUE(Velto::GetRealIP("127.0.0.1", ip));
+    EXPECT_EQ("127.0.0.1", ip);
+    EXPECT_TRUE(Velto::GetRealIP("localhost", ip));
+    EXPECT_EQ("127.0.0.1", ip);
+    EXPECT_FALSE(Velto::GetRealIP("no-such-host.invalid", ip));
+    EXPECT_EQ("no-such-host.invalid", ip);
+}
+
+TEST(FormEncoding, EncodeAndDecode) {
+    const std::pair<std::string, std::string> encoded[] = {
+        {"a b&c", "a+b%26c"}, {"\xE9", "%E9"}, {"-._~Az09", "-._~Az09"}, {"+/=\n", "%2B%2F%3D%0A"}, {"", ""}};
+    for (const auto& e : encoded) {
+        EXPECT_EQ(e.second, Velto::UrlEncode(e.first));
+        EXPECT_EQ(e.first, Velto::UrlDecode(e.second));
+    }
+    // A "%" without two characters after it, and characters that are not hexadecimal digits, no
+    // longer stop the process: the first is copied through, the second count as 0.
+    const std::pair<std::string, std::string> decoded[] = {
+        {"%", "%"}, {"a%4", "a%4"}, {"%4a%4A", "JJ"}, {"%!1", "\x01"}, {"%G0", std::string(1, '\0')}};
+    for (const auto& d : decoded) EXPECT_EQ(d.second, Velto::UrlDecode(d.first)) << d.first;
+    EXPECT_EQ('0', Velto::ToHex(0));
+    EXPECT_EQ('F', Velto::ToHex(15));
+    EXPECT_EQ(15, Velto::FromHex('f'));
+    EXPECT_EQ(16, Velto::FromHex('G'));
+    EXPECT_EQ(0, Velto::FromHex('#'));
+}
+
+TEST_F(TransportTest, RawClientSendsTheExactHeadAndBody) {
+    RawServer srv;
+    const char binary[] = {'a', '\0', 'b'};
+    Velto::RequestParam form = post_param("a=1", 3);
+    Velto::RequestParam typed = post_param(binary, 3, "Content-Type:text/plain\r\n");
+    Velto::RequestParam get = post_param(nullptr, 0);
+    get.post = false;
+    std::string reply;
+    ASSERT_TRUE(bounded([&] { return Velto::http_client(srv.url("/v1/data?x=1").c_str(), reply, &form); }));
+    EXPECT_EQ(0u, reply.find("HTTP/1.1 200 OK\r\n"));
+    EXPECT_NE(std::string::npos, reply.find("\r\n\r\n{\"status\":0}"));
+    ASSERT_TRUE(bounded([&] { return Velto::http_client(srv.url().c_str(), reply, &typed); }));
+    ASSERT_TRUE(bounded([&] { return Velto::http_client(srv.url("/g").c_str(), reply, &get); }));
+    ASSERT_TRUE(bounded([&] { return Velto::http_client(srv.url().c_str(), reply, nullptr); }));
+
+    const auto reqs = srv.requests();
+    ASSERT_EQ(4u, reqs.size());
+    const std::string host = "host:127.0.0.1\r\n";
+    EXPECT_EQ("POST /v1/data?x=1 HTTP/1.1\r\n" + host + kHeadTail +
+                  "Content-Type:application/x-www-form-urlencoded\r\n" + kAccept +
+                  "Content-Length:3\r\n\r\na=1",
+              reqs[0].bytes());
+    EXPECT_EQ("POST / HTTP/1.1\r\n" + host + kHeadTail + "Content-Type:text/plain\r\n" + kAccept +
+                  "Content-Length:3\r\n\r\n" + std::string(binary, 3),
+              reqs[1].bytes());
+    EXPECT_EQ("GET /g HTTP/1.1\r\n" + host + kHeadTail +
+                  "Content-Type:application/x-www-form-urlencoded\r\n" + kAccept + "Content-Length:0\r\n\r\n",
+              reqs[2].bytes());
+    EXPECT_EQ("GET / HTTP/1.1\r\n" + host + kHeadTail + "Content-Type:application/x-www-form-urlencoded\r\n" +
+                  kAccept + "\r\n",
+              reqs[3].bytes());
+}
+
+TEST_F(TransportTest, RawClientTimeoutsAreBounded) {
+    struct {
+        RawMode mode;
+        const char* log;
+    } cases[] = {{RawMode::kSilent, "recv timeout! error: "},
+                 {RawMode::kReplyKeepOpen, "recv timeout! error: "}};
+    for (const auto& c : cases) {
+        RawServer srv(c.mode);
+        Velto::RequestParam p = post_param("a=1", 3);
+        std::string reply;
+        EXPECT_FALSE(bounded([&] { return Velto::http_client(srv.url().c_str(), reply, &p); }));
+        EXPECT_TRUE(logged(c.log));
+    }
+    Velto::RequestParam p = post_param("a=1", 3);
+    std::string reply;
+    const std::string url = "http://127.0.0.1:" + std::to_string(closed_port());
+    EXPECT_FALSE(bounded([&] { return Velto::http_client(url.c_str(), reply, &p); }));
+}
+
+TEST_F(TransportTest, HostileRepliesGiveAResultNotACrash) {
+    std::mt19937 rng(7);
+    std::string noise(6000, '\0');
+    for (char& c : noise) c = static_cast<char>(rng());
+    struct {
+        RawMode mode;
+        std::string reply;
+    } cases[] = {{RawMode::kRawBytes, noise},
+                 {RawMode::kRawBytes, std::string("\0{\"status\":0}", 13)},
+                 {RawMode::kRawBytes, "HTTP/1.1 200 OK\r\nContent-Length: 900\r\n\r\n{\"sta"},
+                 {RawMode::kResetMidReply, "HTTP/1.1 200 OK\r\nContent-Len"},
+                 {RawMode::kClose, ""}};
+    for (const auto& c : cases) {
+        RawServer srv(c.mode, c.reply);
+        Velto::RequestParam p = post_param("a=1", 3);
+        std::string reply = "stale";
+        const bool ok = bounded([&] { return Velto::http_client(srv.url().c_str(), reply, &p); });
+        if (ok) {
+            EXPECT_LE(reply.size(), c.reply.size());
+        }
+        const int rc = bounded([&] { return Velto::send_msg("{\"k\":\"v\"}", srv.url().c_str(), "data"); });
+        EXPECT_TRUE(rc == 204 || rc == 205) << rc;
+    }
+}
+
+TEST_F(TransportTest, CurlModesReachTheHttpsServer) {
+    TlsServer srv;
+    ASSERT_TRUE(srv.ok());
+    srv.set_reply("/v1/conf", "{\"status\":0,\"conf\":{}}");
+    Velto::RequestParam p = post_param("a=1&b=%20", 9);
+    const std::string reply = bounded([&] { return Velto::curl_http_post(srv.url("/v1/data"), p, 1); });
+    EXPECT_EQ(0u, reply.find("HTTP/1.1 200"));  // headers are part of the reply
+    EXPECT_NE(std::string::npos, reply.find("{\"status\":0}"));
+    bounded([&] { return Velto::curl_http_post(srv.url("/v1/file"), p, 3); });
+    const std::string got = bounded([&] { return Velto::curl_http_get(srv.url("/v1/conf"), p); });
+    EXPECT_NE(std::string::npos, got.find("\"conf\":{}"));
+
+    const auto reqs = srv.requests();
+    ASSERT_EQ(3u, reqs.size());
+    EXPECT_EQ("POST", reqs[0].method);
+    EXPECT_EQ("a=1&b=%20", reqs[0].body);
+    ASSERT_EQ(1u, reqs[1].parts.size());
+    EXPECT_EQ("reqformat", reqs[1].parts[0].name);
+    EXPECT_EQ("plain", reqs[1].parts[0].data);
+    EXPECT_EQ("GET", reqs[2].method);
+}
+
+TEST_F(TransportTest, CurlFailureIsLoggedAndEmpty) {
+    Velto::RequestParam p = post_param("a=1", 3);
+    const std::string url = "https://127.0.0.1:" + std::to_string(closed_port()) + "/v1/data";
+    EXPECT_EQ("", bounded([&] { return Velto::curl_http_post(url, p, 1); }));
+    EXPECT_EQ("", bounded([&] { return Velto::curl_http_get(url, p); }));
+    EXPECT_TRUE(logged("curl_easy_perform() failed: "));
+    EXPECT_TRUE(logged("curl_easy_perform failed: "));
+}
+
+TEST(CurlCallbacks, WriteCallbackStopsAtZeroAndAtTheChunkEnd) {
+    std::string reply = "<";
+    char with_zero[] = {'a', 'b', 'c', '\0', 'd', 'e'};
+    EXPECT_EQ(6u, Velto::curl_recv_data(with_zero, 1, 6, &reply));
+    char unterminated[] = {'x', 'y', 'z'};
+    EXPECT_EQ(2u, Velto::curl_recv_data(unterminated, 2, 1, &reply));
+    EXPECT_EQ("<abcxy", reply);
+}

@@ -1,0 +1,89 @@
+// Shared ground of the transport tests: the settings store at its defaults with a one-second
+// connection time-out, complete base information (so file uploads never wait for it), the log in a
+// temporary directory (HOME beside it), and a helper that bounds a blocking call.
+#ifndef VELTO_TEST_TRANSPORT_FIXTURE_H
+#define VELTO_TEST_TRANSPORT_FIXTURE_H
+
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "BaseInfo.h"
+#include "ComInc.h"
+#include "Config.h"
+#include "HttpClient.h"
+#include "Log.h"
+#include "payload.h"
+#include "raw_server.h"
+#include "scenario.h"
+#include "tls_server.h"
+
+namespace transporttest {
+
+const char kProcName[] = "host app";
+const char kDid[] = "{0A1B-did}";
+const char kTid[] = "T-7";
+
+// Runs fn on a thread of its own and waits at most `seconds`. A call that overruns cannot be
+// cancelled, so the test fails and the process ends there.
+template <typename F>
+auto bounded(F fn, int seconds = 20) -> decltype(fn()) {
+    typedef decltype(fn()) R;
+    auto task = std::make_shared<std::packaged_task<R()>>(fn);
+    std::future<R> result = task->get_future();
+    std::thread([task] { (*task)(); }).detach();
+    if (result.wait_for(std::chrono::seconds(seconds)) != std::future_status::ready) {
+        ADD_FAILURE() << "call still running after " << seconds << " s";
+        std::_Exit(1);
+    }
+    return result.get();
+}
+
+class TransportTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        setenv("HOME", home_.path().c_str(), 1);
+        curl_global_init(CURL_GLOBAL_ALL);
+        Velto::Log::obj_->init(dir_.file("sdk.log").c_str());
+        Velto::Config::obj_->load_default();
+        Velto::Config::obj_->set("CON_TIMEOUT", 1000);
+        Velto::Config::obj_->set("tid", kTid);
+        static const char* const kBase[][2] = {
+            {"procname", kProcName}, {"did", kDid},
+            {"uid", "u1"},           {"pid", "42"},
+            {"pver", "2.0"},         {"BRAND", "Brand"},
+            {"modver", "1.1.1"},     {"plang", "en"},
+            {"ostype", "linux"},     {"osver", "6.1"},
+            {"osbit", "64"},         {"oslang", "en-US"},
+            {"oszone", "1"},         {"tinstall", "1600000000"},
+        };
+        for (const auto& f : kBase) Velto::g_base_info.set(f[0], f[1]);
+    }
+
+    void zip(bool on) { Velto::Config::obj_->set("ZIP_DATA", on ? "ON" : "OFF"); }
+    std::string log_text() {
+        Velto::Log::obj_->flush();
+        return vtest::read_file(dir_.file("sdk.log"));
+    }
+    bool logged(const std::string& text) { return log_text().find(text) != std::string::npos; }
+    // A loopback port where nothing listens (a server's, after it stopped).
+    static int closed_port() {
+        vcollect::RawServer gone;
+        const int port = gone.port();
+        gone.stop();
+        return port;
+    }
+
+    vtest::TempDir dir_;
+    vtest::TempDir home_;
+};
+
+}  // namespace transporttest
+
+#endif

@@ -1,0 +1,300 @@
+// The plain-TCP loopback collector: accept thread, one thread per connection, bounded waits
+// everywhere so that stop() never hangs on a client that keeps its connection open.
+#include "raw_server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+
+namespace vcollect {
+
+namespace {
+
+const int kTickMs = 50;             // how often blocked threads look at the stop flag
+const size_t kMaxHead = 64u << 10;  // a longer head is not from the library
+const size_t kMaxBody = 64u << 20;  // nor a larger body
+const int kSendTimeoutMs = 2000;
+
+std::string lower(std::string s) {
+    for (char& c : s) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    return s;
+}
+
+// Waits up to kTickMs for fd to become readable: 1 readable, 0 not yet, -1 error.
+int wait_readable(int fd) {
+    pollfd p = {fd, POLLIN, 0};
+    int r = poll(&p, 1, kTickMs);
+    if (r < 0) return errno == EINTR ? 0 : -1;
+    return r > 0 ? 1 : 0;
+}
+
+bool send_all(int fd, const std::string& bytes) {
+    size_t sent = 0;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kSendTimeoutMs);
+    while (sent < bytes.size()) {
+        ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) {
+            sent += static_cast<size_t>(n);
+            continue;
+        }
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) &&
+            std::chrono::steady_clock::now() < deadline) {
+            pollfd p = {fd, POLLOUT, 0};
+            poll(&p, 1, kTickMs);
+            continue;
+        }
+        return false;
+    }
+    return true;
+}
+
+std::string http_response(const std::string& body) {
+    return "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
+           std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
+}
+
+// Closing with a zero linger time sends a reset instead of an orderly end.
+void reset_and_close(int fd) {
+    linger lg = {1, 0};
+    setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
+    close(fd);
+}
+
+size_t content_length(const std::string& head) {
+    const std::string lowered = lower(head);
+    size_t at = lowered.find("\ncontent-length:");
+    if (at == std::string::npos) return 0;
+    unsigned long long n = strtoull(head.c_str() + at + 16, nullptr, 10);
+    return n > kMaxBody ? kMaxBody : static_cast<size_t>(n);
+}
+
+}  // namespace
+
+std::string RawRequest::method() const {
+    return head.substr(0, head.find(' '));
+}
+
+std::string RawRequest::path() const {
+    size_t start = head.find(' ');
+    if (start == std::string::npos) return "";
+    size_t end = head.find(' ', start + 1);
+    return head.substr(start + 1, end == std::string::npos ? std::string::npos : end - start - 1);
+}
+
+std::string RawRequest::header(const std::string& name) const {
+    const std::string lowered = lower(head);
+    const std::string key = "\r\n" + lower(name) + ":";
+    size_t at = lowered.find(key);
+    if (at == std::string::npos) return "";
+    size_t start = at + key.size();
+    size_t end = head.find("\r\n", start);
+    std::string value = head.substr(start, end == std::string::npos ? std::string::npos : end - start);
+    size_t first = value.find_first_not_of(' ');
+    return first == std::string::npos ? "" : value.substr(first);
+}
+
+RawServer::RawServer(RawMode mode, const std::string& reply) : mode_(mode), reply_(reply) {
+    listen_fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    if (listen_fd_ < 0) return;
+    int one = 1;
+    setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = 0;
+    socklen_t len = sizeof addr;
+    if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        listen(listen_fd_, 16) != 0 ||
+        getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+        close(listen_fd_);
+        listen_fd_ = -1;
+        return;
+    }
+    port_ = ntohs(addr.sin_port);
+    acceptor_ = std::thread(&RawServer::accept_loop, this);
+}
+
+RawServer::~RawServer() {
+    stop();
+}
+
+std::string RawServer::url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+void RawServer::set_mode(RawMode mode) {
+    std::lock_guard<std::mutex> hold(m_);
+    mode_ = mode;
+}
+
+void RawServer::set_reply(const std::string& body) {
+    std::lock_guard<std::mutex> hold(m_);
+    reply_ = body;
+}
+
+void RawServer::set_delay_ms(int ms) {
+    std::lock_guard<std::mutex> hold(m_);
+    delay_ms_ = ms;
+}
+
+std::vector<RawRequest> RawServer::requests() const {
+    std::lock_guard<std::mutex> hold(m_);
+    return requests_;
+}
+
+bool RawServer::wait_for_requests(size_t n, int timeout_ms) const {
+    std::unique_lock<std::mutex> hold(m_);
+    return cv_.wait_for(hold, std::chrono::milliseconds(timeout_ms), [&] { return requests_.size() >= n; });
+}
+
+void RawServer::stop() {
+    if (stop_.exchange(true)) return;
+    if (acceptor_.joinable()) acceptor_.join();
+    reap(true);
+    if (listen_fd_ >= 0) close(listen_fd_);
+    listen_fd_ = -1;
+}
+
+void RawServer::accept_loop() {
+    while (!stop_) {
+        reap(false);
+        if (wait_readable(listen_fd_) <= 0) continue;
+        int fd = accept(listen_fd_, nullptr, nullptr);
+        if (fd < 0) continue;
+        ++connections_;
+        RawMode mode;
+        std::string reply;
+        int delay_ms;
+        {
+            std::lock_guard<std::mutex> hold(m_);
+            mode = mode_;
+            reply = reply_;
+            delay_ms = delay_ms_;
+        }
+        auto done = std::make_shared<std::atomic<bool>>(false);
+        Conn conn;
+        conn.done = done;
+        conn.thread = std::thread([this, fd, mode, reply, delay_ms, done] {
+            serve(fd, mode, reply, delay_ms);
+            *done = true;
+        });
+        conns_.push_back(std::move(conn));
+    }
+}
+
+// Joins finished connection threads (all of them when stopping), so a long-running collector does
+// not pile them up.
+void RawServer::reap(bool all) {
+    for (auto it = conns_.begin(); it != conns_.end();) {
+        if (all || *it->done) {
+            if (it->thread.joinable()) it->thread.join();
+            it = conns_.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+void RawServer::serve(int fd, RawMode mode, const std::string& reply, int delay_ms) {
+    RawRequest req;
+    const bool complete = read_request(fd, req);
+    if (!req.head.empty()) record(std::move(req));
+    if (!complete) {
+        close(fd);
+        return;
+    }
+    switch (mode) {
+        case RawMode::kDelayedReply: {
+            auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(delay_ms);
+            while (!stop_ && std::chrono::steady_clock::now() < until)
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            send_all(fd, http_response(reply));
+            break;
+        }
+        case RawMode::kReply:
+            send_all(fd, http_response(reply));
+            break;
+        case RawMode::kReplyKeepOpen:
+            send_all(fd, http_response(reply));
+            wait_for_close(fd);
+            break;
+        case RawMode::kSilent:
+            wait_for_close(fd);
+            break;
+        case RawMode::kClose:
+            break;
+        case RawMode::kRawBytes:
+            send_all(fd, reply);
+            break;
+        case RawMode::kResetMidReply:
+            send_all(fd, reply);
+            reset_and_close(fd);
+            return;
+    }
+    close(fd);
+}
+
+// Reads the head through its blank line, then Content-Length bytes. False when the client closed,
+// the head ran too long or the server is stopping before the request was whole.
+bool RawServer::read_request(int fd, RawRequest& req) {
+    std::string data;
+    size_t head_end = std::string::npos;
+    size_t want = 0;
+    char buf[8192];
+    bool complete = false;
+    while (!stop_) {
+        if (head_end == std::string::npos) {
+            head_end = data.find("\r\n\r\n");
+            if (head_end != std::string::npos) {
+                head_end += 4;
+                want = content_length(data.substr(0, head_end));
+            } else if (data.size() > kMaxHead) {
+                break;
+            }
+        }
+        if (head_end != std::string::npos && data.size() - head_end >= want) {
+            complete = true;
+            break;
+        }
+        int ready = wait_readable(fd);
+        if (ready < 0) break;
+        if (ready == 0) continue;
+        ssize_t n = recv(fd, buf, sizeof buf, 0);
+        if (n <= 0) break;
+        data.append(buf, static_cast<size_t>(n));
+    }
+    if (head_end != std::string::npos) {
+        req.head = data.substr(0, head_end);
+        req.body = data.substr(head_end, want);
+    }
+    return complete;
+}
+
+// Keeps the connection open, discarding anything the client still sends, until it closes.
+void RawServer::wait_for_close(int fd) {
+    char buf[4096];
+    while (!stop_) {
+        int ready = wait_readable(fd);
+        if (ready < 0) return;
+        if (ready == 0) continue;
+        if (recv(fd, buf, sizeof buf, 0) <= 0) return;
+    }
+}
+
+void RawServer::record(RawRequest req) {
+    {
+        std::lock_guard<std::mutex> hold(m_);
+        requests_.push_back(std::move(req));
+    }
+    cv_.notify_all();
+}
+
+}  // namespace vcollect

@@ -1,0 +1,275 @@
+// The HTTPS loopback collector: a self-signed certificate in a private temporary directory and
+// cpp-httplib's SSL server on its own listening thread.
+#include "tls_server.h"
+
+#include <fcntl.h>
+#include <httplib.h>
+#include <openssl/ec.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+#include <thread>
+
+namespace vcollect {
+
+namespace {
+
+const char kDefaultReply[] = "{\"status\":0}";
+const size_t kMaxPayload = 64u << 20;
+
+struct KeyFree {
+    void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
+};
+struct CertFree {
+    void operator()(X509* x) const { X509_free(x); }
+};
+struct FileClose {
+    void operator()(FILE* f) const { fclose(f); }
+};
+
+EVP_PKEY* make_p256_key() {
+    EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new_id(EVP_PKEY_EC, nullptr);
+    EVP_PKEY* key = nullptr;
+    if (ctx && EVP_PKEY_keygen_init(ctx) > 0 &&
+        EVP_PKEY_CTX_set_ec_paramgen_curve_nid(ctx, NID_X9_62_prime256v1) > 0)
+        EVP_PKEY_keygen(ctx, &key);
+    EVP_PKEY_CTX_free(ctx);
+    return key;
+}
+
+bool add_alt_names(X509* cert) {
+    X509V3_CTX v3;
+    X509V3_set_ctx_nodb(&v3);
+    X509V3_set_ctx(&v3, cert, cert, nullptr, nullptr, 0);
+    X509_EXTENSION* ext =
+        X509V3_EXT_conf_nid(nullptr, &v3, NID_subject_alt_name, "IP:127.0.0.1,DNS:localhost");
+    if (!ext) return false;
+    const bool ok = X509_add_ext(cert, ext, -1) == 1;
+    X509_EXTENSION_free(ext);
+    return ok;
+}
+
+X509* make_cert(EVP_PKEY* key) {
+    std::unique_ptr<X509, CertFree> cert(X509_new());
+    if (!cert) return nullptr;
+    X509_set_version(cert.get(), 2);
+    ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), static_cast<long>(time(nullptr) & 0x7FFFFFFF));
+    X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600);
+    X509_gmtime_adj(X509_getm_notAfter(cert.get()), 365L * 24 * 3600);
+    X509_set_pubkey(cert.get(), key);
+    X509_NAME* name = X509_get_subject_name(cert.get());
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("127.0.0.1"),
+                               -1, -1, 0);
+    X509_set_issuer_name(cert.get(), name);
+    if (!add_alt_names(cert.get()) || X509_sign(cert.get(), key, EVP_sha256()) <= 0) return nullptr;
+    return cert.release();
+}
+
+FILE* open_private(const std::string& path) {
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0) return nullptr;
+    FILE* f = fdopen(fd, "w");
+    if (!f) close(fd);
+    return f;
+}
+
+std::string lower(std::string s) {
+    for (char& c : s) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    return s;
+}
+
+}  // namespace
+
+bool make_self_signed_cert(const std::string& cert_path, const std::string& key_path) {
+    std::unique_ptr<EVP_PKEY, KeyFree> key(make_p256_key());
+    if (!key) return false;
+    std::unique_ptr<X509, CertFree> cert(make_cert(key.get()));
+    if (!cert) return false;
+    std::unique_ptr<FILE, FileClose> key_file(open_private(key_path));
+    if (!key_file ||
+        PEM_write_PrivateKey(key_file.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1)
+        return false;
+    std::unique_ptr<FILE, FileClose> cert_file(fopen(cert_path.c_str(), "w"));
+    return cert_file && PEM_write_X509(cert_file.get(), cert.get()) == 1;
+}
+
+std::string TlsRequest::header(const std::string& name) const {
+    const std::string wanted = lower(name);
+    for (const auto& h : headers)
+        if (lower(h.first) == wanted) return h.second;
+    return "";
+}
+
+const char* const TlsServer::kPaths[3] = {"/v1/data", "/v1/file", "/v1/conf"};
+
+struct TlsServer::Impl {
+    std::string dir;
+    std::unique_ptr<httplib::SSLServer> server;
+    std::thread thread;
+    int port = -1;
+    std::atomic<bool> stopping{false};
+
+    mutable std::mutex m;
+    mutable std::condition_variable cv;
+    std::map<std::string, std::string> replies;
+    int delay_ms = 0;
+    std::vector<TlsRequest> requests;
+
+    std::string cert_path() const { return dir + "/cert.pem"; }
+    std::string key_path() const { return dir + "/key.pem"; }
+
+    bool make_dir() {
+        const char* base = getenv("TMPDIR");
+        std::string tmpl = std::string(base && *base ? base : "/tmp") + "/velto-tls-XXXXXX";
+        if (!mkdtemp(&tmpl[0])) return false;
+        dir = tmpl;
+        return true;
+    }
+
+    void remove_dir() {
+        if (dir.empty()) return;
+        unlink(cert_path().c_str());
+        unlink(key_path().c_str());
+        rmdir(dir.c_str());
+        dir.clear();
+    }
+
+    static TlsRequest start_record(const httplib::Request& req) {
+        TlsRequest r;
+        r.method = req.method;
+        r.path = req.path;
+        for (const auto& h : req.headers) r.headers.emplace(h.first, h.second);
+        return r;
+    }
+
+    void answer(const std::string& path, TlsRequest rec, httplib::Response& res) {
+        std::string reply;
+        int delay;
+        {
+            std::lock_guard<std::mutex> hold(m);
+            requests.push_back(std::move(rec));
+            reply = replies[path];
+            delay = delay_ms;
+        }
+        cv.notify_all();
+        auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(delay);
+        while (!stopping && std::chrono::steady_clock::now() < until)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        res.set_content(reply, "application/json");
+    }
+
+    void route(const std::string& path) {
+        server->Get(path, [this, path](const httplib::Request& req, httplib::Response& res) {
+            answer(path, start_record(req), res);
+        });
+        server->Post(path, [this, path](const httplib::Request& req, httplib::Response& res,
+                                        const httplib::ContentReader& reader) {
+            TlsRequest rec = start_record(req);
+            if (req.is_multipart_form_data()) {
+                reader(
+                    [&](const httplib::MultipartFormData& f) {
+                        rec.parts.push_back(FormPart{f.name, f.filename, f.content_type, ""});
+                        return true;
+                    },
+                    [&](const char* data, size_t n) {
+                        if (!rec.parts.empty()) rec.parts.back().data.append(data, n);
+                        return true;
+                    });
+            } else {
+                reader([&](const char* data, size_t n) {
+                    rec.body.append(data, n);
+                    return true;
+                });
+            }
+            answer(path, std::move(rec), res);
+        });
+    }
+
+    bool start() {
+        if (!make_dir() || !make_self_signed_cert(cert_path(), key_path())) return false;
+        server.reset(new httplib::SSLServer(cert_path().c_str(), key_path().c_str()));
+        if (!server->is_valid()) return false;
+        server->set_keep_alive_timeout(1);
+        server->set_payload_max_length(kMaxPayload);
+        for (const char* p : kPaths) {
+            replies[p] = kDefaultReply;
+            route(p);
+        }
+        port = server->bind_to_any_port("127.0.0.1");
+        if (port <= 0) return false;
+        thread = std::thread([this] { server->listen_after_bind(); });
+        // stop() only works on a running server; wait (bounded) for the listener to be up.
+        for (int i = 0; i < 5000 && !server->is_running(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return server->is_running();
+    }
+
+    void stop() {
+        stopping = true;
+        if (server) server->stop();
+        if (thread.joinable()) thread.join();
+        remove_dir();
+    }
+};
+
+TlsServer::TlsServer() : impl_(new Impl) {
+    if (!impl_->start()) impl_->port = -1;
+}
+
+TlsServer::~TlsServer() {
+    stop();
+}
+
+bool TlsServer::ok() const {
+    return impl_->port > 0;
+}
+int TlsServer::port() const {
+    return impl_->port;
+}
+std::string TlsServer::host_port() const {
+    return "127.0.0.1:" + std::to_string(impl_->port);
+}
+std::string TlsServer::url(const std::string& path) const {
+    return "https://" + host_port() + path;
+}
+
+void TlsServer::set_reply(const std::string& body) {
+    std::lock_guard<std::mutex> hold(impl_->m);
+    for (auto& r : impl_->replies) r.second = body;
+}
+
+void TlsServer::set_reply(const std::string& path, const std::string& body) {
+    std::lock_guard<std::mutex> hold(impl_->m);
+    impl_->replies[path] = body;
+}
+
+void TlsServer::set_delay_ms(int ms) {
+    std::lock_guard<std::mutex> hold(impl_->m);
+    impl_->delay_ms = ms;
+}
+
+std::vector<TlsRequest> TlsServer::requests() const {
+    std::lock_guard<std::mutex> hold(impl_->m);
+    return impl_->requests;
+}
+
+bool TlsServer::wait_for_requests(size_t n, int timeout_ms) const {
+    std::unique_lock<std::mutex> hold(impl_->m);
+    return impl_->cv.wait_for(hold, std::chrono::milliseconds(timeout_ms),
+                              [&] { return impl_->requests.size() >= n; });
+}
+
+void TlsServer::stop() {
+    impl_->stop();
+}
+
+}  // namespace vcollect

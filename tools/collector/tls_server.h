@@ -1,0 +1,63 @@
+// A loopback HTTPS collector for the tests and the collector tool: cpp-httplib's SSL server on
+// 127.0.0.1 (ephemeral port) with a self-signed certificate made at start-up. It answers
+// "/v1/data", "/v1/file" and "/v1/conf" with a configurable reply and records every request
+// (method, path, headers, body, multipart parts in order). Requests are served on httplib's worker
+// threads; every accessor is thread-safe. stop() (and the destructor) waits for handlers in flight.
+#ifndef VELTO_COLLECTOR_TLS_SERVER_H
+#define VELTO_COLLECTOR_TLS_SERVER_H
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "payload.h"
+
+namespace vcollect {
+
+struct TlsRequest {
+    std::string method;
+    std::string path;
+    std::multimap<std::string, std::string> headers;  // names as sent
+    std::string body;                                 // empty for a multipart request
+    std::vector<FormPart> parts;                      // multipart requests only, in the order sent
+
+    std::string header(const std::string& name) const;  // case-insensitive; "" when absent
+};
+
+// Writes a fresh self-signed certificate for 127.0.0.1 (EC P-256, SHA-256) and its key as PEM files.
+bool make_self_signed_cert(const std::string& cert_path, const std::string& key_path);
+
+class TlsServer {
+  public:
+    static const char* const kPaths[3];  // "/v1/data", "/v1/file", "/v1/conf"
+
+    TlsServer();
+    ~TlsServer();
+    TlsServer(const TlsServer&) = delete;
+    TlsServer& operator=(const TlsServer&) = delete;
+
+    bool ok() const;  // certificate made and listening
+    int port() const;
+    std::string url(const std::string& path = "") const;  // "https://127.0.0.1:<port>" + path
+    // The host:port form the configuration endpoint setting takes.
+    std::string host_port() const;
+
+    void set_reply(const std::string& body);                           // every path
+    void set_reply(const std::string& path, const std::string& body);  // one path
+    void set_delay_ms(int ms);                                         // before each answer
+
+    std::vector<TlsRequest> requests() const;
+    bool wait_for_requests(size_t n, int timeout_ms) const;
+
+    void stop();
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace vcollect
+
+#endif
