@@ -1,0 +1,216 @@
+// Tests of the configuration file "sdk.cf" and of the validation of configuration texts: the round
+// trip through the file, the rules per key, the record-kind switches, init_conf's paths that need no
+// server (the fetch meets a closed loopback port), and random texts and tokens under the sanitizers.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "config_fixture.h"
+
+using Velto::Config;
+using Velto::StrMap;
+using Velto::Util::fdecode;
+using Velto::Util::fencode;
+
+namespace {
+
+using Items = std::vector<std::pair<std::string, std::string>>;
+
+// A configuration text of the given items, padded with unknown keys to the 10 items it needs.
+std::string conf_text(Items items) {
+    for (int pad = 0; items.size() < 10; ++pad) items.emplace_back("x_pad" + std::to_string(pad), "v");
+    std::string json = "{";
+    for (const auto& item : items)
+        json += (json.size() > 1 ? ",\"" : "\"") + item.first + "\":\"" + item.second + "\"";
+    return json + "}";
+}
+
+class ConfFile : public conftest::ConfFixture {};
+
+}  // namespace
+
+TEST_F(ConfFile, SaveAndLoadRoundTrip) {
+    conf_.load_default();
+    conf_.set("SEND_GAP", 60);
+    conf_.set("CONF_UPD_TIME", Velto::os_time());
+    conf_.set("TID", "T1");
+    conf_.set("data_event", "OFF");
+    const std::string text = conf_.save_conf(true);
+
+    const std::string token = vtest::read_file(cf_path());
+    EXPECT_EQ(std::string::npos, token.find_first_of(" \t\r\n"));
+    EXPECT_EQ(text, fdecode(token));
+    StrMap want = conf_.snapshot();
+    for (const char* transient : {"ROOT_DIR", "TID", "data_event"}) want.erase(transient);
+    EXPECT_EQ(Velto::Util::to_json(want), text);  // sorted, DATA_RANGE left out while empty
+    EXPECT_EQ(std::string::npos, text.find("DATA_RANGE"));
+
+    Config fresh;
+    fresh.init_mutex();
+    fresh.set("ROOT_DIR", root());
+    EXPECT_EQ(0, fresh.init_conf());
+    EXPECT_EQ(text, fresh.save_conf(false));
+    EXPECT_EQ(std::string::npos, log_text().find("update conf from svr"));
+}
+
+TEST_F(ConfFile, SaveRefusals) {
+    vtest::write_file(cf_path(), "keep");
+    conf_.set("SEND_GAP", 60);  // far fewer than the 20 saved keys a loaded store holds
+    EXPECT_EQ("", conf_.save_conf(true));
+    EXPECT_NE(std::string::npos, log_text().find("lack of conf items, maybe exiting"));
+
+    conf_.load_default();
+    EXPECT_FALSE(conf_.save_conf(false).empty());
+    EXPECT_EQ("keep", vtest::read_file(cf_path()));  // save_conf(false) never writes
+
+    conf_.set("ROOT_DIR", "");
+    EXPECT_EQ("", conf_.save_conf(true));
+    EXPECT_NE(std::string::npos, log_text().find("null conf path, maybe exiting"));
+
+    conf_.set("ROOT_DIR", root() + "missing/");
+    EXPECT_FALSE(conf_.save_conf(true).empty());  // the text, though the file cannot be written
+    EXPECT_NE(std::string::npos, log_text().find("to open: " + root() + "missing/sdk.cf, errno: 2"));
+}
+
+TEST_F(ConfFile, ValidationRules) {
+    struct Case {
+        const char* key;
+        const char* value;
+        const char* want;  // "PRIOR": dropped, the earlier value stays
+        Items extra;
+    } cases[] = {
+        {"ZIP_DATA", "on", "ON", {}},
+        {"ZIP_DATA", "yes", "PRIOR", {}},
+        {"zip_data", "Off", "OFF", {}},
+        {"SEND_GAP", "0", "PRIOR", {}},
+        {"SEND_GAP", "10080", "PRIOR", {}},
+        {"SEND_GAP", "10079", "10079", {}},
+        {"SEND_GAP", "0012", "12", {}},
+        {"SEND_GAP", "abc", "PRIOR", {}},
+        {"SESSION_TMOUT", "29", "PRIOR", {}},
+        {"SESSION_TMOUT", "30", "30", {}},
+        {"CONF_UPD_GAP", "720", "PRIOR", {}},
+        {"MAX_RESV_DAY", "0", "0", {}},
+        {"CON_TIMEOUT", "4294967297", "PRIOR", {}},  // must not wrap into range
+        {"CONF_UPD_TIME", "-1", "PRIOR", {}},
+        {"CONF_UPD_TIME", "99999999999", "99999999999", {}},
+        {"LAST_SEND", "-5", "PRIOR", {}},
+        {"COLLECT_WAY", "real", "REAL", {}},
+        {"COLLECT_WAY", "fast", "PRIOR", {}},
+        {"TID", "ab-c", "AB-C", {}},
+        {"CONF_URL", "Collect.Example.COM/x", "https://collect.example.com/x", {}},
+        {"CONF_URL", "Collect.Example.COM", "http://collect.example.com", {{"ENABLE_HTTPS", "off"}}},
+        {"CONF_URL", "HTTP://A.B", "http://a.b", {{"ENABLE_HTTPS", "off"}}},
+    };
+    for (const Case& c : cases) {
+        Config conf;
+        conf.init_mutex();
+        conf.load_default();
+        std::string key = c.key;
+        Velto::Util::upper(key);
+        conf.set(key, "PRIOR");
+        Items items = c.extra;
+        items.emplace_back(c.key, c.value);
+        ASSERT_TRUE(conf.ana_conf(conf_text(items))) << c.key << "=" << c.value;
+        EXPECT_EQ(c.want, conf.get_str(key)) << c.key << "=" << c.value;
+    }
+    EXPECT_NE(std::string::npos, log_text().find("upexpect conf: X_PAD0:V"));
+}
+
+TEST_F(ConfFile, TooFewItemsApplyNothing) {
+    conf_.load_default();
+    const StrMap before = conf_.snapshot();
+    EXPECT_FALSE(conf_.ana_conf(""));
+    std::string nine = conf_text({{"SEND_GAP", "5"}});
+    nine = "{" + nine.substr(nine.find(',') + 1);  // drop one item: 9 left
+    EXPECT_FALSE(conf_.ana_conf(nine));
+    EXPECT_EQ(before, conf_.snapshot());
+    EXPECT_NE(std::string::npos, log_text().find("conf item num: 9"));
+}
+
+TEST_F(ConfFile, DataRangeSwitchesKindsOffForGood) {
+    ASSERT_TRUE(conf_.ana_conf(conf_text({{"data_range", "Data_Event&&data_count&"}})));
+    EXPECT_EQ("data_event&&data_count&", conf_.get_str("DATA_RANGE"));
+    EXPECT_EQ("OFF", conf_.get_str("data_event"));
+    EXPECT_EQ("OFF", conf_.get_str("data_count"));
+    for (const char* kind : {"data_screen", "data_err_trace", "data_experience"})
+        EXPECT_FALSE(conf_.has(kind));
+
+    ASSERT_TRUE(conf_.ana_conf(conf_text({{"DATA_RANGE", "data_screen"}})));
+    EXPECT_EQ("OFF", conf_.get_str("data_event"));  // never switched back on
+    EXPECT_EQ("OFF", conf_.get_str("data_screen"));
+}
+
+TEST_F(ConfFile, InitPathsWithoutServer) {
+    // Missing file: created empty, and the fetch (which finds no server) is stamped and reported.
+    EXPECT_EQ(204, conf_.init_conf());
+    EXPECT_EQ(0, vtest::file_size(cf_path()));
+    EXPECT_NEAR(Velto::os_time(), conf_.get_int("CONF_UPD_TIME"), 5);
+    EXPECT_NE(std::string::npos, log_text().find("update conf from svr"));
+    EXPECT_NE(std::string::npos, log_text().find("svr ret: 205"));
+
+    // A token that is not whole cipher blocks is an exception; the defaults stay.
+    vtest::write_file(cf_path(), "QUJD");
+    EXPECT_EQ(301, conf_.init_conf());
+    EXPECT_NE(std::string::npos, log_text().find("init_conf exception"));
+    EXPECT_EQ("120", conf_.get_str("SEND_GAP"));
+
+    // A token too long to be ours is not decoded (it would load: fresh and complete).
+    Config big;
+    big.init_mutex();
+    big.load_default();
+    big.set("CONF_UPD_TIME", Velto::os_time());
+    big.set("CONF_URL", std::string(800 * 1024, 'u'));
+    vtest::write_file(cf_path(), fencode(big.save_conf(false)));
+    ASSERT_GT(vtest::file_size(cf_path()), 1 << 20);
+    EXPECT_EQ(204, conf_.init_conf());
+
+    conf_.set("ROOT_DIR", root() + "missing/");
+    EXPECT_EQ(203, conf_.init_conf());
+    EXPECT_NE(std::string::npos, log_text().find("to open: " + root() + "missing/sdk.cf, errno: 2"));
+}
+
+TEST_F(ConfFile, RandomTextsKeepTheStoreValid) {
+    static const char* const kWords[] = {"SEND_GAP",
+                                         "zip_data",
+                                         "CONF_URL",
+                                         "DATA_RANGE",
+                                         "SESSION_TMOUT",
+                                         "ON",
+                                         "off",
+                                         "-1",
+                                         "99999999999999999999",
+                                         "30",
+                                         "{",
+                                         "}",
+                                         "\"",
+                                         ":",
+                                         ",",
+                                         "&",
+                                         "data_event",
+                                         "\xff\x80",
+                                         " ",
+                                         "\\"};
+    std::mt19937 rng(20240611);
+    auto pick = [&](size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng); };
+    for (int round = 0; round < 400; ++round) {
+        std::string text;
+        for (size_t n = pick(60); n > 0; --n) text += kWords[pick(sizeof(kWords) / sizeof(kWords[0]))];
+        conf_.load_default();
+        conf_.ana_conf(text);
+        long long gap = conf_.get_int("SEND_GAP"), tmout = conf_.get_int("SESSION_TMOUT");
+        EXPECT_TRUE(gap >= 1 && gap <= 10079) << text;
+        EXPECT_TRUE(tmout >= 30 && tmout <= 3599) << text;
+        EXPECT_TRUE(conf_.get_str("ZIP_DATA") == "ON" || conf_.get_str("ZIP_DATA") == "OFF") << text;
+
+        // The same bytes, or arbitrary Base64-like bytes, as the file's token.
+        std::string token = round % 2 ? fencode(text) : text;
+        for (size_t n = pick(3); n > 0; --n) token += static_cast<char>(pick(256));
+        vtest::write_file(cf_path(), token);
+        int r = conf_.init_conf();
+        EXPECT_TRUE(r == 0 || r == 204 || r == 206 || r == 301) << r;
+    }
+}
