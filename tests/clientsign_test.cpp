@@ -2,13 +2,13 @@
 // wrapping and cleaning of "did", and the Linux leaves on a temporary home directory.
 #include "ClientSign.h"
 
+#include <ctype.h>
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 #include <stdlib.h>
 
 #include <filesystem>
 #include <map>
-#include <regex>
 
 #include "OsApi.h"
 #include "scenario.h"
@@ -39,6 +39,16 @@ class FakeLeaves : public ClientIdLeaves {
         ++writes;
     }
 };
+
+// An upper-case textual UUID: 8-4-4-4-12 hexadecimal digits.
+bool is_upper_uuid(const std::string& s) {
+    if (s.size() != 36) return false;
+    for (size_t i = 0; i < s.size(); ++i) {
+        bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+        if (dash ? s[i] != '-' : !isxdigit(static_cast<unsigned char>(s[i])) || islower(s[i])) return false;
+    }
+    return true;
+}
 
 const char kRandomForm[] = "{[AAAAAAAA-BBBB-CCCC-DDDD-EEEEEEEEEEEE]}";
 
@@ -100,66 +110,50 @@ TEST(ClientSign, WrapAndSanitize) {
 // The Linux leaves, with HOME moved to a temporary directory for the process of this test.
 class LinuxLeaves : public ::testing::Test {
   protected:
+    typedef std::map<std::string, std::string> Prefs;
+
     void SetUp() override { setenv("HOME", home_.path().c_str(), 1); }
 
-    std::string prefs_path() const {
-        return home_.path() + "/Library/Preferences/com.orvexa.helper_compact.plist";
-    }
+    std::string prefs_dir() const { return home_.path() + "/Library/Preferences"; }
+    std::string prefs_path() const { return prefs_dir() + "/com.orvexa.helper_compact.plist"; }
 
-    // The string values of the dictionary in the preferences file; "<unreadable>" on failure.
-    std::map<std::string, std::string> read_prefs() const {
+    // The string members of the preferences file's dictionary; {"?": content} when unreadable.
+    Prefs read_prefs() const {
         std::string xml = vtest::read_file(prefs_path());
         plist_t root = nullptr;
         plist_from_memory(xml.data(), static_cast<uint32_t>(xml.size()), &root);
-        std::map<std::string, std::string> out;
-        if (!root || plist_get_node_type(root) != PLIST_DICT) {
-            out["<unreadable>"] = xml;
-        } else {
-            plist_dict_iter it = nullptr;
-            plist_dict_new_iter(root, &it);
-            for (;;) {
-                char* key = nullptr;
-                plist_t val = nullptr;
-                plist_dict_next_item(root, it, &key, &val);
-                if (!key) break;
-                char* text = nullptr;
-                if (plist_get_node_type(val) == PLIST_STRING) plist_get_string_val(val, &text);
-                out[key] = text ? text : "<not a string>";
-                free(key);
-                free(text);
-            }
-            free(it);
+        if (!root || plist_get_node_type(root) != PLIST_DICT) return {{"?", xml}};
+        Prefs out;
+        plist_dict_iter it = nullptr;
+        plist_dict_new_iter(root, &it);
+        char* key = nullptr;
+        plist_t val = nullptr;
+        for (plist_dict_next_item(root, it, &key, &val); key; plist_dict_next_item(root, it, &key, &val)) {
+            uint64_t len = 0;
+            const char* text = plist_get_string_ptr(val, &len);
+            out[key] = text ? std::string(text, len) : "<not a string>";
+            free(key);
         }
+        free(it);
         plist_free(root);
         return out;
     }
 
-    void write_prefs(const std::map<std::string, std::string>& values) {
-        std::filesystem::create_directories(home_.path() + "/Library/Preferences");
-        plist_t dict = plist_new_dict();
-        for (const auto& kv : values)
-            plist_dict_set_item(dict, kv.first.c_str(), plist_new_string(kv.second.c_str()));
-        char* xml = nullptr;
-        uint32_t len = 0;
-        plist_to_xml(dict, &xml, &len);
-        vtest::write_file(prefs_path(), std::string(xml, len));
-        plist_to_xml_free(xml);
-        plist_free(dict);
+    void write_prefs(const Prefs& values) {
+        std::filesystem::create_directories(prefs_dir());
+        std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>";
+        for (const auto& kv : values) xml += "<key>" + kv.first + "</key><string>" + kv.second + "</string>";
+        vtest::write_file(prefs_path(), xml + "</dict></plist>\n");
     }
 
-    // The id a new run must make on this machine.
-    std::string expected_new_id() {
-        std::string uuid = leaves_.platform_uuid();
-        return uuid.empty() ? "" : "{" + uuid + "}";
-    }
-
+    // A new id is the platform UUID in braces, or the random form when the machine has none.
     void expect_new_id(const std::string& id) {
-        std::string want = expected_new_id();
-        if (!want.empty()) {
-            EXPECT_EQ(want, id);
+        std::string uuid = leaves_.platform_uuid();
+        if (!uuid.empty()) {
+            EXPECT_EQ("{" + uuid + "}", id);
         } else {
-            EXPECT_TRUE(
-                std::regex_match(id, std::regex(R"(\{\[[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}\]\})")))
+            EXPECT_TRUE(id.size() == 40 && id.compare(0, 2, "{[") == 0 && id.compare(38, 2, "]}") == 0 &&
+                        is_upper_uuid(id.substr(2, 36)))
                 << id;
         }
     }
@@ -168,22 +162,22 @@ class LinuxLeaves : public ::testing::Test {
     ClientIdLeaves& leaves_ = Velto::platform_client_id_leaves();
 };
 
-TEST_F(LinuxLeaves, RandomUuidForm) {
-    std::regex form(R"([0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12})");
+TEST_F(LinuxLeaves, UuidForms) {
     std::string a = leaves_.random_uuid();
-    EXPECT_TRUE(std::regex_match(a, form)) << a;
+    EXPECT_TRUE(is_upper_uuid(a)) << a;
     EXPECT_NE(a, leaves_.random_uuid());
-    std::string uuid = leaves_.platform_uuid();
-    EXPECT_EQ(std::string::npos, uuid.find_first_of("\r\n")) << uuid;
+    EXPECT_EQ(std::string::npos, leaves_.platform_uuid().find_first_of("\r\n"));
 }
 
 TEST_F(LinuxLeaves, NewFileCreatedAndReadBack) {
     ASSERT_FALSE(leaves_.prefs_exists());
     std::string id = Velto::client_sign(leaves_);
     expect_new_id(id);
-    EXPECT_EQ((std::map<std::string, std::string>{{"client ID", id}}), read_prefs());
+    EXPECT_EQ((Prefs{{"client ID", id}}), read_prefs());
+    Velto::StrList files;
+    Velto::get_files(prefs_dir(), files);
+    EXPECT_EQ(1u, files.size());  // no temporary file left behind
 
-    // A second run keeps the stored id, even after the file was written by someone else.
     EXPECT_EQ(id, Velto::client_sign(leaves_));
     write_prefs({{"client ID", "{stored-elsewhere}"}});
     EXPECT_EQ("{stored-elsewhere}", Velto::client_sign(leaves_));
@@ -193,9 +187,7 @@ TEST_F(LinuxLeaves, ShortIdReplacedOtherKeysKept) {
     write_prefs({{"client ID", "012345678"}, {"Client Sign", "x"}, {"other", "keep me"}});
     std::string id = Velto::client_sign(leaves_);
     expect_new_id(id);
-    EXPECT_EQ(
-        (std::map<std::string, std::string>{{"client ID", id}, {"Client Sign", "x"}, {"other", "keep me"}}),
-        read_prefs());
+    EXPECT_EQ((Prefs{{"client ID", id}, {"Client Sign", "x"}, {"other", "keep me"}}), read_prefs());
 }
 
 TEST_F(LinuxLeaves, UnreadableFileReplaced) {
@@ -203,7 +195,7 @@ TEST_F(LinuxLeaves, UnreadableFileReplaced) {
     vtest::write_file(prefs_path(), "<?xml version=\"1.0\"?><plist><dict><key>client ID</key><string>0123");
     std::string id = Velto::client_sign(leaves_);
     expect_new_id(id);
-    EXPECT_EQ((std::map<std::string, std::string>{{"client ID", id}}), read_prefs());
+    EXPECT_EQ((Prefs{{"client ID", id}}), read_prefs());
 }
 
 TEST_F(LinuxLeaves, DidFromStoredId) {
