@@ -158,8 +158,11 @@ Log& Log::write_number(long long n) {
 void Log::set_size_limit(unsigned long long bytes) {
     // Below 1 KiB the log would roll on nearly every line; above 40 MiB the roll would hold too much.
     if (bytes < 1025 || bytes >= 41943040ULL) return;
-    LogHold hold(*this);
-    lim_ = bytes;
+    try {
+        LogHold hold(*this);
+        lim_ = bytes;
+    } catch (...) {
+    }
 }
 
 void Log::flush() {
