@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "BaseInfo.h"
@@ -140,4 +142,27 @@ TEST_F(LogUpload, BackupOfTenBytesIsNeitherSentNorEmptied) {
     ASSERT_EQ(1u, uploads().size());
     EXPECT_EQ("0123456789\n", uploads()[0]);
     EXPECT_EQ("", vtest::read_file(file("sdk.log.bak")));
+}
+
+TEST_F(LogUpload, LinesWrittenDuringTheMoveLandInExactlyOneFile) {
+    Config::obj_->set("MAX_LOG_SIZE", "2");
+    std::atomic<bool> done{false};
+    const int kLines = 2000;
+    std::thread writer([&] {
+        for (int i = 0; i < kLines; ++i)
+            Log::obj_->info() << "<" << i << ">"
+                              << "\n";
+        done = true;
+    });
+    for (int round = 0; round < 100000 && !done; ++round) EXPECT_LE(0, Log::obj_->send_log());
+    writer.join();
+
+    std::string everything = vtest::read_file(file("sdk.log"));
+    for (const std::string& sent : uploads()) everything += sent;
+    for (int i = 0; i < kLines; ++i) {
+        const std::string token = "<" + std::to_string(i) + ">";
+        const size_t at = everything.find(token);
+        ASSERT_NE(std::string::npos, at) << token;
+        EXPECT_EQ(std::string::npos, everything.find(token, at + 1)) << token;
+    }
 }
