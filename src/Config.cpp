@@ -2,14 +2,30 @@
 // configuration endpoint. Read and written by the host's threads (record calls) and the background
 // thread at the same time; every access holds the store's mutex for that access only, and the store
 // never calls into another component (in particular never logs) while holding it: the log calls ins()
-// with its own lock held. Loading, saving and fetching the configuration are implemented separately.
+// with its own lock held.
+//
+// Loading, validating, saving and fetching: at start-up the background thread runs init_conf: the
+// built-in defaults, then the enciphered file "sdk.cf" in the root directory, then the collection
+// server's "/v1/conf" answer when the file is unusable or older than CONF_UPD_GAP hours. Every value
+// from the file or the server passes ana_conf's rules before it reaches the store; a value outside
+// its range is dropped and the previous one stays.
 #include "Config.h"
 
+#include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iomanip>
 #include <mutex>
+#include <string>
 
+#include "BaseInfo.h"
+#include "ComInc.h"
+#include "HttpClient.h"
 #include "Log.h"
+#include "OsApi.h"
+#include "Util.h"
 
 namespace Velto {
 
@@ -130,6 +146,337 @@ void set_conf_endpoint_host(const std::string& host) {
     ConfEndpoint& e = endpoint();
     std::lock_guard<std::mutex> hold(e.guard);
     e.host = host;
+}
+
+namespace {
+
+const char kConfFileName[] = "sdk.cf";
+
+// A real configuration file holds a few hundred bytes. A longer token can only be damage or a foreign
+// file; reading it whole would let a stray file make us allocate without bound, so a token above this
+// size is treated like an unusable file (the server is asked instead).
+const std::streamsize kMaxTokenBytes = 1 << 20;
+
+// Fewer items than this is not a configuration (a truncated file, a half-filled reply).
+const size_t kMinConfItems = 10;
+// Fewer saved keys than this means the store was never loaded (the process is going down early);
+// writing it would replace a good file with a poor one.
+const size_t kMinSavedItems = 20;
+// The shortest "conf" member that can hold an item.
+const size_t kMinConfText = 3;
+// The largest valid CON_TIMEOUT; the transport doubles it, so a larger value must never get there.
+const long long kMaxTimeoutMs = 59999;
+
+// The keys written to "sdk.cf". ROOT_DIR, TID and the record-kind switches belong to this run only.
+const char* const kSavedKeys[] = {
+    "CONF_UPD_TIME",   "CONF_UPD_GAP", "COLLECT_WAY", "COLLECT_ON",    "SEND_ENDPOINTS", "SEND_BEGINPOINTS",
+    "SEND_GAP",        "SEND_NUM",     "SEND_SIZE",   "MAX_RESV_DAY",  "MAX_FILE_SIZE",  "MAX_LOG_SIZE",
+    "LOGERR_SEND_LIM", "LOGERR_NUM",   "SEND_LOG_ON", "SEND_CUR_CONF", "ZIP_DATA",       "CON_TIMEOUT",
+    "DATA_RANGE",      "LAST_SEND",    "CONF_URL",    "ENABLE_HTTPS",  "SESSION_TMOUT",
+};
+
+// The record kinds the server may switch off through DATA_RANGE, named as the exported calls.
+const char* const kRecordKinds[] = {"data_event", "data_screen", "data_count", "data_err_trace",
+                                    "data_experience"};
+
+enum ValueForm {
+    kNumber,      // decimal within [min, max], stored re-formatted ("0012" -> "12")
+    kSwitch,      // "ON" or "OFF"
+    kCollectWay,  // "REAL" or "NOREAL"
+    kUpperText,   // anything, stored upper-cased
+    kLowerText,   // anything, stored lower-cased
+    kKindList,    // "&"-separated record kinds to switch off
+};
+
+struct ConfRule {
+    const char* key;
+    ValueForm form;
+    long long min;
+    long long max;
+};
+
+const ConfRule kConfRules[] = {
+    {"CONF_UPD_TIME", kNumber, 0, LLONG_MAX},
+    {"CONF_UPD_GAP", kNumber, 1, 719},
+    {"COLLECT_ON", kSwitch, 0, 0},
+    {"COLLECT_WAY", kCollectWay, 0, 0},
+    {"SEND_BEGINPOINTS", kSwitch, 0, 0},
+    {"SEND_ENDPOINTS", kSwitch, 0, 0},
+    {"SEND_GAP", kNumber, 1, 10079},
+    {"SEND_NUM", kNumber, 1, 99999},
+    {"SEND_SIZE", kNumber, 1, 20479},
+    {"MAX_RESV_DAY", kNumber, 0, 29},
+    {"MAX_FILE_SIZE", kNumber, 1, 20479},
+    {"MAX_LOG_SIZE", kNumber, 1, 20479},
+    {"LOGERR_SEND_LIM", kNumber, 0, 9999},
+    {"LOGERR_NUM", kNumber, 0, 9999},
+    {"SEND_LOG_ON", kSwitch, 0, 0},
+    {"SEND_CUR_CONF", kSwitch, 0, 0},
+    {"ZIP_DATA", kSwitch, 0, 0},
+    {"CON_TIMEOUT", kNumber, 1, 59999},
+    {"TID", kUpperText, 0, 0},
+    {"CONF_URL", kLowerText, 0, 0},
+    {"ENABLE_HTTPS", kSwitch, 0, 0},
+    {"SESSION_TMOUT", kNumber, 30, 3599},
+    {"DATA_RANGE", kKindList, 0, 0},
+    {"LAST_SEND", kNumber, 0, LLONG_MAX},
+};
+
+const ConfRule* find_rule(const std::string& key) {
+    for (const ConfRule& rule : kConfRules) {
+        if (key == rule.key) return &rule;
+    }
+    return nullptr;
+}
+
+// Leading blanks, a sign and digits, like atoi/atol, but defined for every input: a number too large
+// for 64 bits saturates and so falls outside every range but the open-ended ones.
+long long parse_number(const std::string& text) {
+    return std::strtoll(text.c_str(), nullptr, 10);
+}
+
+// The named kinds are switched off for the rest of the run; a kind left out of a later list stays off,
+// because a record call treats a kind as off as soon as its key exists.
+void apply_data_range(Config& conf, std::string value) {
+    Util::lower(value);
+    StrList names;
+    Util::splits(value, names, "&");
+    conf.set("DATA_RANGE", value);
+    for (const char* kind : kRecordKinds) {
+        for (const std::string& name : names) {
+            if (name == kind) {
+                conf.set(kind, std::string("OFF"));
+                break;
+            }
+        }
+    }
+}
+
+// Applies one item if its value passes the key's rule; otherwise the store keeps its value.
+void apply_conf_item(Config& conf, std::string key, std::string value) {
+    Util::upper(key);
+    Util::upper(value);
+    const ConfRule* rule = find_rule(key);
+    if (rule == nullptr) {
+        LOGW << "upexpect conf: " << key << ":" << value << LEND;
+        return;
+    }
+    switch (rule->form) {
+        case kNumber: {
+            long long n = parse_number(value);
+            if (n >= rule->min && n <= rule->max) conf.set(key, n);
+            break;
+        }
+        case kSwitch:
+            if (value == "ON" || value == "OFF") conf.set(key, value);
+            break;
+        case kCollectWay:
+            if (value == "REAL" || value == "NOREAL") conf.set(key, value);
+            break;
+        case kUpperText:
+            conf.set(key, value);
+            break;
+        case kLowerText:
+            Util::lower(value);
+            conf.set(key, value);
+            break;
+        case kKindList:
+            apply_data_range(conf, value);
+            break;
+    }
+}
+
+// A server may hand out a bare host; the scheme then follows ENABLE_HTTPS.
+void complete_conf_url(Config& conf) {
+    std::string url = conf.get_str("CONF_URL");
+    std::string head = url.substr(0, 4);
+    if (head == "http" || head == "HTTP") return;
+    conf.set("CONF_URL", (conf.on("ENABLE_HTTPS") ? "https://" : "http://") + url);
+}
+
+// The stored values are validated, but the store can be written directly; keep the arithmetic
+// defined for any content.
+bool refresh_due(long long gap_hours, long long last_fetch, long long now) {
+    long long gap_seconds = 0;
+    long long age = 0;
+    if (__builtin_mul_overflow(gap_hours, 3600LL, &gap_seconds)) return false;
+    if (__builtin_sub_overflow(now, last_fetch, &age)) return last_fetch < 0;
+    return gap_seconds < age;
+}
+
+// Opens "sdk.cf" for reading and writing, creating it empty when it is missing, and reads its one
+// token ("" for an empty file, or for a token too long to be ours). False when the file can be
+// neither opened nor created; err then holds the system's reason.
+bool read_conf_token(const std::string& path, std::string& token, int& err) {
+    token.clear();
+    std::fstream file(path, std::ios::in | std::ios::out);
+    if (!file.is_open()) file.open(path, std::ios::in | std::ios::out | std::ios::trunc);
+    if (!file.is_open()) {
+        err = errno;
+        return false;
+    }
+    file >> std::setw(kMaxTokenBytes + 1) >> token;
+    if (token.size() > static_cast<size_t>(kMaxTokenBytes)) token.clear();
+    return true;
+}
+
+StrMap saved_items(const StrMap& store) {
+    StrMap saved;
+    for (const char* key : kSavedKeys) {
+        auto it = store.find(key);
+        if (it != store.end()) saved.emplace(it->first, it->second);
+    }
+    return saved;
+}
+
+// The client's identity as the configuration endpoint expects it, every value form-encoded. Missing
+// fields are sent empty.
+std::string conf_request_body(const StrMap& base) {
+    static const char* const kFields[][2] = {
+        {"uid=", "uid"},        {"&pid=", "pid"},     {"&client_sign=", "did"},    {"&pver=", "pver"},
+        {"&tid=", "tid"},       {"&brand=", "BRAND"}, {"&sdkver=", "modver"},      {"&plang=", "plang"},
+        {"&osname=", "ostype"}, {"&osver=", "osver"}, {"&installtm=", "tinstall"},
+    };
+    std::string body;
+    for (const auto& field : kFields) {
+        body += field[0];
+        auto it = base.find(field[1]);
+        if (it != base.end()) body += UrlEncode(it->second);
+    }
+    return body;
+}
+
+unsigned int request_timeout_ms(long long configured) {
+    if (configured < 0) return 0;
+    if (configured > kMaxTimeoutMs) return static_cast<unsigned int>(kMaxTimeoutMs);
+    return static_cast<unsigned int>(configured);
+}
+
+}  // namespace
+
+int Config::init_conf() {
+    try {
+        load_default();
+        const std::string path = get_str("ROOT_DIR") + kConfFileName;
+        std::string token;
+        int err = 0;
+        if (!read_conf_token(path, token, err)) {
+            LOGE << "to open: " << path << ", errno: " << err << LEND;
+            return RES_FILE_OPEN;
+        }
+        // A token that does not decode to whole cipher blocks throws here and ends as 301.
+        bool loaded = ana_conf(Util::fdecode(token));
+        if (loaded && !refresh_due(get_int("CONF_UPD_GAP"), get_int("CONF_UPD_TIME"), os_time())) {
+            return RES_OK;
+        }
+        LOGI << "update conf from svr" << LEND;
+        std::string conf;
+        int ret = get_conf_frm_svr(conf);
+        if (ret != RES_OK) {
+            LOGE << "svr ret: " << ret << LEND;
+            return RES_SVR_REJECT;
+        }
+        if (!ana_conf(conf)) {
+            LOGE << "ana conf2" << LEND;
+            return RES_CONF_REJECT;
+        }
+        save_conf(true);
+        LOGI << "update conf from svr end" << LEND;
+        return RES_OK;
+    } catch (...) {
+        LOGE << "init_conf exception" << LEND;
+        return RES_EXCEPTION;
+    }
+}
+
+bool Config::ana_conf(const std::string& text) {
+    if (text.empty()) return false;
+    StrMap items;
+    Util::json2map(text, items);
+    if (items.size() < kMinConfItems) {
+        LOGW << "conf item num: " << items.size() << LEND;
+        return false;
+    }
+    for (const auto& item : items) apply_conf_item(*this, item.first, item.second);
+    complete_conf_url(*this);
+    return true;
+}
+
+std::string Config::save_conf(bool write) {
+    std::fstream file;
+    try {
+        LOGI << "save cnf:" << (write ? 1 : 0) << LEND;
+        StrMap saved = saved_items(snapshot());
+        if (saved.size() < kMinSavedItems) {
+            LOGW << "lack of conf items, maybe exiting" << LEND;
+            return std::string();
+        }
+        std::string text = Util::to_json(saved);
+        if (!write) return text;
+        std::string sealed = Util::fencode(text);
+        std::string root = get_str("ROOT_DIR");
+        if (root.empty()) {
+            LOGW << "null conf path, maybe exiting" << LEND;
+            return std::string();
+        }
+        // Rewritten in place: a crash mid-write leaves a short file, which the next start treats as
+        // unusable and replaces from the server.
+        const std::string path = root + kConfFileName;
+        file.open(path, std::ios::in | std::ios::out | std::ios::trunc);
+        if (!file.is_open()) {
+            int err = errno;
+            LOGE << "to open: " << path << ", errno: " << err << LEND;
+            return text;
+        }
+        file << sealed;
+        file.close();
+        return text;
+    } catch (...) {
+        LOGE << "exception save_conf" << LEND;
+        if (file.is_open()) file.close();
+        return std::string();
+    }
+}
+
+int Config::get_conf_frm_svr(std::string& conf) {
+    conf.clear();
+    try {
+        LOGI << "get svr cnf" << LEND;
+        g_base_info.wait(30);
+        // Stamped before sending: a failed fetch waits for the next refresh period like a good one.
+        set("CONF_UPD_TIME", os_time());
+
+        StrMap base;
+        g_base_info.copy(base);
+        const std::string body = conf_request_body(base);
+        RequestParam param;
+        param.post = true;
+        param.body = body.c_str();
+        param.body_len = static_cast<int>(body.size());
+        param.block = false;
+        param.timeout_ms = request_timeout_ms(get_int("CON_TIMEOUT"));
+
+        // The endpoint is built in: CONF_URL steers only the uploads, so a bad CONF_URL handed out
+        // once can always be corrected by the next fetch.
+        const std::string reply = curl_http_post(conf_endpoint(), param, 1);
+        if (reply.empty()) {
+            LOGE << "http_client" << LEND;
+            return RES_NO_REPLY;
+        }
+        if (Util::json_item(reply, "status") != "0") {
+            LOGE << "get_conf_frm_svr" << LEND;
+            return RES_SVR_REJECT;
+        }
+        conf = Util::json_item(reply, "conf");
+        if (conf.size() < kMinConfText) {
+            conf.clear();
+            return RES_SVR_REJECT;
+        }
+        return RES_OK;
+    } catch (...) {
+        LOGE << "exception get_conf_frm_svr" << LEND;
+        return RES_EXCEPTION;
+    }
 }
 
 }  // namespace Velto
