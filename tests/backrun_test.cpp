@@ -82,7 +82,15 @@ std::string without_times(const std::string& report) {
 
 class DebugReport : public ::testing::Test {
   protected:
-    void SetUp() override { Config::obj_->set("ROOT_DIR", dir_.path() + "/"); }
+    // A settings store of the test's own, so that this process stays uninitialised for the
+    // scenarios below.
+    void SetUp() override {
+        conf_.init_mutex();
+        conf_.set("ROOT_DIR", dir_.path() + "/");
+        saved_ = Config::obj_;
+        Config::obj_ = &conf_;
+    }
+    void TearDown() override { Config::obj_ = saved_; }
     std::string report_path() const { return dir_.file("debug_msg_to_svr.html"); }
     std::string save(std::string answer) {
         runner_.save_debug_msg(answer);
@@ -90,6 +98,8 @@ class DebugReport : public ::testing::Test {
     }
 
     vtest::TempDir dir_;
+    Config conf_;
+    Config* saved_ = nullptr;
     BackRun runner_;
 };
 
