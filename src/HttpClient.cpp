@@ -19,7 +19,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -116,8 +116,9 @@ bool set_nonblocking(int fd) {
     return flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
 }
 
-// Waits for the connection with short selects; readiness counts as connected (a refused connection
-// shows up at the first send).
+// Waits for the connection in short steps; readiness counts as connected (a refused connection
+// shows up at the first send). poll rather than select: a host with many open files may hand us a
+// descriptor beyond FD_SETSIZE, which select cannot take.
 bool connect_nonblocking(int fd, const sockaddr_in& addr, unsigned int timeout_ms) {
     int ret = connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
     if (ret != 0 && errno != EINPROGRESS) {
@@ -126,12 +127,8 @@ bool connect_nonblocking(int fd, const sockaddr_in& addr, unsigned int timeout_m
     }
     const long long start = now_seconds();
     for (;;) {
-        fd_set rset, wset;
-        FD_ZERO(&rset);
-        FD_SET(fd, &rset);
-        wset = rset;
-        timeval wait = {0, static_cast<suseconds_t>(kConnectPollUs)};
-        int ready = select(fd + 1, &rset, &wset, nullptr, &wait);
+        pollfd p = {fd, POLLIN | POLLOUT, 0};
+        int ready = poll(&p, 1, 0);
         if (ready < 0 && errno == EINTR) continue;
         if (ready < 0) {
             LOGE << "(select) connect server failed!" << LEND;
@@ -139,6 +136,7 @@ bool connect_nonblocking(int fd, const sockaddr_in& addr, unsigned int timeout_m
         }
         if (ready > 0) return true;
         if ((now_seconds() - start) * 1000 > static_cast<long long>(timeout_ms)) break;
+        os_usleep(kConnectPollUs);
     }
     LOGE << "(select) connect server timeout!" << LEND;
     return false;
