@@ -65,7 +65,7 @@ bool split_record_line(const std::string& line, long long& time, size_t& payload
     const size_t comma = line.find(',');
     if (comma == std::string::npos || comma != kTimeFieldLen) return false;
     if (line.size() - comma - 1 < kMinPayloadLen) return false;
-    time = std::strtoll(std::string(line, 0, comma).c_str(), nullptr, 10);
+    time = std::strtoll(line.c_str(), nullptr, 10);  // stops at the comma at the latest
     payload_pos = comma + 1;
     return true;
 }
@@ -330,7 +330,13 @@ int MsgFile::roll_msg(long long begin, long long max_count, long long max_bytes,
                 LOGE << "fp_back open" << LEND;
                 return -1;
             }
-            write_lines(journal, raw_lines);
+            if (!write_lines(journal, raw_lines)) {
+                // A partial journal would replace the intact file at the next open.
+                journal.close();
+                truncate_file(journal_path);
+                LOGE << "fp_back write" << LEND;
+                return -1;
+            }
         }
         if (!reopen_truncated(fs_, msg_path)) {
             LOGE << "msg_fp open" << LEND;
