@@ -47,7 +47,8 @@ class DeliveryLoop {
     void send_log_and_conf();
     void main_loop();
     // One idle turn (no record taken). False when the loop has to end.
-    bool idle_turn();
+    // skipped: the turn was a deliberate skip, so the queue need not be empty.
+    bool idle_turn(bool skipped);
     void handle_record(std::string& item);
     bool send_real_time(const std::string& item);
     bool send_initial(const std::string& item);
@@ -211,22 +212,26 @@ void DeliveryLoop::main_loop() {
     while (owner_.stop_flag() != 0) {
         if (!msg_.is_open()) msg_.open();
         if (tick_ > kTickWrap) tick_ = 1;
-        if (tick_ % kSkipEvery == 0) {
+        bool skipped = tick_ % kSkipEvery == 0;
+        if (skipped) {
             item.clear();
             ++tick_;
         } else {
             item = Cache::obj_->get();
         }
         if (item.empty()) {
-            if (!idle_turn()) return;
+            if (!idle_turn(skipped)) return;
         } else {
             handle_record(item);
         }
     }
 }
 
-bool DeliveryLoop::idle_turn() {
-    if (owner_.stop_flag() == 2) {
+bool DeliveryLoop::idle_turn(bool skipped) {
+    // A stop request ends the loop once the queue is found empty. A skipped turn has not looked at
+    // the queue: leaving then would lose the records still waiting (also when the stop came before
+    // the first turn, which is always a skip).
+    if (owner_.stop_flag() == 2 && !skipped) {
         owner_.set_running(0);
         if (end_switch_) end_of_run_upload();
         LOGI << "to exit" << LEND;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <regex>
@@ -103,60 +104,44 @@ class DebugReport : public ::testing::Test {
     BackRun runner_;
 };
 
-TEST_F(DebugReport, FreshFileHoldsOneRow) {
-    std::string got = save(kFullAnswer);
-    EXPECT_EQ(
-        std::string(kReportHead) + row(false, "event", "act:click, cat:menu", kFullCommon) + kReportTail,
-        got);
-    // The heading line is 90 bytes in its legacy encoding, the style sheet 385 characters.
-    size_t h1 = got.find("</head>");
-    EXPECT_EQ(90u, got.find('\n', h1) - h1);
-    size_t css = got.find("#customers{");
-    EXPECT_EQ(385u, got.find('\n', css) - css);
+TEST_F(DebugReport, RowsKeptFromTheFileAndTheNewRow) {
+    const std::string a = "<tr><td>t</td><td>a</td><td></td><td>c</td></tr>\n";
+    const std::string b = "<tr class=\"alt\"><td>t</td><td>b</td><td></td><td>c</td></tr>\n";
+    const std::string header = std::string(kHeaderRow) + "\n";
+    struct Case {
+        const char* what;
+        std::string file;  // "" = no report yet
+        std::string answer;
+        std::string rows;  // the expected rows, the new one last
+    } cases[] = {
+        {"fresh", "", kFullAnswer, row(false, "event", "act:click, cat:menu", kFullCommon)},
+        {"rows damaged or deleted by hand",
+         header + a + "<tr><td>damaged</td></tr> tail\n" + "<tr><td>x</td></tr>\n" +  // 20 characters
+             "<td>t</td><td>no row start</td></tr>\n" + b,
+         "{\"dtype\":\"count\"}", a + b + row(false, "count", "", kEmptyCommon)},
+        {"second header row", header + a + header + b, "{\"dtype\":\"event\"}",
+         a + row(true, "event", "", kEmptyCommon)},
+        {"rows outside the table", a + header + a + "</table>\n" + b, "{\"dtype\":\"event\"}",
+         a + row(true, "event", "", kEmptyCommon)},
+        {"no dtype, escaped quotes", "", "{\"lab\":\"a\\\"b\",\"uid\":\"\\\"u\"}",
+         row(false, "", "lab:a_b",
+             "tid:, pid:, pver:, oszone:, procname:, procid:, plang:,<br/>uip:, ostype:, osver:, osbit:, "
+             "oslang:, tinstall:, psource:, uid:_u")},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::remove(report_path().c_str());
+        if (!c.file.empty()) vtest::write_file(report_path(), c.file);
+        EXPECT_EQ(std::string(kReportHead) + c.rows + kReportTail, save(c.answer));
+    }
 }
 
-TEST_F(DebugReport, RowsAccumulateAndAlternate) {
+TEST_F(DebugReport, ReadsBackItsOwnRows) {
     save(kFullAnswer);
     save("{\"dtype\":\"screen\"}");
-    std::string got = save("{\"x\":\"1\"}");
     EXPECT_EQ(std::string(kReportHead) + row(false, "event", "act:click, cat:menu", kFullCommon) +
                   row(true, "screen", "", kEmptyCommon) + row(false, "", "x:1", kEmptyCommon) + kReportTail,
-              got);
-}
-
-TEST_F(DebugReport, KeepsRowsLeftByHandAndDropsDamagedOnes) {
-    std::string a = "<tr><td>t</td><td>a</td><td></td><td>c</td></tr>";
-    std::string b = "<tr class=\"alt\"><td>t</td><td>b</td><td></td><td>c</td></tr>";
-    vtest::write_file(report_path(), std::string(kHeaderRow) + "\n" + a + "\n" +
-                                         "<tr><td>damaged</td></tr> tail\n" +  // end marker not at the end
-                                         "<tr><td>x</td></tr>\n" +             // 20 characters: too short
-                                         "<td>t</td><td>no row start</td></tr>\n" + b + "\n");
-    std::string got = save("{\"dtype\":\"count\"}");
-    // Two rows kept, so the new one starts the alternation again with the plain class.
-    EXPECT_EQ(
-        std::string(kReportHead) + a + "\n" + b + "\n" + row(false, "count", "", kEmptyCommon) + kReportTail,
-        got);
-}
-
-TEST_F(DebugReport, SecondHeaderRowEndsTheCollection) {
-    std::string a = "<tr><td>t</td><td>a</td><td></td><td>c</td></tr>";
-    std::string b = "<tr><td>t</td><td>b</td><td></td><td>c</td></tr>";
-    vtest::write_file(report_path(),
-                      std::string(kHeaderRow) + "\n" + a + "\n" + kHeaderRow + "\n" + b + "\n");
-    std::string got = save("{\"dtype\":\"event\"}");
-    EXPECT_EQ(std::string(kReportHead) + a + "\n" + row(true, "event", "", kEmptyCommon) + kReportTail, got);
-}
-
-TEST_F(DebugReport, OnlyRowsBetweenHeaderAndTableEndCount) {
-    std::string a = "<tr><td>t</td><td>a</td><td></td><td>c</td></tr>";
-    vtest::write_file(report_path(), a + "\n</table>\n" + kHeaderRow + "\n" + a + "\n");
-    std::string got = save("{\"dtype\":\"event\"}");
-    EXPECT_EQ(std::string(kReportHead) + row(false, "event", "", kEmptyCommon) + kReportTail, got);
-}
-
-TEST_F(DebugReport, EscapedQuotesAreDefused) {
-    std::string got = save("{\"dtype\":\"ev\\\"t\",\"lab\":\"a\\\"b\"}");
-    EXPECT_EQ(std::string(kReportHead) + row(false, "ev_t", "lab:a_b", kEmptyCommon) + kReportTail, got);
+              save("{\"x\":\"1\"}"));
 }
 
 TEST_F(DebugReport, SwitchFile) {
@@ -435,7 +420,7 @@ TEST(Delivery, StopWritesEveryQueuedRecordAndUploadsThem) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.end_switch);
         RUN_SCENARIO({
-            const int n = 300;
+            const int n = 900;  // below the queue bound; the drain passes deliberate skips
             RawServer server;
             ASSERT_TRUE(server.ok());
             write_conf(root, server.url(), {{"SEND_ENDPOINTS", c.end_switch}});
@@ -525,42 +510,34 @@ TEST(Delivery, HostExitingWithoutStopDoesNotCrash) {
     });
 }
 
-TEST(Delivery, DebugMirror) {
-    RUN_SCENARIO({
-        RawServer server;
-        RawServer debug(RawMode::kReply,
-                        "{\"status\":0,\"data\":{\"dtype\":\"event\",\"uid\":\"u1\",\"x\":\"1\"}}");
-        ASSERT_TRUE(server.ok() && debug.ok());
-        write_conf(root, server.url());
-        vtest::write_file(root + "/DEBUG_MODE_SVR_ADDR", debug.url() + "\n");
-        start(root);
-        ASSERT_EQ(0, event(1));
-        ASSERT_TRUE(wait_lines(root + "/sdk.msg", 1));
-        stop_and_wait();
-        // Both records went to the debug server too (the initial one without its prefix).
-        std::vector<std::string> mirrored = data_records(debug);
-        ASSERT_EQ(2u, mirrored.size());
-        EXPECT_EQ(data_records(server)[0], mirrored[0]);
-        EXPECT_TRUE(has(mirrored[1], event_member(1)));
-        std::string report = vtest::read_file(root + "/debug_msg_to_svr.html");
-        EXPECT_NE(std::string::npos, report.find("</td><td>event</td><td>x:1</td><td>tid:, "));
-        EXPECT_NE(std::string::npos, report.find("<tr class=\"alt\"><td>"));
-    });
-}
-
-TEST(Delivery, NoSwitchFileNoMirror) {
-    RUN_SCENARIO({
-        RawServer server;
-        ASSERT_TRUE(server.ok());
-        write_conf(root, server.url());
-        start(root);
-        ASSERT_EQ(0, event(1));
-        ASSERT_TRUE(wait_lines(root + "/sdk.msg", 1));
-        stop_and_wait();
-        // Only the initial event's own request: no copy of either record went anywhere.
-        EXPECT_EQ(1u, server.requests().size());
-        EXPECT_FALSE(vtest::file_exists(root + "/debug_msg_to_svr.html"));
-    });
+TEST(Delivery, DebugMirrorOnlyWithSwitchFile) {
+    for (bool with_switch : {true, false}) {
+        SCOPED_TRACE(with_switch ? "switch file" : "no switch file");
+        RUN_SCENARIO({
+            RawServer server;
+            RawServer debug(RawMode::kReply, "{\"status\":0,\"data\":{\"dtype\":\"event\",\"x\":\"1\"}}");
+            ASSERT_TRUE(server.ok() && debug.ok());
+            write_conf(root, server.url());
+            if (with_switch) vtest::write_file(root + "/DEBUG_MODE_SVR_ADDR", debug.url() + "\n");
+            start(root);
+            ASSERT_EQ(0, event(1));
+            ASSERT_TRUE(wait_lines(root + "/sdk.msg", 1));
+            stop_and_wait();
+            EXPECT_EQ(1u, server.requests().size());  // the initial event's own request
+            std::string report = vtest::read_file(root + "/debug_msg_to_svr.html");
+            if (!with_switch) {
+                EXPECT_EQ(0u, debug.connections());
+                EXPECT_EQ("", report);
+                return;
+            }
+            // Both records went to the debug server too (the initial one without its prefix).
+            std::vector<std::string> mirrored = data_records(debug);
+            ASSERT_EQ(2u, mirrored.size());
+            EXPECT_EQ(data_records(server)[0], mirrored[0]);
+            EXPECT_TRUE(has(mirrored[1], event_member(1)));
+            EXPECT_EQ(2u, count_of(report, "</td><td>event</td><td>x:1</td><td>tid:, "));
+        });
+    }
 }
 
 }  // namespace
