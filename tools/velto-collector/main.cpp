@@ -1,0 +1,739 @@
+// velto-collector: a local collection server for developing and checking an integration. It serves
+// the configuration ("/v1/conf") and takes the uploads ("/v1/data", "/v1/file") of a library built to
+// talk to it, over https:// (self-signed certificate, made on first start) and plain http:// (the
+// library's own socket client), on 127.0.0.1 only.
+//
+//   velto-collector --https-port N --http-port M --records FILE --cert-dir DIR [--conf FILE.json]
+//
+// Every received record is printed as one readable line and appended to FILE as one JSON object per
+// line, for grep and jq. Ctrl-C (SIGINT) or SIGTERM prints a summary by record kind and exits 0.
+// Requests are served on cpp-httplib's worker threads; the main thread only waits for the signal.
+#include <httplib.h>
+#include <signal.h>
+#include <time.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "Util.h"
+#include "Zip.h"
+#include "payload.h"
+#include "tls_server.h"
+
+namespace {
+
+const size_t kMaxBody = 64u << 20;   // larger requests get 413 from the server itself
+const size_t kShownValueBytes = 60;  // longer values are cut in the readable lines
+
+struct Options {
+    int https_port = 0;
+    int http_port = 0;
+    std::string records;
+    std::string cert_dir;
+    std::string conf;  // "" = the built-in configuration
+};
+
+const char kUsage[] =
+    "usage: velto-collector --https-port N --http-port M --records FILE --cert-dir DIR [--conf FILE.json]\n"
+    "  --https-port N   HTTPS port on 127.0.0.1 (libcurl uploads and the configuration request)\n"
+    "  --http-port M    plain-HTTP port on 127.0.0.1 (for CONF_URL values that start with http://)\n"
+    "  --records FILE   received records are appended here, one JSON object per line\n"
+    "  --cert-dir DIR   cert.pem and key.pem; a self-signed pair is made when missing\n"
+    "  --conf FILE      the /v1/conf reply: a whole reply with \"status\", or just the \"conf\" object\n";
+
+// ---- small text helpers ----
+
+// A JSON string literal of arbitrary bytes (control bytes escaped, the rest passed through).
+std::string quote(const std::string& s) {
+    std::string out = "\"";
+    for (unsigned char c : s) {
+        switch (c) {
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            default:
+                if (c < 0x20 || c == 0x7f) {
+                    char buf[8];
+                    snprintf(buf, sizeof buf, "\\u%04x", c);
+                    out += buf;
+                } else {
+                    out += static_cast<char>(c);
+                }
+        }
+    }
+    return out + "\"";
+}
+
+// Bytes shown in a terminal line: control bytes as \xNN, cut to a readable length.
+std::string printable(const std::string& s, size_t limit = kShownValueBytes) {
+    std::string out;
+    for (size_t i = 0; i < s.size() && i < limit; ++i) {
+        unsigned char c = static_cast<unsigned char>(s[i]);
+        if (c < 0x20 || c == 0x7f) {
+            char buf[8];
+            snprintf(buf, sizeof buf, "\\x%02x", c);
+            out += buf;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    if (s.size() > limit) out += "...";
+    return out;
+}
+
+std::string clock_text(long long t) {
+    time_t tt = static_cast<time_t>(t);
+    struct tm parts;
+    char buf[16] = "??:??:??";
+    if (localtime_r(&tt, &parts)) strftime(buf, sizeof buf, "%H:%M:%S", &parts);
+    return std::string("[") + buf + "]";
+}
+
+// ---- records ----
+
+typedef std::vector<std::pair<std::string, std::string>> Members;
+
+// Reads a flat JSON object whose values are all strings; keys and values are kept as written
+// (escapes included). False for anything else, so that only valid JSON reaches the records file.
+class FlatObjectReader {
+  public:
+    explicit FlatObjectReader(const std::string& text) : s_(text) {}
+
+    bool read(Members& out) {
+        out.clear();
+        skip_blanks();
+        if (!take('{')) return false;
+        skip_blanks();
+        if (take('}')) return at_end();
+        for (;;) {
+            std::string key, value;
+            if (!read_string(key) || !take_after_blanks(':') || !read_string(value)) return false;
+            out.emplace_back(std::move(key), std::move(value));
+            skip_blanks();
+            if (take('}')) return at_end();
+            if (!take(',')) return false;
+        }
+    }
+
+  private:
+    void skip_blanks() {
+        while (i_ < s_.size() && (s_[i_] == ' ' || s_[i_] == '\t' || s_[i_] == '\n' || s_[i_] == '\r')) ++i_;
+    }
+    bool take(char c) {
+        if (i_ >= s_.size() || s_[i_] != c) return false;
+        ++i_;
+        return true;
+    }
+    bool take_after_blanks(char c) {
+        skip_blanks();
+        if (!take(c)) return false;
+        skip_blanks();
+        return true;
+    }
+    bool at_end() {
+        skip_blanks();
+        return i_ == s_.size();
+    }
+    bool read_escape() {
+        if (i_ >= s_.size()) return false;
+        const char c = s_[i_++];
+        if (strchr("\"\\/bfnrt", c)) return true;
+        if (c != 'u' || i_ + 4 > s_.size()) return false;
+        for (int k = 0; k < 4; ++k)
+            if (!isxdigit(static_cast<unsigned char>(s_[i_++]))) return false;
+        return true;
+    }
+    bool read_string(std::string& out) {
+        if (!take('"')) return false;
+        const size_t begin = i_;
+        while (i_ < s_.size() && s_[i_] != '"') {
+            const unsigned char c = static_cast<unsigned char>(s_[i_++]);
+            if (c < 0x20) return false;
+            if (c == '\\' && !read_escape()) return false;
+        }
+        if (i_ >= s_.size()) return false;
+        out = s_.substr(begin, i_++ - begin);
+        return true;
+    }
+
+    const std::string& s_;
+    size_t i_ = 0;
+};
+
+const std::string* member(const Members& m, const char* key) {
+    for (const auto& kv : m)
+        if (kv.first == key) return &kv.second;
+    return nullptr;
+}
+
+// The keys each kind of record adds to the base information, in the order the calls take them.
+const std::map<std::string, std::vector<const char*>>& own_keys_by_kind() {
+    static const std::map<std::string, std::vector<const char*>> kinds = {
+        {"event", {"category", "act", "label", "dvalue"}},
+        {"screenview", {"category"}},
+        {"timing", {"category", "ttime", "label"}},
+        {"exception", {"desc", "fatal", "label", "stack"}},
+        {"experience", {"category", "act", "properties"}},
+        {"init", {"BRAND", "procname", "pver", "uid", "osver"}},
+    };
+    return kinds;
+}
+
+// Keys every record carries; for a kind this tool does not know, everything else is shown.
+bool is_common_key(const std::string& key) {
+    static const char* const kCommon[] = {"tstart",   "BRAND", "did",    "procname", "procid",  "modver",
+                                          "tid",      "pid",   "pver",   "uip",      "plang",   "ostype",
+                                          "osver",    "osbit", "oslang", "oszone",   "psource", "uid",
+                                          "tinstall", "dtype", "sid",    "ostime"};
+    for (const char* k : kCommon)
+        if (key == k) return true;
+    return false;
+}
+
+std::string field_text(const std::string& key, const std::string& value) {
+    std::string shown = printable(value);
+    if (shown.find(' ') != std::string::npos) shown = "\"" + shown + "\"";
+    return "  " + key + "=" + shown;
+}
+
+// "[12:03:07] screenview  category=MainWindow  sid={...}"
+std::string readable_line(const Members& rec, long long received) {
+    const std::string* kind = member(rec, "dtype");
+    const std::string* ostime = member(rec, "ostime");
+    const long long when = ostime ? atoll(ostime->c_str()) : 0;
+    std::string line =
+        clock_text(when > 0 ? when : received) + " " + (kind ? printable(*kind) : "(no dtype)");
+    const auto& kinds = own_keys_by_kind();
+    auto known = kind ? kinds.find(*kind) : kinds.end();
+    if (known != kinds.end()) {
+        for (const char* key : known->second)
+            if (const std::string* v = member(rec, key)) line += field_text(key, *v);
+        // The host's own base fields (data_base_ext) are shown where they are introduced.
+        if (*kind == "init")
+            for (const auto& kv : rec)
+                if (!is_common_key(kv.first)) line += field_text(kv.first, kv.second);
+    } else {
+        for (const auto& kv : rec)
+            if (!is_common_key(kv.first)) line += field_text(kv.first, kv.second);
+    }
+    const std::string* sid = member(rec, "sid");
+    return line + "  sid=" + (sid ? printable(*sid) : "-");
+}
+
+// ---- request decoding ----
+
+// A request the collector cannot take; the text goes into the 400 reply and the log line.
+struct BadRequest : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+bool is_base64_text(const std::string& s) {
+    if (s.empty() || s.size() % 4 != 0) return false;
+    const size_t pad = s.find('=');
+    if (pad != std::string::npos &&
+        (pad + 2 < s.size() || s.find_first_not_of('=', pad) != std::string::npos))
+        return false;
+    return s.find_first_not_of(Velto::base64_chars + "=") == std::string::npos;
+}
+
+// Why a form field's payload (Base64 of AES, maybe deflated) did not decode.
+std::string why_form_payload_fails(const std::string& text) {
+    if (!is_base64_text(text)) return "the payload is not Base64";
+    const size_t raw = text.size() / 4 * 3 - (text.size() - text.find_last_not_of('=') - 1);
+    if (raw == 0 || raw % 16 != 0)
+        return "the payload is not whole AES blocks (" + std::to_string(raw) + " bytes)";
+    return "the payload does not inflate (broken zlib stream)";
+}
+
+// The deciphered bytes of a file upload's payload behind its length prefix, padding kept.
+std::string decipher_file_payload(const std::string& payload) {
+    if (payload.size() < 4 + 16)
+        throw BadRequest("the file payload holds " + std::to_string(payload.size()) +
+                         " bytes, less than a length prefix and one AES block");
+    if ((payload.size() - 4) % 16 != 0)
+        throw BadRequest("the file payload is not a length prefix and whole AES blocks");
+    const std::string sealed = payload.substr(4);
+    const std::string b64 = Velto::base64_encode(reinterpret_cast<const unsigned char*>(sealed.data()),
+                                                 static_cast<unsigned>(sealed.size()));
+    std::vector<unsigned char> plain(sealed.size() + 4, 0);
+    if (Velto::AES_Decode(b64.c_str(), plain.data()) != 0)
+        throw BadRequest("the file payload does not decipher");
+    return std::string(reinterpret_cast<const char*>(plain.data()), sealed.size());
+}
+
+uint32_t length_prefix(const std::string& payload) {
+    uint32_t length = 0;
+    for (int i = 0; i < 4; ++i) length = (length << 8) | static_cast<unsigned char>(payload[i]);
+    return length;
+}
+
+// The file content: inflated when it was deflated, else cut to the prefix's length. The prefix must
+// match what arrived, so that a cut or padded upload is caught rather than half read.
+std::string decode_file_content(const std::string& payload) {
+    const std::string plain = decipher_file_payload(payload);
+    const uint32_t length = length_prefix(payload);
+    std::string data;
+    if (vcollect::looks_zlib(plain)) {
+        if (!vcollect::inflate_bytes(plain, data))
+            throw BadRequest("the file payload does not inflate (broken zlib stream)");
+    } else if ((static_cast<uint64_t>(length) + 15) / 16 * 16 == plain.size()) {
+        data = plain.substr(0, length);
+    }
+    if (data.size() != length || length == 0)
+        throw BadRequest("the length prefix says " + std::to_string(length) + " bytes, the payload holds " +
+                         std::to_string(data.empty() ? plain.size() : data.size()));
+    return data;
+}
+
+struct Upload {
+    std::string name;  // the "sdk_log" field: a batch's GUID, or "log"
+    std::string data;  // the decoded file content
+};
+
+Upload decode_upload(const std::vector<vcollect::FormPart>& parts) {
+    const vcollect::FormPart* file = vcollect::find_part(parts, "file");
+    if (!file) throw BadRequest("the multipart form has no \"file\" part");
+    Upload up;
+    if (const vcollect::FormPart* name = vcollect::find_part(parts, "sdk_log"))
+        up.name = vcollect::field_text(*name);
+    up.data = decode_file_content(file->data);
+    return up;
+}
+
+// ---- the collector ----
+
+struct Received {
+    std::string endpoint;  // "/v1/data" or "/v1/file"
+    std::string upload;    // the upload name of a file, "" for single payloads
+    long long at = 0;
+};
+
+class Collector {
+  public:
+    Collector(FILE* records, std::string conf_reply)
+        : records_(records), conf_reply_(std::move(conf_reply)) {}
+
+    // Answers one request; never throws.
+    void serve(const std::string& scheme, const httplib::Request& req, const std::string& body,
+               const std::vector<vcollect::FormPart>& parts, httplib::Response& res);
+    void reject(const std::string& scheme, const httplib::Request& req, const std::string& why,
+                httplib::Response& res, int status = 400);
+    void count_request(const std::string& path);
+    void print_summary();
+
+  private:
+    void on_conf(const std::string& body);
+    void on_data(const std::string& body, const Received& from);
+    void on_file(const httplib::Request& req, const std::vector<vcollect::FormPart>& parts,
+                 const Received& from);
+
+    void take_record(const std::string& text, const Received& from);
+    void take_config(const std::string& text, const Received& from);
+    void take_log(const std::string& text, const Received& from);
+    void say(const std::string& line);
+    void append_json(const Received& from, const std::string& rest);
+
+    std::mutex m_;  // guards everything below and the two output streams
+    FILE* records_;
+    const std::string conf_reply_;
+    std::map<std::string, long long> kinds_;
+    std::map<std::string, long long> requests_;
+    long long bad_requests_ = 0;
+    long long invalid_records_ = 0;
+};
+
+void Collector::say(const std::string& line) {
+    std::lock_guard<std::mutex> hold(m_);
+    fputs((line + "\n").c_str(), stdout);
+    fflush(stdout);
+}
+
+void Collector::append_json(const Received& from, const std::string& rest) {
+    std::string line = "{\"received\":" + std::to_string(from.at) + ",\"endpoint\":" + quote(from.endpoint);
+    if (!from.upload.empty()) line += ",\"upload\":" + quote(from.upload);
+    line += "," + rest + "}\n";
+    std::lock_guard<std::mutex> hold(m_);
+    fwrite(line.data(), 1, line.size(), records_);
+    fflush(records_);
+}
+
+void Collector::take_record(const std::string& text, const Received& from) {
+    Members rec;
+    if (!FlatObjectReader(text).read(rec)) {
+        {
+            std::lock_guard<std::mutex> hold(m_);
+            ++invalid_records_;
+        }
+        fprintf(stderr, "%s %s: a record that is not a flat JSON object: %s\n", clock_text(from.at).c_str(),
+                from.endpoint.c_str(), printable(text, 200).c_str());
+        append_json(from, "\"invalid\":" + quote(text));
+        return;
+    }
+    const std::string* kind = member(rec, "dtype");
+    {
+        std::lock_guard<std::mutex> hold(m_);
+        ++kinds_[kind ? *kind : "(no dtype)"];
+    }
+    say(readable_line(rec, from.at));
+    append_json(from, "\"record\":" + text);
+}
+
+void Collector::take_config(const std::string& text, const Received& from) {
+    Members conf;
+    const bool flat = FlatObjectReader(text).read(conf);
+    say(clock_text(from.at) + " config  " + std::to_string(conf.size()) + " settings from the library");
+    append_json(from, flat ? "\"config\":" + text : "\"config_text\":" + quote(text));
+}
+
+void Collector::take_log(const std::string& text, const Received& from) {
+    say(clock_text(from.at) + " log upload  " + std::to_string(text.size()) + " bytes of the library's log");
+    append_json(from, "\"log\":" + quote(text));
+}
+
+void Collector::on_conf(const std::string& body) {
+    const vcollect::FormFields form = vcollect::parse_form(body);
+    say(clock_text(time(nullptr)) + " conf request  brand=" + printable(vcollect::form_value(form, "brand")) +
+        "  pver=" + printable(vcollect::form_value(form, "pver")) +
+        "  client_sign=" + printable(vcollect::form_value(form, "client_sign")));
+}
+
+void Collector::on_data(const std::string& body, const Received& from) {
+    const vcollect::FormFields form = vcollect::parse_form(body);
+    if (form.empty()) throw BadRequest("the body is not a form (expected data=... or conf=...)");
+    const std::string& field = form.front().first;
+    if (field != "data" && field != "conf")
+        throw BadRequest("unknown form field \"" + printable(field) + "\"");
+    std::string text;
+    if (!vcollect::decode_form_payload(form.front().second, text))
+        throw BadRequest(why_form_payload_fails(form.front().second));
+    if (field == "conf")
+        take_config(text, from);
+    else
+        take_record(text, from);
+}
+
+void Collector::on_file(const httplib::Request& req, const std::vector<vcollect::FormPart>& parts,
+                        const Received& from_request) {
+    if (!req.is_multipart_form_data()) throw BadRequest("expected a multipart/form-data upload");
+    const Upload up = decode_upload(parts);
+    Received from = from_request;
+    from.upload = up.name;
+    if (up.name == "log") return take_log(up.data, from);
+
+    size_t records = 0;
+    std::istringstream lines(up.data);
+    for (std::string line; std::getline(lines, line);)
+        if (!line.empty()) ++records;
+    say(clock_text(from.at) + " upload " + printable(up.name) + "  " + std::to_string(records) + " records");
+    lines.clear();
+    lines.seekg(0);
+    for (std::string line; std::getline(lines, line);)
+        if (!line.empty()) take_record(line, from);
+}
+
+void Collector::serve(const std::string& scheme, const httplib::Request& req, const std::string& body,
+                      const std::vector<vcollect::FormPart>& parts, httplib::Response& res) {
+    try {
+        Received from;
+        from.endpoint = req.path;
+        from.at = time(nullptr);
+        if (req.path == "/v1/conf") {
+            on_conf(body);
+            res.set_content(conf_reply_, "application/json");
+            return;
+        }
+        if (req.path == "/v1/data")
+            on_data(body, from);
+        else
+            on_file(req, parts, from);
+        res.set_content("{\"status\":0}", "application/json");
+    } catch (const BadRequest& e) {
+        reject(scheme, req, e.what(), res);
+    } catch (const std::exception& e) {
+        reject(scheme, req, std::string("cannot be read: ") + e.what(), res);
+    } catch (...) {
+        reject(scheme, req, "cannot be read", res);
+    }
+}
+
+void Collector::reject(const std::string& scheme, const httplib::Request& req, const std::string& why,
+                       httplib::Response& res, int status) {
+    {
+        std::lock_guard<std::mutex> hold(m_);
+        ++bad_requests_;
+        fprintf(stderr, "%s bad request: %s %s://127.0.0.1:%d%s from %s:%d: %s\n",
+                clock_text(time(nullptr)).c_str(), printable(req.method, 16).c_str(), scheme.c_str(),
+                req.local_port, printable(req.path, 100).c_str(), req.remote_addr.c_str(), req.remote_port,
+                why.c_str());
+        fflush(stderr);
+    }
+    res.status = status;
+    res.set_content("{\"status\":1,\"error\":" + quote(why) + "}", "application/json");
+}
+
+void Collector::count_request(const std::string& path) {
+    std::lock_guard<std::mutex> hold(m_);
+    ++requests_[path];
+}
+
+void Collector::print_summary() {
+    std::lock_guard<std::mutex> hold(m_);
+    long long total = 0;
+    for (const auto& k : kinds_) total += k.second;
+    printf("velto-collector: %lld records received\n", total);
+    for (const auto& k : kinds_) printf("  %-14s %lld\n", printable(k.first, 30).c_str(), k.second);
+    printf("  requests: %lld conf, %lld data, %lld file; %lld bad requests, %lld unreadable records\n",
+           requests_["/v1/conf"], requests_["/v1/data"], requests_["/v1/file"], bad_requests_,
+           invalid_records_);
+    fflush(stdout);
+}
+
+// ---- servers ----
+
+void install_routes(httplib::Server& server, Collector& collector, const std::string& scheme) {
+    server.set_payload_max_length(kMaxBody);
+    server.set_keep_alive_timeout(2);
+    for (const char* path : {"/v1/conf", "/v1/data", "/v1/file"}) {
+        server.Post(path, [&collector, scheme](const httplib::Request& req, httplib::Response& res,
+                                               const httplib::ContentReader& reader) {
+            collector.count_request(req.path);
+            std::string body;
+            std::vector<vcollect::FormPart> parts;
+            bool whole = false;
+            try {
+                if (req.is_multipart_form_data()) {
+                    whole = reader(
+                        [&](const httplib::MultipartFormData& f) {
+                            parts.push_back(vcollect::FormPart{f.name, f.filename, f.content_type, ""});
+                            return true;
+                        },
+                        [&](const char* data, size_t n) {
+                            if (!parts.empty()) parts.back().data.append(data, n);
+                            return true;
+                        });
+                } else {
+                    whole = reader([&](const char* data, size_t n) {
+                        body.append(data, n);
+                        return true;
+                    });
+                }
+            } catch (...) {
+                whole = false;
+            }
+            if (!whole)
+                collector.reject(scheme, req,
+                                 "the body could not be read (broken multipart form or cut short)", res);
+            else
+                collector.serve(scheme, req, body, parts, res);
+        });
+    }
+    // Anything else gets the same kind of JSON error, not httplib's empty 404.
+    auto unknown = [&collector, scheme](const httplib::Request& req, httplib::Response& res) {
+        collector.reject(scheme, req, "unknown path (the collector serves /v1/conf, /v1/data and /v1/file)",
+                         res, 404);
+    };
+    server.Get(".*", unknown);
+    server.Post(".*", unknown);
+    server.Put(".*", unknown);
+}
+
+// The HTTPS server on the pair in cert_dir; a missing or unusable pair is (re)made.
+std::unique_ptr<httplib::SSLServer> make_tls_server(const std::string& cert_dir) {
+    const std::string cert = cert_dir + "/cert.pem", key = cert_dir + "/key.pem";
+    std::error_code ec;
+    std::filesystem::create_directories(cert_dir, ec);
+    const bool had_pair = std::filesystem::exists(cert, ec) && std::filesystem::exists(key, ec);
+    if (had_pair) {
+        std::unique_ptr<httplib::SSLServer> server(new httplib::SSLServer(cert.c_str(), key.c_str()));
+        if (server->is_valid()) return server;
+        fprintf(stderr, "velto-collector: %s or %s is unusable; making a new pair\n", cert.c_str(),
+                key.c_str());
+    }
+    if (!vcollect::make_self_signed_cert(cert, key)) {
+        fprintf(stderr, "velto-collector: cannot write a certificate to %s\n", cert_dir.c_str());
+        return nullptr;
+    }
+    printf("velto-collector: made a self-signed certificate for 127.0.0.1 in %s\n", cert_dir.c_str());
+    std::unique_ptr<httplib::SSLServer> server(new httplib::SSLServer(cert.c_str(), key.c_str()));
+    return server->is_valid() ? std::move(server) : nullptr;
+}
+
+// ---- configuration ----
+
+std::string builtin_conf_reply(int https_port) {
+    return "{\"status\":0,\"conf\":{"
+           "\"CONF_URL\":\"https://127.0.0.1:" +
+           std::to_string(https_port) +
+           "\",\"ENABLE_HTTPS\":\"ON\",\"CONF_UPD_GAP\":1,\"COLLECT_ON\":\"ON\",\"COLLECT_WAY\":\"NOREAL\","
+           "\"SEND_ENDPOINTS\":\"ON\",\"SEND_BEGINPOINTS\":\"ON\",\"SEND_GAP\":1,\"SEND_NUM\":10,\"SEND_"
+           "SIZE\":16,"
+           "\"MAX_RESV_DAY\":7,\"MAX_FILE_SIZE\":2000,\"MAX_LOG_SIZE\":4000,\"LOGERR_SEND_LIM\":50,"
+           "\"SEND_LOG_ON\":\"OFF\",\"SEND_CUR_CONF\":\"OFF\",\"ZIP_DATA\":\"ON\",\"CON_TIMEOUT\":3000,"
+           "\"SESSION_TMOUT\":1800}}";
+}
+
+// The reply served from a file: a whole reply when it has a "status" member, else the "conf" object.
+bool conf_reply_from_file(const std::string& path, std::string& reply) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        fprintf(stderr, "velto-collector: cannot read %s\n", path.c_str());
+        return false;
+    }
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    std::string text = ss.str();
+    Velto::Util::trim(text);
+    if (text.size() < 2 || text.front() != '{' || text.back() != '}') {
+        fprintf(stderr, "velto-collector: %s does not hold a JSON object\n", path.c_str());
+        return false;
+    }
+    const bool whole = !Velto::Util::json_item(text, "status").empty();
+    reply = whole ? text : "{\"status\":0,\"conf\":" + text + "}";
+    Velto::StrMap items;
+    Velto::Util::json2map(whole ? Velto::Util::json_item(text, "conf") : text, items);
+    if (items.size() < 10)
+        fprintf(stderr,
+                "velto-collector: warning: %s gives %zu settings; the library ignores fewer than 10\n",
+                path.c_str(), items.size());
+    return true;
+}
+
+// ---- command line ----
+
+bool parse_port(const char* text, int& port) {
+    char* end = nullptr;
+    const long v = strtol(text, &end, 10);
+    if (end == text || *end != '\0' || v < 1 || v > 65535) return false;
+    port = static_cast<int>(v);
+    return true;
+}
+
+bool parse_args(int argc, char** argv, Options& opt) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string flag = argv[i];
+        if (flag == "--help" || flag == "-h") return false;
+        if (i + 1 >= argc) {
+            fprintf(stderr, "velto-collector: %s needs a value\n", flag.c_str());
+            return false;
+        }
+        const char* value = argv[++i];
+        bool ok = true;
+        if (flag == "--https-port")
+            ok = parse_port(value, opt.https_port);
+        else if (flag == "--http-port")
+            ok = parse_port(value, opt.http_port);
+        else if (flag == "--records")
+            opt.records = value;
+        else if (flag == "--cert-dir")
+            opt.cert_dir = value;
+        else if (flag == "--conf")
+            opt.conf = value;
+        else
+            ok = false;
+        if (!ok) {
+            fprintf(stderr, "velto-collector: bad option %s %s\n", flag.c_str(), value);
+            return false;
+        }
+    }
+    if (opt.https_port == 0 || opt.http_port == 0 || opt.records.empty() || opt.cert_dir.empty()) {
+        fprintf(stderr,
+                "velto-collector: --https-port, --http-port, --records and --cert-dir are required\n");
+        return false;
+    }
+    return true;
+}
+
+// Blocks the stop signals in every thread (the server threads inherit the mask) so that the main
+// thread alone takes them with sigwait.
+sigset_t block_stop_signals() {
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGINT);
+    sigaddset(&stop, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    return stop;
+}
+
+int run(const Options& opt) {
+    std::string conf_reply = builtin_conf_reply(opt.https_port);
+    if (!opt.conf.empty() && !conf_reply_from_file(opt.conf, conf_reply)) return 2;
+    FILE* records = fopen(opt.records.c_str(), "a");
+    if (!records) {
+        fprintf(stderr, "velto-collector: cannot open %s: %s\n", opt.records.c_str(), strerror(errno));
+        return 2;
+    }
+    const sigset_t stop = block_stop_signals();
+    Collector collector(records, conf_reply);
+    std::unique_ptr<httplib::SSLServer> tls = make_tls_server(opt.cert_dir);
+    httplib::Server plain;
+    if (!tls) return 1;
+    install_routes(*tls, collector, "https");
+    install_routes(plain, collector, "http");
+    if (!tls->bind_to_port("127.0.0.1", opt.https_port) || !plain.bind_to_port("127.0.0.1", opt.http_port)) {
+        fprintf(stderr, "velto-collector: cannot listen on 127.0.0.1:%d and 127.0.0.1:%d (in use?)\n",
+                opt.https_port, opt.http_port);
+        return 1;
+    }
+    std::thread tls_thread([&] { tls->listen_after_bind(); });
+    std::thread plain_thread([&] { plain.listen_after_bind(); });
+    // stop() acts only on a running listener: a signal that came early must still end both.
+    for (int i = 0; i < 5000 && !(tls->is_running() && plain.is_running()); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    printf("velto-collector: listening on https://127.0.0.1:%d and http://127.0.0.1:%d; records go to %s\n",
+           opt.https_port, opt.http_port, opt.records.c_str());
+    printf("velto-collector: serving %s configuration; stop with Ctrl-C\n",
+           opt.conf.empty() ? "the built-in" : opt.conf.c_str());
+    fflush(stdout);
+
+    int sig = 0;
+    sigwait(&stop, &sig);
+    tls->stop();
+    plain.stop();
+    tls_thread.join();
+    plain_thread.join();
+    collector.print_summary();
+    fclose(records);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options opt;
+    if (!parse_args(argc, argv, opt)) {
+        fputs(kUsage, stderr);
+        return 2;
+    }
+    try {
+        return run(opt);
+    } catch (const std::exception& e) {
+        fprintf(stderr, "velto-collector: %s\n", e.what());
+        return 1;
+    }
+}
