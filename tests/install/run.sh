@@ -12,9 +12,11 @@ libdir="$(ls -d "$work"/prefix/lib*/ | head -n 1)"
 
 cmake -S "$here" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
-LD_LIBRARY_PATH="$libdir" "$work/cmake-build/consumer" | grep -qx "api get: 7"
+out="$(LD_LIBRARY_PATH="$libdir" "$work/cmake-build/consumer")"
+[ "$out" = "api get: 7" ]
 
 cc "$here/consumer.c" -o "$work/consumer-pc" \
    $(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs velto)
-LD_LIBRARY_PATH="$libdir" "$work/consumer-pc" | grep -qx "api get: 7"
+out="$(LD_LIBRARY_PATH="$libdir" "$work/consumer-pc")"
+[ "$out" = "api get: 7" ]
 echo "consumer built and ran with find_package and with pkg-config"
