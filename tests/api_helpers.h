@@ -37,17 +37,16 @@ inline std::vector<std::string> drain() {
 // alone reads the pending queue. Whatever the thread had not taken is dropped.
 inline void park_background() {
     Velto::g_back_run.stop();
-    ASSERT_TRUE(vtest::wait_until([] { return Velto::g_back_run.stop_flag() == 0; }, 60000));
+    ASSERT_TRUE(vtest::wait_until([] { return Velto::g_back_run.stop_flag() == 0; }, 60000))
+        << vtest::read_file(Velto::Config::obj_->get_str("ROOT_DIR") + "sdk.log");
     Velto::g_back_run.set_running(1);
     drain();
 }
 
-// data_init (and data_base_info), then the queue belongs to the test.
-inline void start(const std::string& root, bool with_base_info = true) {
+// data_init and data_base_info, then the queue belongs to the test.
+inline void start(const std::string& root) {
     ASSERT_EQ(0, data_init(root.c_str(), "brand"));
-    if (with_base_info) {
-        ASSERT_EQ(0, give_base_info());
-    }
+    ASSERT_EQ(0, give_base_info());
     park_background();
 }
 

@@ -36,21 +36,12 @@ std::string sid_of_only_record() {
 TEST(Session, ForegroundIdleTimeout) {
     RUN_SCENARIO({
         apitest::start(root);
+        // The time-out in force: the built-in one, or the settings' once they are loaded and read.
+        ASSERT_EQ(0, data_screen("warm-up"));
+        drain();
         long long timeout = static_cast<long long>(Velto::g_session.timeout());
         EXPECT_TRUE(same_session_after(timeout));
         EXPECT_FALSE(same_session_after(timeout + 1));
-    });
-}
-
-TEST(Session, TimeoutFromSettings) {
-    RUN_SCENARIO({
-        apitest::start(root, false);
-        Velto::Config::obj_->set("SESSION_TMOUT", "60");
-        ASSERT_EQ(0, apitest::give_base_info());  // its record reads the time-out
-        drain();
-        EXPECT_EQ(60u, Velto::g_session.timeout());
-        EXPECT_TRUE(same_session_after(60));
-        EXPECT_FALSE(same_session_after(61));
     });
 }
 
