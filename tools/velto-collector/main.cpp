@@ -89,20 +89,36 @@ std::string quote(const std::string& s) {
     return out + "\"";
 }
 
-// Bytes shown in a terminal line: control bytes as \xNN, cut to a readable length.
+// Length of the valid UTF-8 sequence at s[i], 0 when there is none.
+size_t utf8_sequence(const std::string& s, size_t i) {
+    const unsigned char c = static_cast<unsigned char>(s[i]);
+    const size_t n = c >= 0xF0 && c <= 0xF4 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 && c < 0xE0 ? 2 : 0;
+    if (n == 0 || i + n > s.size()) return 0;
+    if (c == 0xC2 && static_cast<unsigned char>(s[i + 1]) < 0xA0) return 0;  // C1 control characters
+    for (size_t k = 1; k < n; ++k)
+        if ((static_cast<unsigned char>(s[i + k]) & 0xC0) != 0x80) return 0;
+    return n;
+}
+
+// Bytes shown in a terminal line: ASCII and valid UTF-8 as they are, every other byte as \xNN (so
+// that no input can send control sequences to the terminal), cut to a readable length.
 std::string printable(const std::string& s, size_t limit = kShownValueBytes) {
     std::string out;
-    for (size_t i = 0; i < s.size() && i < limit; ++i) {
-        unsigned char c = static_cast<unsigned char>(s[i]);
-        if (c < 0x20 || c == 0x7f) {
+    size_t i = 0;
+    while (i < s.size() && i < limit) {
+        const unsigned char c = static_cast<unsigned char>(s[i]);
+        const size_t n = c < 0x80 ? (c >= 0x20 && c != 0x7f) : utf8_sequence(s, i);
+        if (n == 0) {
             char buf[8];
             snprintf(buf, sizeof buf, "\\x%02x", c);
             out += buf;
+            ++i;
         } else {
-            out += static_cast<char>(c);
+            out.append(s, i, n);
+            i += n;
         }
     }
-    if (s.size() > limit) out += "...";
+    if (i < s.size()) out += "...";
     return out;
 }
 
@@ -429,8 +445,9 @@ void Collector::on_data(const std::string& body, const Received& from) {
     if (field != "data" && field != "conf")
         throw BadRequest("unknown form field \"" + printable(field) + "\"");
     std::string text;
-    if (!vcollect::decode_form_payload(form.front().second, text))
-        throw BadRequest(why_form_payload_fails(form.front().second));
+    const std::string& payload = form.front().second;
+    if (!is_base64_text(payload) || !vcollect::decode_form_payload(payload, text))
+        throw BadRequest(why_form_payload_fails(payload));
     if (field == "conf")
         take_config(text, from);
     else
