@@ -106,33 +106,21 @@ int run_decode(const std::string& path, const std::string& scratch, std::string&
     return rc;
 }
 
-// A configuration file that keeps records in "sdk.msg" (high thresholds) and sends to url.
-void write_conf(const std::string& root, const std::string& url, bool send_points, bool zip = true) {
+// A configuration file that sends to url and otherwise keeps records in "sdk.msg" (high thresholds,
+// no uploads at start or stop); changes overrides those settings.
+void write_conf(const std::string& root, const std::string& url, const StrMap& changes = {}) {
     const std::string now = Velto::Util::ltoa(time(nullptr));
-    const StrMap conf = {
-        {"CONF_UPD_TIME", now},
-        {"CONF_UPD_GAP", "24"},
-        {"COLLECT_ON", "ON"},
-        {"COLLECT_WAY", "NOREAL"},
-        {"SEND_GAP", "10000"},
-        {"SEND_NUM", "99999"},
-        {"SEND_SIZE", "20000"},
-        {"MAX_RESV_DAY", "7"},
-        {"MAX_FILE_SIZE", "2000"},
-        {"MAX_LOG_SIZE", "4000"},
-        {"LOGERR_SEND_LIM", "50"},
-        {"LOGERR_NUM", "0"},
-        {"SEND_LOG_ON", "OFF"},
-        {"SEND_CUR_CONF", "OFF"},
-        {"ZIP_DATA", zip ? "ON" : "OFF"},
-        {"CON_TIMEOUT", "3000"},
-        {"LAST_SEND", now},
-        {"CONF_URL", url},
-        {"ENABLE_HTTPS", "ON"},
-        {"SESSION_TMOUT", "1800"},
-        {"SEND_BEGINPOINTS", send_points ? "ON" : "OFF"},
-        {"SEND_ENDPOINTS", send_points ? "ON" : "OFF"},
+    StrMap conf = {
+        {"CONF_UPD_TIME", now},    {"CONF_UPD_GAP", "24"},    {"COLLECT_ON", "ON"},
+        {"COLLECT_WAY", "NOREAL"}, {"SEND_GAP", "10000"},     {"SEND_NUM", "99999"},
+        {"SEND_SIZE", "20000"},    {"MAX_RESV_DAY", "7"},     {"MAX_FILE_SIZE", "2000"},
+        {"MAX_LOG_SIZE", "4000"},  {"LOGERR_SEND_LIM", "50"}, {"LOGERR_NUM", "0"},
+        {"SEND_LOG_ON", "OFF"},    {"SEND_CUR_CONF", "OFF"},  {"ZIP_DATA", "ON"},
+        {"CON_TIMEOUT", "3000"},   {"LAST_SEND", now},        {"CONF_URL", url},
+        {"ENABLE_HTTPS", "ON"},    {"SESSION_TMOUT", "1800"}, {"SEND_BEGINPOINTS", "OFF"},
+        {"SEND_ENDPOINTS", "OFF"},
     };
+    for (const auto& c : changes) conf[c.first] = c.second;
     vtest::write_file(root + "/sdk.cf", fencode(Velto::Util::to_json(conf)));
 }
 
@@ -158,7 +146,7 @@ std::string msg_line(long long time, const std::string& record) {
 
 TEST(VeltoDecode, ShowsRecordsAndConfigurationTheLibraryLeft) {
     RUN_SCENARIO({
-        write_conf(root, "http://127.0.0.1:1", false);
+        write_conf(root, "http://127.0.0.1:1");
         record_session(root, "kept");
         std::string out;
         ASSERT_EQ(0, run_decode(root, root, out));
@@ -352,9 +340,15 @@ std::string file_payload(uint32_t length, const std::string& plain) {
 
 TEST_F(CollectorTest, TakesTheLibrarysUploadsOverHttpAndHttps) {
     start();
-    // Plain http://, set by the configuration file; records travel uncompressed.
+    // Plain http://, set by the configuration file; records travel uncompressed, and the library
+    // also reports its configuration.
+    const std::string plain_url = http("");
     RUN_SCENARIO({
-        write_conf(root, http(""), true, false);
+        write_conf(root, plain_url,
+                   {{"SEND_BEGINPOINTS", "ON"},
+                    {"SEND_ENDPOINTS", "ON"},
+                    {"ZIP_DATA", "OFF"},
+                    {"SEND_CUR_CONF", "ON"}});
         record_session(root, "plain");
     });
     // https://: the configuration comes from the collector itself and points the uploads at it.
@@ -374,14 +368,17 @@ TEST_F(CollectorTest, TakesTheLibrarysUploadsOverHttpAndHttps) {
         EXPECT_TRUE(wait_for_records({"\"endpoint\":\"/v1/file\"", "\"category\":\"export-" + t}, 1));
     }
     EXPECT_TRUE(wait_for_records({"\"endpoint\":\"/v1/data\",\"record\":{", "\"dtype\":\"init\""}, 2));
+    EXPECT_TRUE(
+        wait_for_records({"\"endpoint\":\"/v1/data\",\"config\":{", "\"CONF_URL\":\"" + plain_url}, 1));
     const std::vector<std::string> lines = records();
-    EXPECT_EQ(8u, lines.size());
+    EXPECT_EQ(9u, lines.size());
     for (const std::string& line : lines) {
-        const size_t at = line.find("\"record\":");
+        // {"received":T,"endpoint":E[,"upload":U],"record"|"config":{flat object}}
+        EXPECT_EQ(0u, line.find("{\"received\":")) << line;
+        const size_t at = line.find("\":{\"");
         ASSERT_NE(std::string::npos, at) << line;
         StrMap rec;
-        EXPECT_TRUE(apitest::parse_record(line.substr(at + 9, line.size() - at - 10), rec)) << line;
-        EXPECT_EQ(0u, line.find("{\"received\":")) << line;
+        EXPECT_TRUE(apitest::parse_record(line.substr(at + 2, line.size() - at - 3), rec)) << line;
     }
 
     EXPECT_EQ(0, stop());
@@ -436,6 +433,12 @@ TEST_F(CollectorTest, AnswersBadRequestsWith400AndKeepsServing) {
     // Still serving, on both ports.
     EXPECT_EQ("{\"status\":0}",
               post(https("/v1/data"), kForm, "data=" + Velto::UrlEncode(fencode(record))).body);
+    const std::string log = "[2024-01-01 10:00:00] [WARN] - (12) \"quoted\"\n";
+    EXPECT_EQ("{\"status\":0}", post(http("/v1/file"), kMultipart,
+                                     multipart({{"sdk_log", "log"}, {"file", file_payload(log.size(), log)}}))
+                                    .body);
+    EXPECT_EQ(1u, count_with(records(), {"\"upload\":\"log\",\"log\":\"[2024-01-01 10:00:00] [WARN] - (12) "
+                                         "\\\"quoted\\\"\\n\"}"}));
     const std::string batch = record + "\nnot json\n";
     EXPECT_EQ("{\"status\":0}",
               post(http("/v1/file"), kMultipart,

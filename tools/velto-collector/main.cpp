@@ -20,6 +20,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <sstream>
 #include <stdexcept>
@@ -349,6 +350,92 @@ struct Received {
     long long at = 0;
 };
 
+// What one request produces, gathered first and published in one piece, so that the lines of
+// concurrent uploads do not interleave.
+struct Output {
+    std::string shown;     // readable lines for stdout
+    std::string warnings;  // lines for stderr
+    std::string json;      // lines for the records file
+    std::map<std::string, long long> kinds;
+    long long unreadable = 0;
+
+    void show(const std::string& line) { shown += line + "\n"; }
+    void add_json(const Received& from, const std::string& member) {
+        json += "{\"received\":" + std::to_string(from.at) + ",\"endpoint\":" + quote(from.endpoint);
+        if (!from.upload.empty()) json += ",\"upload\":" + quote(from.upload);
+        json += "," + member + "}\n";
+    }
+};
+
+void take_record(const std::string& text, const Received& from, Output& out) {
+    Members rec;
+    if (!FlatObjectReader(text).read(rec)) {
+        ++out.unreadable;
+        out.warnings += clock_text(from.at) + " " + from.endpoint +
+                        ": a record that is not a flat JSON object: " + printable(text, 200) + "\n";
+        out.add_json(from, "\"invalid\":" + quote(text));
+        return;
+    }
+    const std::string* kind = member(rec, "dtype");
+    ++out.kinds[kind ? *kind : "(no dtype)"];
+    out.show(readable_line(rec, from.at));
+    out.add_json(from, "\"record\":" + text);
+}
+
+// The library's current configuration, sent when it is asked to report it.
+void take_config(const std::string& text, const Received& from, Output& out) {
+    Members conf;
+    const bool flat = FlatObjectReader(text).read(conf);
+    out.show(clock_text(from.at) + " config  " + std::to_string(conf.size()) + " settings from the library");
+    out.add_json(from, flat ? "\"config\":" + text : "\"config_text\":" + quote(text));
+}
+
+void take_log(const std::string& text, const Received& from, Output& out) {
+    out.show(clock_text(from.at) + " log upload  " + std::to_string(text.size()) +
+             " bytes of the library's log");
+    out.add_json(from, "\"log\":" + quote(text));
+}
+
+void take_conf_request(const std::string& body, const Received& from, Output& out) {
+    const vcollect::FormFields form = vcollect::parse_form(body);
+    out.show(clock_text(from.at) + " conf request  brand=" + printable(vcollect::form_value(form, "brand")) +
+             "  pver=" + printable(vcollect::form_value(form, "pver")) +
+             "  client_sign=" + printable(vcollect::form_value(form, "client_sign")));
+}
+
+void take_data(const std::string& body, const Received& from, Output& out) {
+    const vcollect::FormFields form = vcollect::parse_form(body);
+    if (form.empty()) throw BadRequest("the body is not a form (expected data=... or conf=...)");
+    const std::string& field = form.front().first;
+    if (field != "data" && field != "conf")
+        throw BadRequest("unknown form field \"" + printable(field) + "\"");
+    std::string text;
+    const std::string& payload = form.front().second;
+    if (!is_base64_text(payload) || !vcollect::decode_form_payload(payload, text))
+        throw BadRequest(why_form_payload_fails(payload));
+    if (field == "conf")
+        take_config(text, from, out);
+    else
+        take_record(text, from, out);
+}
+
+void take_file(const httplib::Request& req, const std::vector<vcollect::FormPart>& parts,
+               const Received& from_request, Output& out) {
+    if (!req.is_multipart_form_data()) throw BadRequest("expected a multipart/form-data upload");
+    const Upload up = decode_upload(parts);
+    Received from = from_request;
+    from.upload = up.name;
+    if (up.name == "log") return take_log(up.data, from, out);
+
+    std::vector<std::string> lines;
+    std::istringstream in(up.data);
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty()) lines.push_back(line);
+    out.show(clock_text(from.at) + " upload " + printable(up.name) + "  " + std::to_string(lines.size()) +
+             " records");
+    for (const std::string& line : lines) take_record(line, from, out);
+}
+
 class Collector {
   public:
     Collector(FILE* records, std::string conf_reply)
@@ -363,114 +450,27 @@ class Collector {
     void print_summary();
 
   private:
-    void on_conf(const std::string& body);
-    void on_data(const std::string& body, const Received& from);
-    void on_file(const httplib::Request& req, const std::vector<vcollect::FormPart>& parts,
-                 const Received& from);
+    void publish(const Output& out);
 
-    void take_record(const std::string& text, const Received& from);
-    void take_config(const std::string& text, const Received& from);
-    void take_log(const std::string& text, const Received& from);
-    void say(const std::string& line);
-    void append_json(const Received& from, const std::string& rest);
-
-    std::mutex m_;  // guards everything below and the two output streams
+    std::mutex m_;  // guards everything below and the three output streams
     FILE* records_;
     const std::string conf_reply_;
     std::map<std::string, long long> kinds_;
     std::map<std::string, long long> requests_;
     long long bad_requests_ = 0;
-    long long invalid_records_ = 0;
+    long long unreadable_ = 0;
 };
 
-void Collector::say(const std::string& line) {
+void Collector::publish(const Output& out) {
     std::lock_guard<std::mutex> hold(m_);
-    fputs((line + "\n").c_str(), stdout);
-    fflush(stdout);
-}
-
-void Collector::append_json(const Received& from, const std::string& rest) {
-    std::string line = "{\"received\":" + std::to_string(from.at) + ",\"endpoint\":" + quote(from.endpoint);
-    if (!from.upload.empty()) line += ",\"upload\":" + quote(from.upload);
-    line += "," + rest + "}\n";
-    std::lock_guard<std::mutex> hold(m_);
-    fwrite(line.data(), 1, line.size(), records_);
+    for (const auto& k : out.kinds) kinds_[k.first] += k.second;
+    unreadable_ += out.unreadable;
+    fwrite(out.json.data(), 1, out.json.size(), records_);
     fflush(records_);
-}
-
-void Collector::take_record(const std::string& text, const Received& from) {
-    Members rec;
-    if (!FlatObjectReader(text).read(rec)) {
-        {
-            std::lock_guard<std::mutex> hold(m_);
-            ++invalid_records_;
-        }
-        fprintf(stderr, "%s %s: a record that is not a flat JSON object: %s\n", clock_text(from.at).c_str(),
-                from.endpoint.c_str(), printable(text, 200).c_str());
-        append_json(from, "\"invalid\":" + quote(text));
-        return;
-    }
-    const std::string* kind = member(rec, "dtype");
-    {
-        std::lock_guard<std::mutex> hold(m_);
-        ++kinds_[kind ? *kind : "(no dtype)"];
-    }
-    say(readable_line(rec, from.at));
-    append_json(from, "\"record\":" + text);
-}
-
-void Collector::take_config(const std::string& text, const Received& from) {
-    Members conf;
-    const bool flat = FlatObjectReader(text).read(conf);
-    say(clock_text(from.at) + " config  " + std::to_string(conf.size()) + " settings from the library");
-    append_json(from, flat ? "\"config\":" + text : "\"config_text\":" + quote(text));
-}
-
-void Collector::take_log(const std::string& text, const Received& from) {
-    say(clock_text(from.at) + " log upload  " + std::to_string(text.size()) + " bytes of the library's log");
-    append_json(from, "\"log\":" + quote(text));
-}
-
-void Collector::on_conf(const std::string& body) {
-    const vcollect::FormFields form = vcollect::parse_form(body);
-    say(clock_text(time(nullptr)) + " conf request  brand=" + printable(vcollect::form_value(form, "brand")) +
-        "  pver=" + printable(vcollect::form_value(form, "pver")) +
-        "  client_sign=" + printable(vcollect::form_value(form, "client_sign")));
-}
-
-void Collector::on_data(const std::string& body, const Received& from) {
-    const vcollect::FormFields form = vcollect::parse_form(body);
-    if (form.empty()) throw BadRequest("the body is not a form (expected data=... or conf=...)");
-    const std::string& field = form.front().first;
-    if (field != "data" && field != "conf")
-        throw BadRequest("unknown form field \"" + printable(field) + "\"");
-    std::string text;
-    const std::string& payload = form.front().second;
-    if (!is_base64_text(payload) || !vcollect::decode_form_payload(payload, text))
-        throw BadRequest(why_form_payload_fails(payload));
-    if (field == "conf")
-        take_config(text, from);
-    else
-        take_record(text, from);
-}
-
-void Collector::on_file(const httplib::Request& req, const std::vector<vcollect::FormPart>& parts,
-                        const Received& from_request) {
-    if (!req.is_multipart_form_data()) throw BadRequest("expected a multipart/form-data upload");
-    const Upload up = decode_upload(parts);
-    Received from = from_request;
-    from.upload = up.name;
-    if (up.name == "log") return take_log(up.data, from);
-
-    size_t records = 0;
-    std::istringstream lines(up.data);
-    for (std::string line; std::getline(lines, line);)
-        if (!line.empty()) ++records;
-    say(clock_text(from.at) + " upload " + printable(up.name) + "  " + std::to_string(records) + " records");
-    lines.clear();
-    lines.seekg(0);
-    for (std::string line; std::getline(lines, line);)
-        if (!line.empty()) take_record(line, from);
+    fputs(out.shown.c_str(), stdout);
+    fflush(stdout);
+    fputs(out.warnings.c_str(), stderr);
+    fflush(stderr);
 }
 
 void Collector::serve(const std::string& scheme, const httplib::Request& req, const std::string& body,
@@ -479,16 +479,15 @@ void Collector::serve(const std::string& scheme, const httplib::Request& req, co
         Received from;
         from.endpoint = req.path;
         from.at = time(nullptr);
-        if (req.path == "/v1/conf") {
-            on_conf(body);
-            res.set_content(conf_reply_, "application/json");
-            return;
-        }
-        if (req.path == "/v1/data")
-            on_data(body, from);
+        Output out;
+        if (req.path == "/v1/conf")
+            take_conf_request(body, from, out);
+        else if (req.path == "/v1/data")
+            take_data(body, from, out);
         else
-            on_file(req, parts, from);
-        res.set_content("{\"status\":0}", "application/json");
+            take_file(req, parts, from, out);
+        publish(out);
+        res.set_content(req.path == "/v1/conf" ? conf_reply_ : "{\"status\":0}", "application/json");
     } catch (const BadRequest& e) {
         reject(scheme, req, e.what(), res);
     } catch (const std::exception& e) {
@@ -525,8 +524,7 @@ void Collector::print_summary() {
     printf("velto-collector: %lld records received\n", total);
     for (const auto& k : kinds_) printf("  %-14s %lld\n", printable(k.first, 30).c_str(), k.second);
     printf("  requests: %lld conf, %lld data, %lld file; %lld bad requests, %lld unreadable records\n",
-           requests_["/v1/conf"], requests_["/v1/data"], requests_["/v1/file"], bad_requests_,
-           invalid_records_);
+           requests_["/v1/conf"], requests_["/v1/data"], requests_["/v1/file"], bad_requests_, unreadable_);
     fflush(stdout);
 }
 
@@ -700,13 +698,13 @@ sigset_t block_stop_signals() {
 int run(const Options& opt) {
     std::string conf_reply = builtin_conf_reply(opt.https_port);
     if (!opt.conf.empty() && !conf_reply_from_file(opt.conf, conf_reply)) return 2;
-    FILE* records = fopen(opt.records.c_str(), "a");
+    std::unique_ptr<FILE, int (*)(FILE*)> records(fopen(opt.records.c_str(), "a"), &fclose);
     if (!records) {
         fprintf(stderr, "velto-collector: cannot open %s: %s\n", opt.records.c_str(), strerror(errno));
         return 2;
     }
     const sigset_t stop = block_stop_signals();
-    Collector collector(records, conf_reply);
+    Collector collector(records.get(), conf_reply);
     std::unique_ptr<httplib::SSLServer> tls = make_tls_server(opt.cert_dir);
     httplib::Server plain;
     if (!tls) return 1;
@@ -735,7 +733,6 @@ int run(const Options& opt) {
     tls_thread.join();
     plain_thread.join();
     collector.print_summary();
-    fclose(records);
     return 0;
 }
 
