@@ -31,9 +31,17 @@ echo "== starting velto-collector on https://127.0.0.1:$HTTPS_PORT and http://12
     --records "$work/records.jsonl" --cert-dir "$work/cert" &
 collector_pid=$!
 for _ in $(seq 1 100); do
+  kill -0 "$collector_pid" 2>/dev/null || break
   (exec 3<>"/dev/tcp/127.0.0.1/$HTTPS_PORT") 2>/dev/null && break
   sleep 0.1
 done
+sleep 0.2
+if ! kill -0 "$collector_pid" 2>/dev/null; then
+  collector_pid=""
+  echo "velto-collector did not start: is port $HTTPS_PORT or $HTTP_PORT in use?" \
+       "(VELTO_DEMO_HTTPS_PORT and VELTO_DEMO_HTTP_PORT choose others)" >&2
+  exit 1
+fi
 
 echo "== running the demo host"
 "$build/examples/velto-demo" "$work/root"
@@ -45,4 +53,6 @@ echo "== stopping the collector"
 kill -INT "$collector_pid"
 wait "$collector_pid" || true
 collector_pid=""
-echo "== $(wc -l < "$work/records.jsonl") records arrived (one JSON object per line in records.jsonl)"
+cp "$work/records.jsonl" "$build/records.jsonl"
+echo "== $(wc -l < "$build/records.jsonl") records arrived, one JSON object per line in $build/records.jsonl"
+echo "   (for example: grep screenview $build/records.jsonl, or jq -c .record $build/records.jsonl)"

@@ -598,6 +598,12 @@ std::unique_ptr<httplib::SSLServer> make_tls_server(const std::string& cert_dir)
     return server->is_valid() ? std::move(server) : nullptr;
 }
 
+bool bind_loopback(httplib::Server& server, int port) {
+    if (server.bind_to_port("127.0.0.1", port)) return true;
+    fprintf(stderr, "velto-collector: cannot listen on 127.0.0.1:%d (in use?)\n", port);
+    return false;
+}
+
 // ---- configuration ----
 
 std::string builtin_conf_reply(int https_port) {
@@ -691,6 +697,10 @@ sigset_t block_stop_signals() {
     sigaddset(&stop, SIGINT);
     sigaddset(&stop, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+    // A shell without job control starts background commands with SIGINT ignored; run.sh stops the
+    // collector with it all the same.
+    signal(SIGINT, SIG_DFL);
+    signal(SIGTERM, SIG_DFL);
     signal(SIGPIPE, SIG_IGN);
     return stop;
 }
@@ -710,11 +720,7 @@ int run(const Options& opt) {
     if (!tls) return 1;
     install_routes(*tls, collector, "https");
     install_routes(plain, collector, "http");
-    if (!tls->bind_to_port("127.0.0.1", opt.https_port) || !plain.bind_to_port("127.0.0.1", opt.http_port)) {
-        fprintf(stderr, "velto-collector: cannot listen on 127.0.0.1:%d and 127.0.0.1:%d (in use?)\n",
-                opt.https_port, opt.http_port);
-        return 1;
-    }
+    if (!bind_loopback(*tls, opt.https_port) || !bind_loopback(plain, opt.http_port)) return 1;
     std::thread tls_thread([&] { tls->listen_after_bind(); });
     std::thread plain_thread([&] { plain.listen_after_bind(); });
     // stop() acts only on a running listener: a signal that came early must still end both.
