@@ -31,6 +31,7 @@ int main(int argc, char** argv) {
         fprintf(stderr, "usage: velto-demo ROOT_DIR\n");
         return 2;
     }
+    setvbuf(stdout, nullptr, _IOLBF, 0);  // keep our lines in order with the collector's
     std::string root = argv[1];
     mkdir(root.c_str(), 0755);
     printf("host: recording into %s\n", root.c_str());
