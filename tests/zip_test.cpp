@@ -133,8 +133,7 @@ TEST(Zip, Base64KnownAnswers) {
                                                        {"foo", "Zm9v"},        {"foob", "Zm9vYg=="},
                                                        {"foobar", "Zm9vYmFy"}, {"", ""}};
     for (const auto& c : rfc) {
-        if (!c.first.empty())
-            EXPECT_EQ(c.second, Velto::base64_encode(uc(c.first), unsigned(c.first.size())));
+        EXPECT_EQ(c.second, Velto::base64_encode(uc(c.first), unsigned(c.first.size())));
         unsigned char out[8] = {0};
         ASSERT_EQ(int(c.first.size()), Velto::base64_decode(c.second.c_str(), out)) << c.second;
         EXPECT_EQ(c.first, std::string(reinterpret_cast<char*>(out), c.first.size()));
