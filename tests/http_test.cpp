@@ -5,16 +5,14 @@
 #include "transport_fixture.h"
 
 using transporttest::bounded;
+using transporttest::kFormType;
+using transporttest::raw_head;
 using transporttest::TransportTest;
 using vcollect::RawMode;
 using vcollect::RawServer;
 using vcollect::TlsServer;
 
 namespace {
-
-const std::string kHeadTail =
-    "User-Agent:Mozilla/5.0 (compatible; MSIE 9.0; Windows NT 6.1; Trident/5.0)\r\n";
-const std::string kAccept = "Accept:text/html,application/xhtml+xml,*/*\r\nConnection:close\r\n";
 
 Velto::RequestParam post_param(const char* body, int len, const char* header = nullptr) {
     Velto::RequestParam p;
@@ -80,16 +78,11 @@ TEST(FormEncoding, EncodeAndDecode) {
         EXPECT_EQ(e.second, Velto::UrlEncode(e.first));
         EXPECT_EQ(e.first, Velto::UrlDecode(e.second));
     }
-    // A "%" without two characters after it, and characters that are not hexadecimal digits, no
-    // longer stop the process: the first is copied through, the second count as 0.
+    // A "%" without two characters after it is copied through; letters past F count above 15, other
+    // characters that are not hexadecimal digits as 0.
     const std::pair<std::string, std::string> decoded[] = {
         {"%", "%"}, {"a%4", "a%4"}, {"%4a%4A", "JJ"}, {"%!1", "\x01"}, {"%G0", std::string(1, '\0')}};
     for (const auto& d : decoded) EXPECT_EQ(d.second, Velto::UrlDecode(d.first)) << d.first;
-    EXPECT_EQ('0', Velto::ToHex(0));
-    EXPECT_EQ('F', Velto::ToHex(15));
-    EXPECT_EQ(15, Velto::FromHex('f'));
-    EXPECT_EQ(16, Velto::FromHex('G'));
-    EXPECT_EQ(0, Velto::FromHex('#'));
 }
 
 TEST_F(TransportTest, RawClientSendsTheExactHeadAndBody) {
@@ -109,39 +102,39 @@ TEST_F(TransportTest, RawClientSendsTheExactHeadAndBody) {
 
     const auto reqs = srv.requests();
     ASSERT_EQ(4u, reqs.size());
-    const std::string host = "host:127.0.0.1\r\n";
-    EXPECT_EQ("POST /v1/data?x=1 HTTP/1.1\r\n" + host + kHeadTail +
-                  "Content-Type:application/x-www-form-urlencoded\r\n" + kAccept +
-                  "Content-Length:3\r\n\r\na=1",
-              reqs[0].bytes());
-    EXPECT_EQ("POST / HTTP/1.1\r\n" + host + kHeadTail + "Content-Type:text/plain\r\n" + kAccept +
-                  "Content-Length:3\r\n\r\n" + std::string(binary, 3),
-              reqs[1].bytes());
-    EXPECT_EQ("GET /g HTTP/1.1\r\n" + host + kHeadTail +
-                  "Content-Type:application/x-www-form-urlencoded\r\n" + kAccept + "Content-Length:0\r\n\r\n",
-              reqs[2].bytes());
-    EXPECT_EQ("GET / HTTP/1.1\r\n" + host + kHeadTail + "Content-Type:application/x-www-form-urlencoded\r\n" +
-                  kAccept + "\r\n",
-              reqs[3].bytes());
+    EXPECT_EQ(raw_head("POST /v1/data?x=1", kFormType, 3) + "a=1", reqs[0].bytes());
+    EXPECT_EQ(raw_head("POST /", "Content-Type:text/plain\r\n", 3) + std::string(binary, 3), reqs[1].bytes());
+    EXPECT_EQ(raw_head("GET /g", kFormType, 0), reqs[2].bytes());
+    EXPECT_EQ(raw_head("GET /", kFormType, -1), reqs[3].bytes());
 }
 
-TEST_F(TransportTest, RawClientTimeoutsAreBounded) {
-    struct {
-        RawMode mode;
-        const char* log;
-    } cases[] = {{RawMode::kSilent, "recv timeout! error: "},
-                 {RawMode::kReplyKeepOpen, "recv timeout! error: "}};
-    for (const auto& c : cases) {
-        RawServer srv(c.mode);
-        Velto::RequestParam p = post_param("a=1", 3);
-        std::string reply;
-        EXPECT_FALSE(bounded([&] { return Velto::http_client(srv.url().c_str(), reply, &p); }));
-        EXPECT_TRUE(logged(c.log));
-    }
+// A server that accepts and never answers, one that answers but keeps the connection open, and a
+// port where nothing listens: every call fails within CON_TIMEOUT (1 s here).
+TEST_F(TransportTest, NoReplyFailsWithinTheTimeout) {
+    RawServer silent(RawMode::kSilent), open(RawMode::kReplyKeepOpen);
+    const std::string closed = "127.0.0.1:" + std::to_string(closed_port()) + "/v1/data";
     Velto::RequestParam p = post_param("a=1", 3);
-    std::string reply;
-    const std::string url = "http://127.0.0.1:" + std::to_string(closed_port());
-    EXPECT_FALSE(bounded([&] { return Velto::http_client(url.c_str(), reply, &p); }));
+    const std::pair<std::string, bool> cases[] = {
+        {silent.url(), true}, {open.url(), true}, {"http://" + closed, false}};  // logs a recv time-out
+    for (const auto& c : cases) {
+        const size_t before = log_text().size();
+        std::string reply;
+        EXPECT_FALSE(bounded([&] { return Velto::http_client(c.first.c_str(), reply, &p); })) << c.first;
+        EXPECT_EQ(c.second, log_text().find("recv timeout! error: ", before) != std::string::npos) << c.first;
+    }
+
+    const std::string url = "http://" + closed;
+    EXPECT_EQ(205, bounded([&] { return Velto::send_msg("{}x", silent.url().c_str(), "data"); }));
+    EXPECT_EQ(205, bounded([&] { return Velto::send_msg("{}x", url.c_str(), "data"); }));
+    EXPECT_TRUE(logged("msg http_client ret: 0"));
+    EXPECT_EQ(205, bounded([&] { return Velto::send_file("{}x", url.c_str(), "a.log"); }));
+    EXPECT_TRUE(logged("file http_client ret: 0"));
+    EXPECT_EQ("", bounded([&] { return Velto::send_msg_res("{}x", url.c_str(), "conf"); }));
+
+    EXPECT_EQ("", bounded([&] { return Velto::curl_http_post("https://" + closed, p, 1); }));
+    EXPECT_EQ("", bounded([&] { return Velto::curl_http_get("https://" + closed, p); }));
+    EXPECT_TRUE(logged("curl_easy_perform() failed: "));
+    EXPECT_TRUE(logged("curl_easy_perform failed: "));
 }
 
 TEST_F(TransportTest, HostileRepliesGiveAResultNotACrash) {
@@ -189,15 +182,6 @@ TEST_F(TransportTest, CurlModesReachTheHttpsServer) {
     EXPECT_EQ("reqformat", reqs[1].parts[0].name);
     EXPECT_EQ("plain", reqs[1].parts[0].data);
     EXPECT_EQ("GET", reqs[2].method);
-}
-
-TEST_F(TransportTest, CurlFailureIsLoggedAndEmpty) {
-    Velto::RequestParam p = post_param("a=1", 3);
-    const std::string url = "https://127.0.0.1:" + std::to_string(closed_port()) + "/v1/data";
-    EXPECT_EQ("", bounded([&] { return Velto::curl_http_post(url, p, 1); }));
-    EXPECT_EQ("", bounded([&] { return Velto::curl_http_get(url, p); }));
-    EXPECT_TRUE(logged("curl_easy_perform() failed: "));
-    EXPECT_TRUE(logged("curl_easy_perform failed: "));
 }
 
 TEST(CurlCallbacks, WriteCallbackStopsAtZeroAndAtTheChunkEnd) {

@@ -45,6 +45,17 @@ auto bounded(F fn, int seconds = 20) -> decltype(fn()) {
     return result.get();
 }
 
+const char kFormType[] = "Content-Type:application/x-www-form-urlencoded\r\n";
+
+// The head the raw-socket client writes: request line, fixed header lines, the Content-Type line
+// given, and Content-Length unless `length` is negative.
+inline std::string raw_head(const std::string& request_line, const std::string& type, long length) {
+    return request_line + " HTTP/1.1\r\nhost:127.0.0.1\r\n" +
+           "User-Agent:Mozilla/5.0 (compatible; MSIE 9.0; Windows NT 6.1; Trident/5.0)\r\n" + type +
+           "Accept:text/html,application/xhtml+xml,*/*\r\nConnection:close\r\n" +
+           (length < 0 ? "" : "Content-Length:" + std::to_string(length) + "\r\n") + "\r\n";
+}
+
 class TransportTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -54,16 +65,12 @@ class TransportTest : public ::testing::Test {
         Velto::Config::obj_->load_default();
         Velto::Config::obj_->set("CON_TIMEOUT", 1000);
         Velto::Config::obj_->set("tid", kTid);
-        static const char* const kBase[][2] = {
-            {"procname", kProcName}, {"did", kDid},
-            {"uid", "u1"},           {"pid", "42"},
-            {"pver", "2.0"},         {"BRAND", "Brand"},
-            {"modver", "1.1.1"},     {"plang", "en"},
-            {"ostype", "linux"},     {"osver", "6.1"},
-            {"osbit", "64"},         {"oslang", "en-US"},
-            {"oszone", "1"},         {"tinstall", "1600000000"},
-        };
-        for (const auto& f : kBase) Velto::g_base_info.set(f[0], f[1]);
+        const char* const base[] = {
+            "procname", kProcName, "did",    kDid,    "uid",    "u1", "pid",      "42",        "pver",  "2.0",
+            "BRAND",    "Brand",   "modver", "1.1.1", "plang",  "en", "ostype",   "linux",     "osver", "6.1",
+            "osbit",    "64",      "oslang", "en-US", "oszone", "1",  "tinstall", "1600000000"};
+        for (size_t i = 0; i < sizeof base / sizeof *base; i += 2)
+            Velto::g_base_info.set(base[i], base[i + 1]);
     }
 
     void zip(bool on) { Velto::Config::obj_->set("ZIP_DATA", on ? "ON" : "OFF"); }
