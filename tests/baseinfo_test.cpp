@@ -40,13 +40,8 @@ TEST(BaseInfo, QueuesOneInitRecord) {
         base["sid"] = rec["sid"];
         base["ostime"] = rec["ostime"];
         EXPECT_EQ(base, rec);
-        expect_fields({{"tid", "a\\/b"},
-                       {"pid", "-7"},
-                       {"oszone", "-60"},
-                       {"osbit", "32"},
-                       {"tinstall", "1700000000"},
-                       {"psource", ""},
-                       {"uid", ""}});
+        expect_fields({{"tid", "a\\/b"}, {"pid", "-7"}, {"oszone", "-60"}, {"osbit", "32"}});
+        expect_fields({{"tinstall", "1700000000"}, {"psource", ""}, {"uid", ""}});
     });
 }
 
@@ -56,8 +51,8 @@ TEST(BaseInfo, RefusedArgumentsAndPartialUpdate) {
         const std::string s65(65, 'x');
         for (int arg = 0; arg < 7; ++arg) {
             for (const char* bad : {static_cast<const char*>(nullptr), "", s65.c_str()}) {
-                const char* t[7] = {"t", "p", "u", "l",
-                                    "o", "v", "l"};  // tid pver uip plang ostype osver oslang
+                // tid pver uip plang ostype osver oslang
+                const char* t[7] = {"t", "p", "u", "l", "o", "v", "l"};
                 t[arg] = bad;
                 EXPECT_EQ(104, data_base_info(t[0], 1, t[1], 0, t[2], t[3], t[4], t[5], 64, t[6], 0, nullptr,
                                               nullptr))
@@ -92,16 +87,11 @@ TEST(BaseInfo, LineParsing) {
             int expected;
             StrMap fields;
         } cases[] = {
-            {"t 1 1.0 8 u en mac 10 64 en 0 src uid",
-             0,
+            // clang-format off
+            {"t 1 1.0 8 u en mac 10 64 en 0 src uid", 0,
              {{"pid", "1"}, {"oszone", "8"}, {"osbit", "64"}, {"tinstall", kAbsent}, {"uid", "uid"}}},
-            {"t 2 1.0 -3 u en mac 10 32 en NULL NULL NULL",
-             0,
-             {{"pid", "2"},
-              {"oszone", "-3"},
-              {"osbit", "32"},
-              {"tinstall", kAbsent},
-              {"psource", ""},
+            {"t 2 1.0 -3 u en mac 10 32 en NULL NULL NULL", 0,
+             {{"pid", "2"}, {"oszone", "-3"}, {"osbit", "32"}, {"tinstall", kAbsent}, {"psource", ""},
               {"uid", ""}}},
             {"t  3 1.0 8 u en mac 10 64 en 5 src", 0, {{"pid", "3"}, {"tinstall", "5"}, {"uid", ""}}},
             {"t 4 1.0 8 u en mac 10 64 en 5", 104, {{"pid", "3"}}},
@@ -111,6 +101,7 @@ TEST(BaseInfo, LineParsing) {
             {padded, 0, {{"pid", "1"}}},
             {padded + "x", 104, {{"pid", "1"}}},
             {"", 104, {}},
+            // clang-format on
         };
         for (const Case& c : cases) {
             EXPECT_EQ(c.expected, data_base_info2(c.line.c_str())) << c.line;
