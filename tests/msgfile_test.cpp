@@ -4,97 +4,51 @@
 #include "MsgFile.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
+#include <cstdio>
 #include <string>
-#include <utility>
-#include <vector>
 
-#include "BaseInfo.h"
-#include "ComInc.h"
-#include "Config.h"
-#include "Log.h"
-#include "OsApi.h"
-#include "payload.h"
-#include "raw_server.h"
-#include "scenario.h"
+#include "delivery.h"
 
 using Velto::StrList;
 using Velto::Util::fencode;
 using Velto::Util::ltoa;
+using vtest::has;
 
 namespace {
 
 std::string rec(int i) {
     return "{\"dtype\":\"event\",\"n\":\"" + std::to_string(i) + "\"}";
 }
-std::string line(long long t, const std::string& r) {
-    return ltoa(t) + "," + fencode(r) + "\n";
-}
-int count(const std::string& text, const std::string& part) {
-    int n = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
-    return n;
-}
-bool has(const std::string& text, const std::string& part) {
-    return count(text, part) > 0;
+std::string line(long long t, int i) {
+    return vtest::msg_line(t, rec(i));
 }
 
-class MsgStore : public ::testing::Test {
+class MsgStore : public vtest::CollectorFixture {
   protected:
     void SetUp() override {
-        setenv("HOME", home_.path().c_str(), 1);
-        Velto::Config::obj_->load_default();
-        Velto::Config::obj_->set("ROOT_DIR", dir_.path() + "/");
-        Velto::Log::obj_->init(file("sdk.log").c_str());
+        CollectorFixture::SetUp();
         now_ = Velto::os_time();
     }
-    std::string file(const std::string& name) const { return dir_.file(name); }
     std::string msg() const { return vtest::read_file(file("sdk.msg")); }
-    std::string log() const { return vtest::read_file(file("sdk.log")); }
     void put(const std::string& content) {
         vtest::write_file(file("sdk.msg"), content);
         ASSERT_EQ(0, store_.open());
     }
-    int read(StrList& out, long long begin = 0, long long max_count = 0, long long max_bytes = 0) {
-        return store_.get_msg_list(begin, max_count, max_bytes, out, newest_, nullptr, nullptr);
+    int read(StrList& out, long long max_count = 0, long long max_bytes = 0) {
+        return store_.get_msg_list(0, max_count, max_bytes, out, newest_, nullptr, nullptr);
     }
-
-    vtest::TempDir home_, dir_;
-    Velto::MsgFile store_;
-    long long now_ = 0, newest_ = 0;
-};
-
-// CONF_URL points at a loopback collector and the base information is complete, so uploads go out
-// at once.
-class MsgUpload : public MsgStore {
-  protected:
-    void SetUp() override {
-        MsgStore::SetUp();
-        ASSERT_TRUE(server_.ok());
-        Velto::Config::obj_->set("CONF_URL", server_.url());
-        for (int i = 0; i < 14; ++i) Velto::g_base_info.set("k" + std::to_string(i), "v");
+    int roll(long long begin, long long max_count = 0, long long max_bytes = 0) {
+        return store_.roll_msg(begin, max_count, max_bytes, newest_);
     }
     std::string set_aside(const std::string& guid, long long time, const std::string& content) {
         const std::string name = "MSG_PRE_" + guid + ltoa(time);
         vtest::write_file(file(name), content);
         return name;
     }
-    // (upload name, decoded file) of every request.
-    std::vector<std::pair<std::string, std::string>> uploads() const {
-        std::vector<std::pair<std::string, std::string>> out;
-        for (const vcollect::RawRequest& req : server_.requests()) {
-            auto parts = vcollect::parse_multipart(req.body, "70db372eb000e2ax");
-            const vcollect::FormPart* name = vcollect::find_part(parts, "sdk_log");
-            const vcollect::FormPart* payload = vcollect::find_part(parts, "file");
-            vcollect::FilePayload decoded;
-            EXPECT_TRUE(name && payload && vcollect::decode_file_payload(payload->data, decoded));
-            out.emplace_back(name ? vcollect::field_text(*name) : "", decoded.data);
-        }
-        return out;
-    }
 
-    vcollect::RawServer server_;
+    Velto::MsgFile store_;
+    long long now_ = 0, newest_ = 0;
 };
 
 }  // namespace
@@ -103,13 +57,12 @@ TEST_F(MsgStore, AppendedLinesReadBack) {
     ASSERT_EQ(0, store_.open());
     ASSERT_TRUE(store_.append(now_, fencode(rec(1))));
     ASSERT_TRUE(store_.append(now_ + 1, fencode(rec(2))));
-    EXPECT_EQ(line(now_, rec(1)) + line(now_ + 1, rec(2)), msg());
     StrList got;
     EXPECT_EQ(0, read(got));
     EXPECT_EQ((StrList{rec(1), rec(2)}), got);
     EXPECT_EQ(now_ + 1, newest_);
     ASSERT_TRUE(store_.append(now_ + 2, fencode(rec(3))));  // still appending after the read
-    EXPECT_EQ(line(now_, rec(1)) + line(now_ + 1, rec(2)) + line(now_ + 2, rec(3)), msg());
+    EXPECT_EQ(line(now_, 1) + line(now_ + 1, 2) + line(now_ + 2, 3), msg());
 }
 
 TEST_F(MsgStore, InvalidLinesAreDroppedAndGoneAfterRewrite) {
@@ -126,23 +79,21 @@ TEST_F(MsgStore, InvalidLinesAreDroppedAndGoneAfterRewrite) {
         noise,
         "",
     };
-    std::string content = line(now_, rec(1));
+    std::string content = line(now_, 1);
     for (const std::string& bad : invalid) content += bad + "\n";
-    const std::string valid = line(now_, rec(1)) + line(now_, rec(2));
-    put(content + line(now_, rec(2)));
+    put(content + line(now_, 2));
 
     StrList got;
     EXPECT_EQ(-8, read(got));
     EXPECT_EQ((StrList{rec(1), rec(2)}), got);
-    long long newest = 0;
-    EXPECT_EQ(0, store_.roll_msg(0, 0, 0, newest));
+    EXPECT_EQ(0, roll(0));
     EXPECT_TRUE(has(log(), "roll_msg cnt: -8"));
-    EXPECT_EQ(valid, msg());
+    EXPECT_EQ(line(now_, 1) + line(now_, 2), msg());
     EXPECT_EQ("", vtest::read_file(file("sdk.msg.bak")));
 }
 
 TEST_F(MsgStore, JournalOfTenBytesOrMoreReplacesTheFile) {
-    const std::string lines = line(now_, rec(1)) + line(now_, rec(2));
+    const std::string lines = line(now_, 1) + line(now_, 2);
     const std::string cases[][3] = {
         // journal, sdk.msg after open, journal after open
         {"123456789", "old\n", "123456789"},
@@ -158,57 +109,55 @@ TEST_F(MsgStore, JournalOfTenBytesOrMoreReplacesTheFile) {
 }
 
 TEST_F(MsgStore, CheckDropDeletesOnlyAboveTheLimit) {
-    vtest::write_file(file("sdk.msg"), std::string(6291456, 'x'));
-    EXPECT_FALSE(store_.check_drop());
-    EXPECT_EQ(6291456, vtest::file_size(file("sdk.msg")));
-    vtest::write_file(file("sdk.msg"), std::string(6291457, 'x'));
-    EXPECT_TRUE(store_.check_drop());
-    EXPECT_EQ(0, vtest::file_size(file("sdk.msg")));  // reopened empty
+    for (long long size : {6291456, 6291457}) {
+        vtest::write_file(file("sdk.msg"), std::string(size, 'x'));
+        EXPECT_EQ(size > 6291456, store_.check_drop());
+        EXPECT_EQ(size > 6291456 ? 0 : size, vtest::file_size(file("sdk.msg")));  // reopened empty
+    }
     EXPECT_TRUE(has(log(), "to del msg: 6291457"));
 }
 
 TEST_F(MsgStore, RollByAgeKeepsNewerLinesOrEmptiesTheFile) {
-    const std::string newer = line(now_ - 20, rec(2)) + line(now_ - 10, rec(3));
-    put(line(now_ - 30, rec(1)) + newer);
-    long long newest = 0;
-    EXPECT_EQ(0, store_.roll_msg(now_ - 100, 0, 0, newest));  // nothing dropped: not rewritten
+    const std::string newer = line(now_ - 20, 2) + line(now_ - 10, 3);
+    put(line(now_ - 30, 1) + newer);
+    EXPECT_EQ(0, roll(now_ - 100));  // nothing dropped: not rewritten
     EXPECT_FALSE(has(log(), "roll_msg cnt"));
-    EXPECT_EQ(0, store_.roll_msg(now_ - 20, 0, 0, newest));
+    EXPECT_EQ(0, roll(now_ - 20));
     EXPECT_EQ(newer, msg());
     EXPECT_TRUE(has(log(), "roll_msg cnt: -1"));
 
-    EXPECT_EQ(0, store_.roll_msg(now_ + 100, 0, 0, newest));
+    EXPECT_EQ(0, roll(now_ + 100));
     EXPECT_EQ("", msg());
     EXPECT_TRUE(has(log(), "roll_msg null"));
-    EXPECT_EQ(now_ - 10, newest);  // the last valid line's time, even though it was cut
+    EXPECT_EQ(now_ - 10, newest_);  // the last valid line's time, even though it was cut
     ASSERT_TRUE(store_.append(now_, fencode(rec(4))));
-    EXPECT_EQ(line(now_, rec(4)), msg());
+    EXPECT_EQ(line(now_, 4), msg());
 }
 
 TEST_F(MsgStore, CountAndByteLimitsKeepTheNewest) {
     std::string content;  // five lines of 100-byte records "aaa...", "bbb...", ...
-    for (int i = 0; i < 5; ++i) content += line(now_ + i, std::string(100, static_cast<char>('a' + i)));
+    for (int i = 0; i < 5; ++i) content += vtest::msg_line(now_ + i, std::string(100, 'a' + i));
     const size_t line_len = content.size() / 5;
     struct Case {
         long long max_count, max_bytes;
         int kept;
     } cases[] = {{0, 0, 5}, {2, 0, 2}, {0, 250, 3}, {0, 300, 4}, {0, 1, 1}, {1, 300, 1}};
     for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.max_count) + "/" + std::to_string(c.max_bytes));
         put(content);
         StrList got;
-        EXPECT_EQ(c.kept - 5, read(got, 0, c.max_count, c.max_bytes)) << c.max_count << "/" << c.max_bytes;
+        EXPECT_EQ(c.kept - 5, read(got, c.max_count, c.max_bytes));
         ASSERT_EQ(static_cast<size_t>(c.kept), got.size());
         EXPECT_EQ(static_cast<char>('a' + 5 - c.kept), got.front()[0]);
-        long long newest = 0;
-        EXPECT_EQ(0, store_.roll_msg(0, c.max_count, c.max_bytes, newest));
+        EXPECT_EQ(0, roll(0, c.max_count, c.max_bytes));
         EXPECT_EQ(content.substr(content.size() - c.kept * line_len), msg());
     }
 }
 
-TEST_F(MsgUpload, NothingPendingOrNothingToSetAside) {
-    put(line(now_, rec(1)));
+TEST_F(MsgStore, NothingPendingOrNothingToSetAside) {
+    put(line(now_, 1));
     EXPECT_TRUE(store_.process_msgs(false));
-    EXPECT_EQ(line(now_, rec(1)), msg());
+    EXPECT_EQ(line(now_, 1), msg());
     std::remove(file("sdk.msg").c_str());
     EXPECT_FALSE(store_.process_msgs(true));  // the rename fails
     EXPECT_TRUE(has(log(), "rename: "));
@@ -217,26 +166,25 @@ TEST_F(MsgUpload, NothingPendingOrNothingToSetAside) {
     EXPECT_EQ(0u, server_.connections());
 }
 
-TEST_F(MsgUpload, BatchIsSetAsideUploadedOnceAndDeleted) {
+TEST_F(MsgStore, BatchIsSetAsideUploadedOnceAndDeleted) {
     ASSERT_EQ(0, store_.open());
     for (int i : {1, 2, 1, 3, 2}) ASSERT_TRUE(store_.append(now_, fencode(rec(i))));
     EXPECT_TRUE(store_.process_msgs(true));
-    const auto got = uploads();
+    const auto got = vtest::file_uploads(server_);
     ASSERT_EQ(1u, got.size());
     EXPECT_EQ(rec(1) + "\n" + rec(2) + "\n" + rec(3) + "\n", got[0].second);  // first appearance order
-    EXPECT_EQ(34u, got[0].first.size());  // the GUID part of the set-aside name
-    EXPECT_EQ("/v1/file", server_.requests()[0].path());
-    EXPECT_EQ(2, count(log(), "repeat msg"));  // one per duplicate
+    EXPECT_EQ(34u, got[0].first.size());                  // the GUID part of the set-aside name
+    EXPECT_EQ(2u, vtest::count_of(log(), "repeat msg"));  // one per duplicate
     StrList names;
     Velto::get_files(dir_.path() + "/", names);
     for (const std::string& name : names) EXPECT_NE(0u, name.rfind("MSG_PRE_", 0)) << name;
     EXPECT_EQ("", msg());  // a fresh file takes the next records
 }
 
-TEST_F(MsgUpload, FailedUploadKeepsTheFilesAndStopsTheWalk) {
+TEST_F(MsgStore, FailedUploadKeepsTheFilesAndStopsTheWalk) {
     server_.set_reply("{\"status\":1}");
-    const std::string a = set_aside("{a}", now_, line(now_, rec(1)));
-    const std::string b = set_aside("{b}", now_, line(now_, rec(2)));
+    const std::string a = set_aside("{a}", now_, line(now_, 1));
+    const std::string b = set_aside("{b}", now_, line(now_, 2));
     EXPECT_FALSE(store_.process_msgs(false));
     EXPECT_EQ(1u, server_.requests().size());
     EXPECT_TRUE(vtest::file_exists(file(a)) && vtest::file_exists(file(b)));
@@ -246,26 +194,20 @@ TEST_F(MsgUpload, FailedUploadKeepsTheFilesAndStopsTheWalk) {
     EXPECT_FALSE(vtest::file_exists(file(a)) || vtest::file_exists(file(b)));
 }
 
-TEST_F(MsgUpload, ExpiredAndEmptyFilesAreDeletedUnsent) {
-    const std::string week_old = set_aside("{a}", now_ - 7 * 86400 - 1, line(now_, rec(1)));
+TEST_F(MsgStore, ExpiredEmptyAndMalformedSetAsideFiles) {
+    const std::string week_old = set_aside("{a}", now_ - 7 * 86400 - 1, line(now_, 1));
     const std::string invalid = set_aside("{b}", now_, "12345,not a record\n\n");
+    const std::string good = set_aside("x}", now_, line(now_, 1));
+    const std::string bad = set_aside("}", now_, line(now_, 2));  // nothing before the brace
     EXPECT_TRUE(store_.process_msgs(false));
     Velto::Config::obj_->set("MAX_RESV_DAY", "0");
-    const std::string past = set_aside("{c}", now_ - 1, line(now_, rec(1)));
+    const std::string past = set_aside("{c}", now_ - 1, line(now_, 1));
     EXPECT_TRUE(store_.process_msgs(false));
-    for (const std::string& name : {week_old, invalid, past})
+    for (const std::string& name : {week_old, invalid, past, good})
         EXPECT_FALSE(vtest::file_exists(file(name))) << name;
-    EXPECT_EQ(0u, server_.connections());
-}
-
-TEST_F(MsgUpload, NameNeedsSomethingBeforeTheBrace) {
-    const std::string good = set_aside("x}", now_, line(now_, rec(1)));
-    const std::string bad = set_aside("}", now_, line(now_, rec(2)));
-    EXPECT_TRUE(store_.process_msgs(false));
-    const auto got = uploads();
-    ASSERT_EQ(1u, got.size());
-    EXPECT_EQ("x}", got[0].first);
-    EXPECT_FALSE(vtest::file_exists(file(good)));
     EXPECT_TRUE(vtest::file_exists(file(bad)));
     EXPECT_TRUE(has(log(), "msg file: " + bad));
+    const auto got = vtest::file_uploads(server_);
+    ASSERT_EQ(1u, got.size());  // only the good one, named by what comes before the time
+    EXPECT_EQ("x}", got[0].first);
 }
