@@ -20,10 +20,8 @@ using Velto::ClientIdLeaves;
 // Leaves with a scripted machine; records what the logic stored.
 class FakeLeaves : public ClientIdLeaves {
   public:
-    std::string uuid;
+    std::string uuid, stored, set_id, created_id;
     bool exists = false;
-    std::string stored;
-    std::string set_id, created_id;
     int writes = 0;
 
     std::string platform_uuid() override { return uuid; }
