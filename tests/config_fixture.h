@@ -6,8 +6,8 @@
 #define VELTO_TEST_CONFIG_FIXTURE_H
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "BaseInfo.h"
@@ -20,58 +20,37 @@
 
 namespace conftest {
 
-// Base information as data_init and data_base_info leave it (14 fields and more), with values that
-// need form encoding.
-inline void fill_base_info() {
-    static const char* const kFields[][2] = {
-        {"uid", "u 1"},      {"pid", "42"},        {"did", "{ab-cd}"},         {"pver", "2.0&b"},
-        {"tid", "t/1"},      {"BRAND", "Brand X"}, {"modver", "1.1.1.1113"},   {"plang", "en"},
-        {"ostype", "mac"},   {"osver", "10.15"},   {"tinstall", "1600000000"}, {"osbit", "64"},
-        {"oslang", "en-US"}, {"oszone", "8"},      {"procname", "p"},
-    };
-    Velto::g_base_info.clear();
-    for (const auto& f : kFields) Velto::g_base_info.set(f[0], f[1]);
-}
-
 class ConfFixture : public ::testing::Test {
   protected:
     void SetUp() override {
-        const char* home = std::getenv("HOME");
-        old_home_ = home ? home : "";
         setenv("HOME", home_.path().c_str(), 1);
         conf_.init_mutex();
         conf_.set("ROOT_DIR", root());
         Velto::Log::obj_->init(dir_.file("sdk.log").c_str());
-        fill_base_info();
+        // As data_init and data_base_info leave it (14 fields and more), with values to form-encode.
+        static const char* const kFields[][2] = {
+            {"uid", "u 1"},      {"pid", "42"},        {"did", "{ab-cd}"},         {"pver", "2.0&b"},
+            {"tid", "t/1"},      {"BRAND", "Brand X"}, {"modver", "1.1.1.1113"},   {"plang", "en"},
+            {"ostype", "mac"},   {"osver", "10.15"},   {"tinstall", "1600000000"}, {"osbit", "64"},
+            {"oslang", "en-US"}, {"oszone", "8"},      {"procname", "p"},
+        };
+        Velto::g_base_info.clear();
+        for (const auto& f : kFields) Velto::g_base_info.set(f[0], f[1]);
         Velto::set_conf_endpoint_host("127.0.0.1:1");
     }
     void TearDown() override {
         Velto::set_conf_endpoint_host("");
-        Velto::g_base_info.clear();
         Velto::os_time_shift(-shifted_);
-        setenv("HOME", old_home_.c_str(), 1);
     }
 
     std::string root() const { return dir_.path() + "/"; }
     std::string cf_path() const { return dir_.file("sdk.cf"); }
     std::string log_text() const { return vtest::read_file(dir_.file("sdk.log")); }
-    void shift_clock(long long seconds) {
-        Velto::os_time_shift(seconds);
-        shifted_ += seconds;
-    }
-    // Writes "sdk.cf" holding the defaults, last fetched at `fetched_at`.
-    void write_conf_file(long long fetched_at) {
-        Velto::Config source;
-        source.init_mutex();
-        source.load_default();
-        source.set("ROOT_DIR", root());
-        source.set("CONF_UPD_TIME", fetched_at);
-        ASSERT_FALSE(source.save_conf(true).empty());
+    bool logged(const std::string& text, size_t from = 0) const {
+        return log_text().find(text, from) != std::string::npos;
     }
 
-    vtest::TempDir dir_;
-    vtest::TempDir home_;
-    std::string old_home_;
+    vtest::TempDir dir_, home_;
     Velto::Config conf_;
     long long shifted_ = 0;
 };
