@@ -116,14 +116,6 @@ TEST_F(DebugReport, StartsFreshAndReadsBackItsOwnRows) {
               save("{\"x\":\"1\"}"));
 }
 
-TEST_F(DebugReport, SwitchFile) {
-    EXPECT_EQ("", runner_.get_svrd());  // no file
-    vtest::write_file(dir_.file("DEBUG_MODE_SVR_ADDR"), "");
-    EXPECT_EQ("", runner_.get_svrd());
-    vtest::write_file(dir_.file("DEBUG_MODE_SVR_ADDR"), "http://127.0.0.1:9\nsecond line\n");
-    EXPECT_EQ("http://127.0.0.1:9", runner_.get_svrd());
-}
-
 // ---------------------------------------------------------------------------------------------
 // End to end through the exported API, against a loopback collector.
 
@@ -421,7 +413,8 @@ TEST(Delivery, DebugMirrorOnlyWithSwitchFile) {
             RawServer server;
             RawServer debug(RawMode::kReply, "{\"status\":0,\"data\":{\"dtype\":\"event\",\"x\":\"1\"}}");
             ASSERT_TRUE(debug.ok());
-            if (with_switch) vtest::write_file(root + "/DEBUG_MODE_SVR_ADDR", debug.url() + "\n");
+            if (with_switch)
+                vtest::write_file(root + "/DEBUG_MODE_SVR_ADDR", debug.url() + "\nsecond line\n");
             start(server, root);
             ASSERT_EQ(0, event(1));
             ASSERT_TRUE(wait_lines(root + "/sdk.msg", 1));
