@@ -15,6 +15,7 @@
 
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <string>
 
@@ -127,30 +128,23 @@ Log& Log::begin_line(int level) {
 }
 
 Log& Log::operator<<(const char* text) {
-    try {
-        if (!text) return *this;
-        LogHold hold(*this);
-        if (!hold.owned()) return *this;
-        if (text[0] == '\n' && text[1] == '\0') {
-            fs_ << '\n';
-            fs_.flush();
-        } else {
-            fs_ << text;
-        }
-    } catch (...) {
-    }
-    return *this;
+    return text ? write_text(text, strlen(text)) : *this;
 }
 
 Log& Log::operator<<(const std::string& text) {
+    return write_text(text.data(), text.size());
+}
+
+// Exactly "\n" ends the line and flushes it; anything else is written as it stands.
+Log& Log::write_text(const char* text, size_t n) {
     try {
         LogHold hold(*this);
         if (!hold.owned()) return *this;
-        if (text == "\n") {
+        if (n == 1 && text[0] == '\n') {
             fs_ << '\n';
             fs_.flush();
         } else {
-            fs_ << text;
+            fs_.write(text, static_cast<std::streamsize>(n));
         }
     } catch (...) {
     }

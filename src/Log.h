@@ -66,6 +66,7 @@ public:
 private:
     Log& begin_line(int level);
     Log& write_number(long long n);
+    Log& write_text(const char* text, size_t n);
 
     Mutex m_;
     std::string path_;

@@ -13,6 +13,9 @@
 
 namespace vcollect {
 
+// A JSON string literal of arbitrary bytes (control bytes escaped, the rest passed through).
+std::string json_quote(const std::string& s);
+
 // One part of a multipart body.
 struct FormPart {
     std::string name;

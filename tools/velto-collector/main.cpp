@@ -57,39 +57,6 @@ const char kUsage[] =
 
 // ---- small text helpers ----
 
-// A JSON string literal of arbitrary bytes (control bytes escaped, the rest passed through).
-std::string quote(const std::string& s) {
-    std::string out = "\"";
-    for (unsigned char c : s) {
-        switch (c) {
-            case '"':
-                out += "\\\"";
-                break;
-            case '\\':
-                out += "\\\\";
-                break;
-            case '\n':
-                out += "\\n";
-                break;
-            case '\r':
-                out += "\\r";
-                break;
-            case '\t':
-                out += "\\t";
-                break;
-            default:
-                if (c < 0x20 || c == 0x7f) {
-                    char buf[8];
-                    snprintf(buf, sizeof buf, "\\u%04x", c);
-                    out += buf;
-                } else {
-                    out += static_cast<char>(c);
-                }
-        }
-    }
-    return out + "\"";
-}
-
 // Length of the valid UTF-8 sequence at s[i], 0 when there is none.
 size_t utf8_sequence(const std::string& s, size_t i) {
     const unsigned char c = static_cast<unsigned char>(s[i]);
@@ -361,8 +328,9 @@ struct Output {
 
     void show(const std::string& line) { shown += line + "\n"; }
     void add_json(const Received& from, const std::string& member) {
-        json += "{\"received\":" + std::to_string(from.at) + ",\"endpoint\":" + quote(from.endpoint);
-        if (!from.upload.empty()) json += ",\"upload\":" + quote(from.upload);
+        json += "{\"received\":" + std::to_string(from.at) +
+                ",\"endpoint\":" + vcollect::json_quote(from.endpoint);
+        if (!from.upload.empty()) json += ",\"upload\":" + vcollect::json_quote(from.upload);
         json += "," + member + "}\n";
     }
 };
@@ -373,7 +341,7 @@ void take_record(const std::string& text, const Received& from, Output& out) {
         ++out.unreadable;
         out.warnings += clock_text(from.at) + " " + from.endpoint +
                         ": a record that is not a flat JSON object: " + printable(text, 200) + "\n";
-        out.add_json(from, "\"invalid\":" + quote(text));
+        out.add_json(from, "\"invalid\":" + vcollect::json_quote(text));
         return;
     }
     const std::string* kind = member(rec, "dtype");
@@ -387,13 +355,13 @@ void take_config(const std::string& text, const Received& from, Output& out) {
     Members conf;
     const bool flat = FlatObjectReader(text).read(conf);
     out.show(clock_text(from.at) + " config  " + std::to_string(conf.size()) + " settings from the library");
-    out.add_json(from, flat ? "\"config\":" + text : "\"config_text\":" + quote(text));
+    out.add_json(from, flat ? "\"config\":" + text : "\"config_text\":" + vcollect::json_quote(text));
 }
 
 void take_log(const std::string& text, const Received& from, Output& out) {
     out.show(clock_text(from.at) + " log upload  " + std::to_string(text.size()) +
              " bytes of the library's log");
-    out.add_json(from, "\"log\":" + quote(text));
+    out.add_json(from, "\"log\":" + vcollect::json_quote(text));
 }
 
 void take_conf_request(const std::string& body, const Received& from, Output& out) {
@@ -509,7 +477,7 @@ void Collector::reject(const std::string& scheme, const httplib::Request& req, c
         fflush(stderr);
     }
     res.status = status;
-    res.set_content("{\"status\":1,\"error\":" + quote(why) + "}", "application/json");
+    res.set_content("{\"status\":1,\"error\":" + vcollect::json_quote(why) + "}", "application/json");
 }
 
 void Collector::count_request(const std::string& path) {

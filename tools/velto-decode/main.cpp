@@ -19,39 +19,17 @@
 #include <vector>
 
 #include "Util.h"
+#include "payload.h"
 
 namespace {
 
 using Velto::StrMap;
 
-// A JSON string literal of arbitrary bytes (control bytes escaped, the rest passed through).
-std::string quote(const std::string& s) {
-    std::string out = "\"";
-    for (unsigned char c : s) {
-        switch (c) {
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            case '\n': out += "\\n"; break;
-            case '\r': out += "\\r"; break;
-            case '\t': out += "\\t"; break;
-            default:
-                if (c < 0x20 || c == 0x7f) {
-                    char buf[8];
-                    snprintf(buf, sizeof buf, "\\u%04x", c);
-                    out += buf;
-                } else {
-                    out += static_cast<char>(c);
-                }
-        }
-    }
-    return out + "\"";
-}
-
 // The record as a JSON value: the library's records are flat objects already; anything else is
 // shown as a string.
 std::string record_value(const std::string& rec) {
     if (rec.size() >= 2 && rec.front() == '{' && rec.back() == '}') return rec;
-    return quote(rec);
+    return vcollect::json_quote(rec);
 }
 
 std::string base_name(const std::string& path) {
@@ -106,13 +84,14 @@ FileStats print_messages(const std::string& path) {
         std::string why = check_line(line, time, record);
         if (!why.empty()) {
             ++st.invalid;
-            std::cout << "{\"file\":" << quote(name) << ",\"line\":" << n << ",\"invalid\":" << quote(why) << "}\n";
+            std::cout << "{\"file\":" << vcollect::json_quote(name) << ",\"line\":" << n
+                      << ",\"invalid\":" << vcollect::json_quote(why) << "}\n";
             continue;
         }
         ++st.records;
         if (st.oldest == 0 || time < st.oldest) st.oldest = time;
         if (time > st.newest) st.newest = time;
-        std::cout << "{\"file\":" << quote(name) << ",\"line\":" << n << ",\"time\":" << time
+        std::cout << "{\"file\":" << vcollect::json_quote(name) << ",\"line\":" << n << ",\"time\":" << time
                   << ",\"record\":" << record_value(record) << "}\n";
     }
     return st;
@@ -123,7 +102,8 @@ bool print_config(const std::string& path, StrMap& conf) {
     if (!read_all(path, data)) return false;
     std::istringstream(data) >> token;
     if (token.empty() || !decode_token(token, text)) {
-        std::cout << "{\"file\":\"sdk.cf\",\"invalid\":" << quote(token.empty() ? "empty" : "does not decode") << "}\n";
+        std::cout << "{\"file\":\"sdk.cf\",\"invalid\":"
+                  << vcollect::json_quote(token.empty() ? "empty" : "does not decode") << "}\n";
         return true;
     }
     Velto::Util::json2map(text, conf);
@@ -131,7 +111,9 @@ bool print_config(const std::string& path, StrMap& conf) {
     return true;
 }
 
-bool is_batch(const std::string& name) { return name.compare(0, 8, "MSG_PRE_") == 0; }
+bool is_batch(const std::string& name) {
+    return name.compare(0, 8, "MSG_PRE_") == 0;
+}
 
 // The set-aside time written behind the GUID of a batch name, 0 when malformed.
 long long batch_time(const std::string& name) {
@@ -162,7 +144,7 @@ int decode_dir(const std::string& dir) {
         batch_records += st.records;
         long long t = batch_time(b);
         if (!batch_list.empty()) batch_list += ",";
-        batch_list += "{\"name\":" + quote(b) + ",\"records\":" + std::to_string(st.records) +
+        batch_list += "{\"name\":" + vcollect::json_quote(b) + ",\"records\":" + std::to_string(st.records) +
                       ",\"age_s\":" + (t ? std::to_string(now - t) : std::string("null")) + "}";
     }
     std::cout << "{\"summary\":{\"pending_records\":" << pending.records
@@ -173,13 +155,14 @@ int decode_dir(const std::string& dir) {
         std::cout << "null";
     } else {
         std::cout << "{";
-        const char* keys[] = {"CONF_URL", "COLLECT_ON", "COLLECT_WAY", "SEND_GAP", "SEND_NUM",
-                              "SEND_SIZE", "LAST_SEND", "DATA_RANGE"};
+        const char* keys[] = {"CONF_URL", "COLLECT_ON", "COLLECT_WAY", "SEND_GAP",
+                              "SEND_NUM", "SEND_SIZE",  "LAST_SEND",   "DATA_RANGE"};
         bool first = true;
         for (const char* k : keys) {
             auto it = conf.find(k);
             if (it == conf.end()) continue;
-            std::cout << (first ? "" : ",") << quote(k) << ":" << quote(it->second);
+            std::cout << (first ? "" : ",") << vcollect::json_quote(k) << ":"
+                      << vcollect::json_quote(it->second);
             first = false;
         }
         std::cout << "}";
