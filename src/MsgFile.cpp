@@ -111,12 +111,17 @@ void drop_oldest(StrList& records, StrList* raw_lines) {
     if (raw_lines && !raw_lines->empty()) raw_lines->pop_front();
 }
 
-bool reopen_truncated(std::fstream& fs, const std::string& msg_path) {
+// Closes fs (whatever its state) and opens msg_path in the given mode; true when it is open.
+bool reopen(std::fstream& fs, const std::string& msg_path, std::ios::openmode mode) {
     fs.clear();
     if (fs.is_open()) fs.close();
     fs.clear();
-    fs.open(msg_path, kRewriteMode);
+    fs.open(msg_path, mode);
     return fs.is_open();
+}
+
+bool reopen_truncated(std::fstream& fs, const std::string& msg_path) {
+    return reopen(fs, msg_path, kRewriteMode);
 }
 
 // A journal of 10 bytes or more is a rewrite that did not finish: its lines replace "sdk.msg".
@@ -127,10 +132,7 @@ int restore_from_journal(std::fstream& fs, const std::string& path) {
     std::fstream journal(journal_path, kAppendMode);
     if (!journal.is_open() || stream_length(journal) < kJournalMinBytes) return RES_OK;
 
-    fs.close();
-    fs.clear();
-    fs.open(msg_path, kRewriteMode);
-    if (!fs.is_open()) {
+    if (!reopen_truncated(fs, msg_path)) {
         // The journal stays, so the next open tries again.
         LOGE << "open msg file: " << path << LEND;
         return RES_FILE_OPEN;
@@ -146,10 +148,7 @@ int restore_from_journal(std::fstream& fs, const std::string& path) {
     journal.close();
     truncate_file(journal_path);
     // Back to the usual mode, so that appends land at the end whatever is read in between.
-    fs.close();
-    fs.clear();
-    fs.open(msg_path, kAppendMode);
-    if (!fs.is_open()) {
+    if (!reopen(fs, msg_path, kAppendMode)) {
         LOGE << "open msg file: " << path << LEND;
         return RES_FILE_OPEN;
     }
