@@ -1,10 +1,5 @@
 // Tests of the diagnostics log on real files: the line format, rolling at the size limit, surviving
 // a deleted file, error counting into LOGERR_NUM and two threads writing at once.
-#if defined(__GNUC__) && !defined(__clang__)
-// GCC 12 reports a false -Wmaybe-uninitialized inside libstdc++'s <regex> in sanitizer builds; the
-// location lies in <functional>, which gtest includes first, so the pragma has to precede every include.
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
 #include "Log.h"
 
 #include <gtest/gtest.h>
