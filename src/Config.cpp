@@ -11,7 +11,9 @@
 // its range is dropped and the previous one stays.
 #include "Config.h"
 
+#include <cctype>
 #include <cerrno>
+#include <cstring>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -127,19 +129,49 @@ ConfEndpoint& endpoint() {
 
 }  // namespace
 
-std::string default_conf_url() {
-    return std::string("https://") + VELTO_COLLECT_HOST;
-}
-
-std::string conf_endpoint() {
+std::string collect_host() {
     ConfEndpoint& e = endpoint();
     std::string host;
     {
         std::lock_guard<std::mutex> hold(e.guard);
         host = e.host;
     }
-    if (host.empty()) host = VELTO_COLLECT_HOST;
-    return "https://" + host + "/v1/conf";
+    return host.empty() ? std::string(VELTO_COLLECT_HOST) : host;
+}
+
+std::string default_conf_url() {
+    return "https://" + collect_host();
+}
+
+std::string conf_endpoint() {
+    return "https://" + collect_host() + "/v1/conf";
+}
+
+bool valid_collect_host(const std::string& host) {
+    const size_t colon = host.find(':');
+    const std::string name = host.substr(0, colon);
+    if (name.empty() || name.size() > 253) return false;
+    for (unsigned char c : name) {
+        if (!isalnum(c) && c != '.' && c != '-') return false;
+    }
+    if (colon == std::string::npos) return true;
+    const std::string port = host.substr(colon + 1);
+    if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos)
+        return false;
+    const long n = std::strtol(port.c_str(), nullptr, 10);
+    return n >= 1 && n <= 65535;
+}
+
+void read_collect_host_env() {
+    const char* value = getenv("VELTO_COLLECT_HOST");
+    if (value == nullptr) return;
+    const std::string host(value, strnlen(value, 300));
+    if (!valid_collect_host(host)) {
+        LOGW << "VELTO_COLLECT_HOST ignored: " << host << LEND;
+        return;
+    }
+    set_conf_endpoint_host(host);
+    LOGI << "collect host: " << host << LEND;
 }
 
 void set_conf_endpoint_host(const std::string& host) {

@@ -45,8 +45,16 @@ private:
     bool mutex_inited_ = false;
 };
 
-// The collection server's base URL built in at compile time: "https://" + VELTO_COLLECT_HOST.
+// The collection server's host: the one built in at compile time (VELTO_COLLECT_HOST), unless the
+// environment variable of the same name, read by data_init, or a test named another.
+std::string collect_host();
+// The default CONF_URL: "https://" + collect_host().
 std::string default_conf_url();
+// host[:port], a name of letters, digits, dots and hyphens and a port of 1 to 65535.
+bool valid_collect_host(const std::string& host);
+// data_init: a well-formed VELTO_COLLECT_HOST replaces the built-in host; anything else is logged
+// and ignored.
+void read_collect_host_env();
 // Where get_conf_frm_svr posts: "https://" + host + "/v1/conf". Tests aim it elsewhere with
 // set_conf_endpoint_host (for example "127.0.0.1:43210"); an empty host restores the built-in one.
 std::string conf_endpoint();

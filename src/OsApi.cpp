@@ -31,6 +31,7 @@ MutexRegistry& registry() {
 }
 
 std::atomic<long long> g_time_shift{0};
+std::atomic<FaultHook> g_fault_hook{nullptr};
 
 }  // namespace
 
@@ -77,6 +78,13 @@ void os_usleep(unsigned int microseconds) { usleep(microseconds); }
 long long os_time() { return static_cast<long long>(time(nullptr)) + g_time_shift.load(); }
 
 void os_time_shift(long long seconds) { g_time_shift.fetch_add(seconds); }
+
+void set_fault_hook(FaultHook hook) { g_fault_hook.store(hook); }
+
+void fault_point(const char* step) {
+    FaultHook hook = g_fault_hook.load();
+    if (hook) hook(step);
+}
 
 int get_pid() { return os_impl::get_pid_impl(); }
 

@@ -63,6 +63,13 @@ bool rename_file(const std::string& dir, const std::string& old_name, const std:
 void get_files(const std::string& dir, StrList& out);
 std::string get_guid();  // "{" + 32 lower-case hex digits + "}"
 
+// Test seam of the file rewrites: every step of a rewrite that a crash could interrupt (a temporary
+// file written, a rename done, a file emptied) calls fault_point with the step's name. Without a
+// hook it does nothing; a test installs one to list the steps or to end the process at one of them.
+typedef void (*FaultHook)(const char* step);
+void set_fault_hook(FaultHook hook);
+void fault_point(const char* step);
+
 // The machine's client id as stored in "did": braces around, control and non-ASCII bytes as "0".
 std::string get_client_sign();
 

@@ -247,6 +247,7 @@ int data_init(const char* root, const char* brand) {
         g_base_info.set("modver", Velto::get_sdk_version());
 
         Velto::Log::obj_->init((std::string(root) + "/sdk.log").c_str());
+        Velto::read_collect_host_env();
         if (!g_curl_ready) {
             curl_global_init(CURL_GLOBAL_ALL);
             g_curl_ready = true;
