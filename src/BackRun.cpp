@@ -7,7 +7,9 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <deque>
 #include <fstream>
 
 #include "BaseInfo.h"
@@ -29,15 +31,26 @@ const long long kSkipEvery = 333;    // under constant traffic, idle work gets a
 const long long kHousekeeping = 15;  // roll check and periodic save every this many ticks
 const unsigned int kIdleWaitUs = 500;
 const int kInitAttempts = 3;
+const unsigned int kInitRetryPauseMs = 1000;
+// Bounds of what a wait sets aside for later: initial records kept for their own send attempts, and
+// records the debug mirror has not seen yet. Past them, records simply go to the file unmirrored.
+const size_t kMaxHeldInitial = 16;
+const size_t kMaxMirrorBacklog = 1000;
+
+bool is_initial(const std::string& item) {
+    return item.compare(0, kInitPrefixLen, kInitPrefix) == 0;
+}
 
 // ---------------------------------------------------------------------------------------------
 // The loop of one run. Its members are the locals of the thread body; the settings are read once
-// at start so that the per-record path does no settings look-ups.
-class DeliveryLoop {
+// at start so that the per-record path does no settings look-ups. While the loop waits on the
+// network, pump() keeps moving queued records into the file.
+class DeliveryLoop : public WaitPump {
   public:
     explicit DeliveryLoop(BackRun& owner) : owner_(owner), msg_(owner.msg_file()) {}
 
     void run();
+    void pump() override;
 
   private:
     bool start_up();
@@ -46,6 +59,8 @@ class DeliveryLoop {
     void send_old_at_start();
     void send_log_and_conf();
     void main_loop();
+    std::string next_item();
+    void mirror(const std::string& item);
     // One idle turn (no record taken). False when the loop has to end.
     // skipped: the turn was a deliberate skip, so the queue need not be empty.
     bool idle_turn(bool skipped);
@@ -88,12 +103,34 @@ class DeliveryLoop {
     long long file_limit_ = 0;
     long long tick_ = 0;
     long long newest_ = 0;
+    long long batch_count_ = 0;  // pending when the batch in flight was set aside
+    long long batch_bytes_ = 0;
+
+    std::deque<std::string> held_initial_;
+    std::deque<std::string> mirror_backlog_;
 };
 
 void DeliveryLoop::run() {
+    PumpInstall install(this);
     if (!start_up()) return;
     main_loop();
     shut_down();
+}
+
+void DeliveryLoop::pump() {
+    if (!msg_.is_open() && msg_.open() != RES_OK) return;
+    for (std::string item = Cache::obj_->get(); !item.empty(); item = Cache::obj_->get()) {
+        if (is_initial(item)) {
+            if (held_initial_.size() < kMaxHeldInitial) {
+                held_initial_.push_back(std::move(item));
+                continue;
+            }
+            item.erase(0, kInitPrefixLen);
+        }
+        if (!debug_url_.empty() && mirror_backlog_.size() < kMaxMirrorBacklog) mirror_backlog_.push_back(item);
+        save_to_file(item);
+        if (owner_.stop_flag() == 2) owner_.set_running(0);
+    }
 }
 
 // Steps before the loop. False when the run gives up (running flag 0, stop flag left as it is).
@@ -217,7 +254,7 @@ void DeliveryLoop::main_loop() {
             item.clear();
             ++tick_;
         } else {
-            item = Cache::obj_->get();
+            item = next_item();
         }
         if (item.empty()) {
             if (!idle_turn(skipped)) return;
@@ -225,6 +262,14 @@ void DeliveryLoop::main_loop() {
             handle_record(item);
         }
     }
+}
+
+// Initial records held back during a wait come first; they were queued before what is left.
+std::string DeliveryLoop::next_item() {
+    if (held_initial_.empty()) return Cache::obj_->get();
+    std::string item = std::move(held_initial_.front());
+    held_initial_.pop_front();
+    return item;
 }
 
 bool DeliveryLoop::idle_turn(bool skipped) {
@@ -236,6 +281,12 @@ bool DeliveryLoop::idle_turn(bool skipped) {
         if (end_switch_) end_of_run_upload();
         LOGI << "to exit" << LEND;
         return false;
+    }
+
+    if (!mirror_backlog_.empty()) {
+        mirror(mirror_backlog_.front());
+        mirror_backlog_.pop_front();
+        return true;
     }
 
     if (msg_.size_limit() < pending_bytes_ && msg_.check_drop()) pending_count_ = pending_bytes_ = 0;
@@ -280,11 +331,7 @@ void DeliveryLoop::handle_record(std::string& item) {
     bool initial = item.compare(0, kInitPrefixLen, kInitPrefix) == 0;
     if (initial) item.erase(0, kInitPrefixLen);
 
-    if (!debug_url_.empty()) {
-        LOGI << "debug_svr: " << debug_url_ << ", msg: " << item << LEND;
-        std::string reply = send_msg_res(item, debug_url_.c_str(), "data");
-        if (!reply.empty()) owner_.save_debug_msg(reply);
-    }
+    if (!debug_url_.empty()) mirror(item);
 
     if (send_real_time(item)) return;
     if (initial && send_initial(item)) return;
@@ -292,6 +339,12 @@ void DeliveryLoop::handle_record(std::string& item) {
 
     // The queue is still drained; the loop leaves on the next empty item.
     if (owner_.stop_flag() == 2) owner_.set_running(0);
+}
+
+void DeliveryLoop::mirror(const std::string& item) {
+    LOGI << "debug_svr: " << debug_url_ << ", msg: " << item << LEND;
+    std::string reply = send_msg_res(item, debug_url_.c_str(), "data");
+    if (!reply.empty()) owner_.save_debug_msg(reply);
 }
 
 // True when the record went out and need not be written to the file.
@@ -319,7 +372,7 @@ bool DeliveryLoop::send_initial(const std::string& item) {
             mark_sent_now(os_time());
             return true;
         }
-        os_sleep(1);
+        pause_ms(kInitRetryPauseMs);
     }
     LOGW << "snd init: " << r << LEND;
     error_time_ = os_time();
@@ -354,14 +407,18 @@ void DeliveryLoop::shut_down() {
 
 bool DeliveryLoop::upload_batch() {
     std::string pending = msg_.comb_msg(last_send_, 0, 0, newest_, nullptr);
+    batch_count_ = pending_count_;
+    batch_bytes_ = pending_bytes_;
     return msg_.process_msgs(!pending.empty());
 }
 
+// The records written while the batch was in flight are in the fresh file and still pending.
 void DeliveryLoop::note_batch_sent() {
     last_send_ = newest_;
     conf_.set("LAST_SEND", newest_);
     conf_.save_conf(true);
-    pending_count_ = pending_bytes_ = 0;
+    pending_count_ = std::max(0LL, pending_count_ - batch_count_);
+    pending_bytes_ = std::max(0LL, pending_bytes_ - batch_bytes_);
 }
 
 bool DeliveryLoop::threshold_passed(long long now) const {
@@ -510,6 +567,14 @@ void write_report(std::fstream& report, const std::string& kept_rows, const std:
 void BackRun::init() {
     m_.init();
     set_stop_flag(1);
+    // A data_stop before the first data_init must not leave the library stopped.
+    set_running(1);
+}
+
+void BackRun::after_fork_in_child() {
+    if (stop_.load() == 0) return;  // no thread was started (or it has ended) in the parent
+    running_.store(0);
+    stop_.store(0);
 }
 
 void BackRun::set_running(int v) {

@@ -32,6 +32,9 @@ public:
     void save_debug_msg(std::string& answer);
 
     MsgFile& msg_file() { return msg_; }
+    Mutex& mutex() { return m_; }
+    // In a child process after fork: no thread runs there, so the library is stopped.
+    void after_fork_in_child();
 
 private:
     Mutex m_;

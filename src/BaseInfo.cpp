@@ -1,6 +1,8 @@
 // The base-information store: fields every record copies. Any thread; each access under its mutex.
 #include "BaseInfo.h"
 
+#include "Thread.h"
+
 namespace Velto {
 
 void BaseInfo::init_mutex() {
@@ -37,7 +39,7 @@ size_t BaseInfo::count() {
 bool BaseInfo::wait(int seconds) {
     for (int i = 0; i < seconds; ++i) {
         if (count() >= kComplete) break;
-        os_sleep(1);
+        pause_ms(1000);  // records keep reaching the file meanwhile
     }
     return count() >= kComplete;
 }

@@ -24,6 +24,7 @@ public:
     size_t count();
     // Waits up to `seconds` one-second steps for the store to be complete; true when it is.
     bool wait(int seconds);
+    Mutex& mutex() { return m_; }
 
 private:
     StrMap map_;

@@ -2,6 +2,8 @@
 // call exit() while the background thread still uses them, so no static destructor may run.
 #include "ComInc.h"
 
+#include <pthread.h>
+
 #include "BackRun.h"
 #include "BaseInfo.h"
 #include "Cache.h"
@@ -37,11 +39,41 @@ bool create_locks() {
     Config::obj_->init_mutex();
     Cache::obj_->reset();
     Log::obj_->mutex().init();
+    g_back_run.mutex().init();
     g_base_info.init_mutex();
     return true;
 }
 
+// Around fork every lock of the library is taken, so that the child never inherits one held by a
+// thread that does not exist there. The child has no background thread: it starts out stopped
+// (record calls return 207, data_init 101 when the parent had initialised the library).
+void lock_all_for_fork() {
+    api_m.lock();
+    g_back_run.mutex().lock();
+    Log::obj_->mutex().lock();
+    Config::obj_->mutex().lock();
+    g_base_info.mutex().lock();
+    Cache::obj_->lock();
+    mutex_registry_lock();
+}
+
+void unlock_all_after_fork() {
+    mutex_registry_unlock();
+    Cache::obj_->unlock();
+    g_base_info.mutex().unlock();
+    Config::obj_->mutex().unlock();
+    Log::obj_->mutex().unlock();
+    g_back_run.mutex().unlock();
+    api_m.unlock();
+}
+
+void child_after_fork() {
+    unlock_all_after_fork();
+    g_back_run.after_fork_in_child();
+}
+
 const bool g_locks_ready = create_locks();
+const bool g_fork_ready = pthread_atfork(lock_all_for_fork, unlock_all_after_fork, child_after_fork) == 0;
 
 }  // namespace
 

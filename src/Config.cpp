@@ -352,6 +352,11 @@ bool read_conf_token(const std::string& path, std::string& token, int& err) {
     return true;
 }
 
+void set_aside_conf_file(const std::string& path) {
+    const std::string bad = path + ".bad";
+    if (std::rename(path.c_str(), bad.c_str()) == 0) LOGW << "conf file set aside: " << bad << LEND;
+}
+
 StrMap saved_items(const StrMap& store) {
     StrMap saved;
     for (const char* key : kSavedKeys) {
@@ -396,8 +401,17 @@ int Config::init_conf() {
             LOGE << "to open: " << path << ", errno: " << err << LEND;
             return RES_FILE_OPEN;
         }
-        // A token that does not decode to whole cipher blocks throws here and ends as 301.
-        bool loaded = ana_conf(Util::fdecode(token));
+        // A token that does not decode to whole cipher blocks throws here and ends this run as 301.
+        // The file is set aside first, so that the next start fetches afresh instead of failing
+        // the same way for ever.
+        std::string text;
+        try {
+            text = Util::fdecode(token);
+        } catch (...) {
+            set_aside_conf_file(path);
+            throw;
+        }
+        bool loaded = ana_conf(text);
         if (loaded && !refresh_due(get_int("CONF_UPD_GAP"), get_int("CONF_UPD_TIME"), os_time())) {
             return RES_OK;
         }
@@ -435,7 +449,6 @@ bool Config::ana_conf(const std::string& text) {
 }
 
 std::string Config::save_conf(bool write) {
-    std::fstream file;
     try {
         LOGI << "save cnf:" << (write ? 1 : 0) << LEND;
         StrMap saved = saved_items(snapshot());
@@ -451,21 +464,16 @@ std::string Config::save_conf(bool write) {
             LOGW << "null conf path, maybe exiting" << LEND;
             return std::string();
         }
-        // Rewritten in place: a crash mid-write leaves a short file, which the next start treats as
-        // unusable and replaces from the server.
+        // Replaced whole: a crash leaves the old file or the new one, never a torn one.
         const std::string path = root + kConfFileName;
-        file.open(path, std::ios::in | std::ios::out | std::ios::trunc);
-        if (!file.is_open()) {
+        errno = 0;
+        if (!replace_file(path, sealed)) {
             int err = errno;
             LOGE << "to open: " << path << ", errno: " << err << LEND;
-            return text;
         }
-        file << sealed;
-        file.close();
         return text;
     } catch (...) {
         LOGE << "exception save_conf" << LEND;
-        if (file.is_open()) file.close();
         return std::string();
     }
 }
@@ -490,12 +498,13 @@ int Config::get_conf_frm_svr(std::string& conf) {
 
         // The endpoint is built in: CONF_URL steers only the uploads, so a bad CONF_URL handed out
         // once can always be corrected by the next fetch.
-        const std::string reply = curl_http_post(conf_endpoint(), param, 1);
+        long status = 0;
+        const std::string reply = curl_http_post(conf_endpoint(), param, 1, &status);
         if (reply.empty()) {
             LOGE << "http_client" << LEND;
             return RES_NO_REPLY;
         }
-        if (Util::json_item(reply, "status") != "0") {
+        if (status < 200 || status > 299 || Util::json_item(reply, "status") != "0") {
             LOGE << "get_conf_frm_svr" << LEND;
             return RES_SVR_REJECT;
         }

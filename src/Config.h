@@ -39,6 +39,8 @@ public:
     // 0, 204, 205 or 301.
     int get_conf_frm_svr(std::string& conf);
 
+    Mutex& mutex() { return m_; }
+
 private:
     StrMap map_;
     Mutex m_;

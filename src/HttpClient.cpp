@@ -16,6 +16,7 @@
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <errno.h>
+#include <openssl/crypto.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -23,6 +24,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <cstdint>
@@ -37,12 +39,19 @@
 #include "Config.h"
 #include "Log.h"
 #include "OsApi.h"
+#include "Thread.h"
 #include "Util.h"
 #include "Zip.h"
 
 namespace Velto {
 
 namespace {
+
+// OpenSSL frees its global state from an atexit handler by default. A host that leaves main while
+// the background thread is inside a TLS transfer would have that state freed under the thread and
+// crash at exit. Asked before OpenSSL is set up (at load time), it leaves its state to the end of
+// the process instead.
+const bool g_openssl_kept_at_exit = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1;
 
 const char kMultipartHeader[] = "Content-Type:multipart/form-data;boundary=70db372eb000e2ax\r\n";
 const char kFormHeader[] = "Content-Type:application/x-www-form-urlencoded\r\n";
@@ -56,8 +65,10 @@ const size_t kMaxReply = 8u << 20;
 const size_t kMaxPayload = 256u << 20;
 
 const size_t kRecvChunk = 2048;
-const unsigned int kConnectPollUs = 100;
-const unsigned int kRetryWaitUs = 10;
+// How long one poll of a socket or of libcurl lasts before the wait ticks (and checks its bounds).
+const int kPollStepMs = 10;
+// No transfer may hold the background thread for ever, whatever CON_TIMEOUT says.
+const long long kMinTransferMs = 1000;
 
 // Text of an errno value without strerror's shared buffer (either strerror_r flavour).
 inline const char* pick_error_text(int /*xsi_result*/, const char* buf) {
@@ -80,6 +91,27 @@ long long now_seconds() {
 
 bool timed_out(long long since, unsigned int timeout_ms) {
     return (now_seconds() - since) * 1000 >= static_cast<long long>(timeout_ms);
+}
+
+// The hard bound of one whole transfer (connect, send and receive together): twice the configured
+// time-out, as libcurl's whole-transfer time-out has always been, and never less than a second.
+class Deadline {
+  public:
+    explicit Deadline(unsigned int timeout_ms)
+        : end_(std::chrono::steady_clock::now() +
+               std::chrono::milliseconds(std::max(kMinTransferMs, 2LL * timeout_ms))) {}
+    bool passed() const { return std::chrono::steady_clock::now() >= end_; }
+
+  private:
+    std::chrono::steady_clock::time_point end_;
+};
+
+// Waits (a short step at most) for the socket to become ready for events, then lets the waiting
+// thread tick, so that records keep reaching the message file meanwhile.
+void wait_for_socket(int fd, short events) {
+    pollfd p = {fd, events, 0};
+    poll(&p, 1, kPollStepMs);
+    wait_tick();
 }
 
 bool starts_with(const char* text, const char* prefix) {
@@ -119,7 +151,7 @@ bool set_nonblocking(int fd) {
 // Waits for the connection in short steps; readiness counts as connected (a refused connection
 // shows up at the first send). poll rather than select: a host with many open files may hand us a
 // descriptor beyond FD_SETSIZE, which select cannot take.
-bool connect_nonblocking(int fd, const sockaddr_in& addr, unsigned int timeout_ms) {
+bool connect_nonblocking(int fd, const sockaddr_in& addr, unsigned int timeout_ms, const Deadline& deadline) {
     int ret = connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
     if (ret != 0 && errno != EINPROGRESS) {
         LOGE << "unblock connect server failed: " << errno_text(errno) << ", errno: " << ret << LEND;
@@ -128,15 +160,15 @@ bool connect_nonblocking(int fd, const sockaddr_in& addr, unsigned int timeout_m
     const long long start = now_seconds();
     for (;;) {
         pollfd p = {fd, POLLIN | POLLOUT, 0};
-        int ready = poll(&p, 1, 0);
+        int ready = poll(&p, 1, kPollStepMs);
         if (ready < 0 && errno == EINTR) continue;
         if (ready < 0) {
             LOGE << "(select) connect server failed!" << LEND;
             return false;
         }
         if (ready > 0) return true;
-        if ((now_seconds() - start) * 1000 > static_cast<long long>(timeout_ms)) break;
-        os_usleep(kConnectPollUs);
+        if ((now_seconds() - start) * 1000 > static_cast<long long>(timeout_ms) || deadline.passed()) break;
+        wait_tick();
     }
     LOGE << "(select) connect server timeout!" << LEND;
     return false;
@@ -190,7 +222,8 @@ const SendTexts kHeadTexts = {"send head timeout! error: EWOULDBLOCK",
 const SendTexts kDataTexts = {"send data timeout! error: 10035",
                               "send data failed! error: ", "send data failed!"};
 
-bool send_all(int fd, const char* data, size_t len, unsigned int timeout_ms, const SendTexts& texts) {
+bool send_all(int fd, const char* data, size_t len, unsigned int timeout_ms, const Deadline& deadline,
+              const SendTexts& texts) {
     size_t sent = 0;
     long long last = now_seconds();
     while (sent < len) {
@@ -210,17 +243,18 @@ bool send_all(int fd, const char* data, size_t len, unsigned int timeout_ms, con
             LOGE << texts.failed_errno << errno_text(err) << LEND;
             return false;
         }
-        if (timed_out(last, timeout_ms)) {
+        if (timed_out(last, timeout_ms) || deadline.passed()) {
             LOGE << texts.timeout << LEND;
             return false;
         }
-        os_usleep(kRetryWaitUs);
+        wait_for_socket(fd, POLLOUT);
     }
     return true;
 }
 
-// Reads until the server closes. Each chunk is taken as text (a zero byte cuts that chunk).
-bool recv_all(int fd, std::string& reply, const RequestParam* param) {
+// Reads until the server closes. Each chunk is taken as text (a zero byte cuts that chunk). A chunk
+// restarts the quiet-time timer, but not the deadline: a server that drips bytes is cut off too.
+bool recv_all(int fd, std::string& reply, const RequestParam* param, const Deadline& deadline) {
     reply.clear();
     char buf[kRecvChunk + 1];
     long long last = now_seconds();
@@ -234,6 +268,10 @@ bool recv_all(int fd, std::string& reply, const RequestParam* param) {
                 return false;
             }
             last = now_seconds();
+            if (deadline.passed()) {
+                LOGE << "recv timeout! error: " << errno_text(ETIMEDOUT) << LEND;
+                return false;
+            }
             continue;
         }
         if (n == 0) return true;
@@ -244,11 +282,11 @@ bool recv_all(int fd, std::string& reply, const RequestParam* param) {
             LOGE << "recv failed! error: EWOULDBLOCK" << LEND;
             return false;
         }
-        if (param && timed_out(last, param->timeout_ms)) {
+        if ((param && timed_out(last, param->timeout_ms)) || deadline.passed()) {
             LOGE << "recv timeout! error: " << errno_text(err) << LEND;
             return false;
         }
-        os_usleep(kRetryWaitUs);
+        wait_for_socket(fd, POLLIN);
     }
 }
 
@@ -263,15 +301,18 @@ bool exchange(int fd, const std::string& host, int port, const std::string& path
     addr.sin_addr.s_addr = inet_addr(ip.c_str());
     addr.sin_port = htons(static_cast<uint16_t>(port));
     const unsigned int timeout_ms = param ? param->timeout_ms : 0;
-    const bool connected =
-        (param && param->block) ? connect_blocking(fd, addr) : connect_nonblocking(fd, addr, timeout_ms);
+    WaitScope waiting;
+    const Deadline deadline(timeout_ms);
+    const bool connected = (param && param->block) ? connect_blocking(fd, addr)
+                                                   : connect_nonblocking(fd, addr, timeout_ms, deadline);
     if (!connected) return false;
     bool send_body = false;
     const std::string head = build_head(host, path, param, send_body);
-    if (!send_all(fd, head.data(), head.size(), timeout_ms, kHeadTexts)) return false;
-    if (send_body && !send_all(fd, param->body, static_cast<size_t>(param->body_len), timeout_ms, kDataTexts))
+    if (!send_all(fd, head.data(), head.size(), timeout_ms, deadline, kHeadTexts)) return false;
+    if (send_body &&
+        !send_all(fd, param->body, static_cast<size_t>(param->body_len), timeout_ms, deadline, kDataTexts))
         return false;
-    return recv_all(fd, reply, param);
+    return recv_all(fd, reply, param, deadline);
 }
 
 // ---- libcurl client ----
@@ -288,9 +329,44 @@ void set_common_options(CURL* curl, const std::string& url, const RequestParam& 
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &curl_recv_data);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, reply);
     curl_easy_setopt(curl, CURLOPT_IPRESOLVE, static_cast<long>(CURL_IPRESOLVE_V4));
-    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, static_cast<long>(param.timeout_ms / 1000));
-    curl_easy_setopt(curl, CURLOPT_TIMEOUT, static_cast<long>(2ULL * param.timeout_ms / 1000));
+    // Whole seconds, as always, but never 0, which libcurl takes as "no limit".
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, std::max(1L, static_cast<long>(param.timeout_ms / 1000)));
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT, std::max(1L, static_cast<long>(2ULL * param.timeout_ms / 1000)));
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+}
+
+struct MultiDeleter {
+    void operator()(CURLM* m) const { curl_multi_cleanup(m); }
+};
+typedef std::unique_ptr<CURLM, MultiDeleter> MultiPtr;
+
+// curl_easy_perform, driven step by step so that the waiting thread ticks between the steps and no
+// transfer outlives its deadline, whatever libcurl's own time-outs do.
+CURLcode perform_bounded(CURL* easy, unsigned int timeout_ms) {
+    WaitScope waiting;
+    const Deadline deadline(timeout_ms);
+    MultiPtr multi(curl_multi_init());
+    if (!multi || curl_multi_add_handle(multi.get(), easy) != CURLM_OK) return CURLE_OUT_OF_MEMORY;
+    CURLcode result = CURLE_OPERATION_TIMEDOUT;
+    for (;;) {
+        int running = 0;
+        if (curl_multi_perform(multi.get(), &running) != CURLM_OK) {
+            result = CURLE_FAILED_INIT;
+            break;
+        }
+        if (running == 0) {
+            int left = 0;
+            while (CURLMsg* msg = curl_multi_info_read(multi.get(), &left)) {
+                if (msg->msg == CURLMSG_DONE) result = msg->data.result;
+            }
+            break;
+        }
+        if (deadline.passed()) break;
+        curl_multi_poll(multi.get(), nullptr, 0, kPollStepMs, nullptr);
+        wait_tick();
+    }
+    curl_multi_remove_handle(multi.get(), easy);
+    return result;
 }
 
 void add_text_field(curl_httppost** first, curl_httppost** last, const char* name, const std::string& value) {
@@ -414,20 +490,43 @@ RequestParam upload_param(const std::string& body) {
 
 enum class PostResult { kEncodeFailed, kNoReply, kReplied };
 
-// Steps shared by send_msg and send_msg_res: envelope, form body, one POST.
-PostResult post_form(const std::string& data, const char* url, const std::string& field, std::string& reply) {
+// Steps shared by send_msg and send_msg_res: envelope, form body, one POST. status = the reply's
+// HTTP status code (0 when it has none).
+PostResult post_form(const std::string& data, const char* url, const std::string& field, std::string& reply,
+                     long& status) {
     std::string text;
     if (!encode_form_payload(data, text) || text.empty()) return PostResult::kEncodeFailed;
     const std::string body = field + "=" + UrlEncode(text);
     RequestParam param = upload_param(body);
     if (starts_with(url, "https://")) {
-        reply = curl_http_post(url, param, 1);
+        reply = curl_http_post(url, param, 1, &status);
         return reply.empty() ? PostResult::kNoReply : PostResult::kReplied;
     }
-    return http_client(url, reply, &param) ? PostResult::kReplied : PostResult::kNoReply;
+    if (!http_client(url, reply, &param)) return PostResult::kNoReply;
+    status = http_status_of(reply);
+    return PostResult::kReplied;
+}
+
+// A reply counts only with a 2xx status; a server in trouble may still send a body that looks like
+// success.
+bool accepted(const std::string& reply, long status) {
+    return status >= 200 && status <= 299 && Util::json_item(reply, "status") == "0";
 }
 
 }  // namespace
+
+long http_status_of(const std::string& reply) {
+    // "HTTP/1.1 200 OK": the three digits after the first blank of the status line.
+    if (reply.compare(0, 5, "HTTP/") != 0) return 0;
+    const size_t blank = reply.find(' ');
+    if (blank == std::string::npos || blank > 16 || reply.size() < blank + 4) return 0;
+    long code = 0;
+    for (size_t i = blank + 1; i < blank + 4; ++i) {
+        if (reply[i] < '0' || reply[i] > '9') return 0;
+        code = code * 10 + (reply[i] - '0');
+    }
+    return code;
+}
 
 bool parse_http_url(const std::string& url, std::string& host, int& port, std::string& path) {
     static const size_t kScheme = 7;  // "http://"
@@ -478,8 +577,9 @@ bool http_client(const char* url, std::string& reply, RequestParam* param) {
     }
 }
 
-std::string curl_http_post(const std::string& url, RequestParam& param, int mode) {
+std::string curl_http_post(const std::string& url, RequestParam& param, int mode, long* http_status) {
     std::string reply;
+    if (http_status) *http_status = 0;
     try {
         FormPtr form;  // declared first: freed after the handle that points into it
         CurlPtr curl(curl_easy_init());
@@ -498,8 +598,9 @@ std::string curl_http_post(const std::string& url, RequestParam& param, int mode
             form = mode == 2 ? upload_form(param) : plain_form();
             curl_easy_setopt(curl.get(), CURLOPT_HTTPPOST, form.get());
         }
-        CURLcode rc = curl_easy_perform(curl.get());
+        CURLcode rc = perform_bounded(curl.get(), param.timeout_ms);
         if (rc != CURLE_OK) LOGE << "curl_easy_perform() failed: " << curl_easy_strerror(rc) << LEND;
+        if (http_status) curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, http_status);
     } catch (...) {
         LOGE << "Exception, curl_http_post" << LEND;
     }
@@ -515,7 +616,7 @@ std::string curl_http_get(const std::string& url, RequestParam& param) {
             return reply;
         }
         set_common_options(curl.get(), url, param, &reply);
-        CURLcode rc = curl_easy_perform(curl.get());
+        CURLcode rc = perform_bounded(curl.get(), param.timeout_ms);
         if (rc != CURLE_OK) LOGE << "curl_easy_perform failed: " << curl_easy_strerror(rc) << LEND;
     } catch (...) {
         LOGE << "Exception, curl_http_get" << LEND;
@@ -637,7 +738,8 @@ unsigned char FromHex(unsigned char c) {
 int send_msg(const std::string& data, const char* url, const std::string& field) {
     try {
         std::string reply;
-        switch (post_form(data, url, field, reply)) {
+        long status = 0;
+        switch (post_form(data, url, field, reply, status)) {
             case PostResult::kEncodeFailed:
                 return -1;
             case PostResult::kNoReply:
@@ -648,7 +750,7 @@ int send_msg(const std::string& data, const char* url, const std::string& field)
                 break;
         }
         if (reply.size() <= 2) return RES_SVR_REJECT;
-        if (Util::json_item(reply, "status") == "0") return RES_OK;
+        if (accepted(reply, status)) return RES_OK;
         LOGE << "http_client" << LEND;
         return RES_SVR_REJECT;
     } catch (...) {
@@ -666,8 +768,9 @@ int send_file(const std::string& data, const char* url, const std::string& name)
         g_base_info.wait(30);
         std::string reply;
         bool replied = false;
+        long status = 0;
         if (starts_with(url, "https://")) {
-            reply = curl_http_post(url, param, 2);
+            reply = curl_http_post(url, param, 2, &status);
             replied = !reply.empty();
         } else {
             const std::string body = multipart_body(name, payload);
@@ -675,13 +778,14 @@ int send_file(const std::string& data, const char* url, const std::string& name)
             param.body_len = static_cast<int>(body.size());
             param.header = kMultipartHeader;
             replied = http_client(url, reply, &param);
+            status = http_status_of(reply);
         }
         if (!replied) {
             LOGE << "file http_client ret: " << 0 << LEND;
             return RES_NO_REPLY;
         }
         if (reply.size() <= 2) return RES_SVR_REJECT;
-        if (Util::json_item(reply, "status") == "0") return RES_OK;
+        if (accepted(reply, status)) return RES_OK;
         LOGE << "http response: " << reply << LEND;
         return RES_SVR_REJECT;
     } catch (...) {
@@ -693,7 +797,8 @@ int send_file(const std::string& data, const char* url, const std::string& name)
 std::string send_msg_res(const std::string& data, const char* url, const std::string& field) {
     try {
         std::string reply;
-        switch (post_form(data, url, field, reply)) {
+        long status = 0;
+        switch (post_form(data, url, field, reply, status)) {
             case PostResult::kEncodeFailed:
                 return "";
             case PostResult::kNoReply:
@@ -702,7 +807,7 @@ std::string send_msg_res(const std::string& data, const char* url, const std::st
             case PostResult::kReplied:
                 break;
         }
-        if (reply.size() <= 2) return "";
+        if (reply.size() <= 2 || status < 200 || status > 299) return "";
         return Util::json_item(reply, "data");
     } catch (...) {
         LOGE << "Exception, send_msg_res" << LEND;

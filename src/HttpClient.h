@@ -27,11 +27,14 @@ struct RequestParam {
 // read until the server closed. reply holds everything received (status line, headers, body).
 bool http_client(const char* url, std::string& reply, RequestParam* param);
 // Splits an "http://" URL into host, port and path. False (and a log line) for any other scheme.
+// The status code of a raw reply's status line ("HTTP/1.1 200 OK" gives 200); 0 when it has none.
+long http_status_of(const std::string& reply);
 bool parse_http_url(const std::string& url, std::string& host, int& port, std::string& path);
 
 // libcurl POST. mode 1: URL-encoded body; 2: multipart file upload; 3: form "reqformat"="plain".
 // Returns the reply with its headers, "" on failure.
-std::string curl_http_post(const std::string& url, RequestParam& param, int mode);
+// http_status, when given, receives the final response's status code (0 without a response).
+std::string curl_http_post(const std::string& url, RequestParam& param, int mode, long* http_status = nullptr);
 std::string curl_http_get(const std::string& url, RequestParam& param);
 // libcurl write callback: appends at most size * count bytes (up to a zero byte) to *reply.
 size_t curl_recv_data(void* ptr, size_t size, size_t count, void* reply);
@@ -45,8 +48,8 @@ std::string UrlDecode(const std::string& text);
 unsigned char ToHex(unsigned char x);
 unsigned char FromHex(unsigned char c);
 
-// Uploads one payload as the form field `field`. 0 success; -1 nothing to send; 204 reply without
-// "status" 0; 205 no reply.
+// Uploads one payload as the form field `field`. 0 success; -1 nothing to send; 204 a reply that is
+// not 2xx or has no "status" 0; 205 no reply.
 int send_msg(const std::string& data, const char* url, const std::string& field);
 // Uploads a file as a multipart form under the upload name `name`. 0, -1, 204 or 205.
 int send_file(const std::string& data, const char* url, const std::string& name);

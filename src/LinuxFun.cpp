@@ -13,6 +13,8 @@
 #include <unistd.h>
 #include <uuid/uuid.h>
 
+#include <cctype>
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -33,7 +35,11 @@ const char kMachineIdPath[] = "/etc/machine-id";
 
 // Upper bounds for what is read from disk: nothing found there may make us allocate without limit.
 const size_t kMaxUuidFileBytes = 4096;
-const size_t kMaxPrefsFileBytes = 4 * 1024 * 1024;
+const size_t kMaxPrefsFileBytes = 1024 * 1024;
+// libplist parses and frees nested arrays and dictionaries recursively, so a hostile file nested deep
+// enough would overflow the host's stack inside data_init. A preferences file is two or three levels
+// deep; anything nested beyond this is rejected before it is parsed.
+const int kMaxPrefsNesting = 64;
 const size_t kMaxExePathBytes = 64 * 1024;
 
 // The two flavours of strerror_r (GNU returns the text, XSI fills the buffer) behind one call.
@@ -144,12 +150,145 @@ struct PlistFree {
 };
 typedef std::unique_ptr<void, PlistFree> PlistPtr;
 
-// The dictionary of a property-list file (XML or binary); null when unreadable or not a dictionary.
+bool starts_with(const std::string& s, size_t pos, const char* prefix) {
+    return s.compare(pos, strlen(prefix), prefix) == 0;
+}
+
+// True when no <dict> or <array> element of an XML property list lies deeper than max_depth. Works
+// on the raw text without parsing it; text inside strings cannot hold a '<', so only markup counts.
+bool xml_nesting_ok(const std::string& xml, int max_depth) {
+    int depth = 0;
+    for (size_t lt = xml.find('<'); lt != std::string::npos; lt = xml.find('<', lt + 1)) {
+        const bool closing = starts_with(xml, lt + 1, "/");
+        const size_t name = lt + (closing ? 2 : 1);
+        size_t name_len;
+        if (starts_with(xml, name, "dict")) {
+            name_len = 4;
+        } else if (starts_with(xml, name, "array")) {
+            name_len = 5;
+        } else {
+            continue;
+        }
+        const size_t after = name + name_len;
+        if (after < xml.size() && (isalnum(static_cast<unsigned char>(xml[after])) || xml[after] == '_'))
+            continue;  // another element whose name starts the same way
+        if (closing) {
+            --depth;
+            continue;
+        }
+        const size_t gt = xml.find('>', after);
+        if (gt != std::string::npos && xml[gt - 1] == '/') continue;  // <dict/>: empty, no nesting
+        if (++depth > max_depth) return false;
+    }
+    return true;
+}
+
+// Big-endian unsigned integer of n bytes (n <= 8) at p.
+uint64_t read_be(const unsigned char* p, size_t n) {
+    uint64_t v = 0;
+    for (size_t i = 0; i < n; ++i) v = (v << 8) | p[i];
+    return v;
+}
+
+// The object table of a binary property list ("bplist00"): header, objects, offset table, and a
+// 32-byte trailer giving the sizes of offsets and object references, the object count, the top
+// object and where the offset table starts.
+class BinaryPlist {
+  public:
+    explicit BinaryPlist(const std::string& data)
+        : p_(reinterpret_cast<const unsigned char*>(data.data())), size_(data.size()) {}
+
+    // True when the table is consistent and no container lies deeper than max_depth below the top.
+    // Walks the object graph without recursion; an object reached again no deeper than before is not
+    // walked again, so shared objects cost nothing and a cycle ends at the depth limit.
+    bool nesting_ok(int max_depth) {
+        if (!read_trailer()) return false;
+        std::vector<unsigned char> walked(static_cast<size_t>(count_), 0);  // deepest visit + 1
+        struct Frame {
+            uint64_t refs, left;  // position of the next reference, references left
+            int depth;
+        };
+        std::vector<Frame> stack;
+        uint64_t object = top_;
+        int depth = 0;
+        for (;;) {
+            if (depth > max_depth) return false;
+            if (walked[object] <= depth) {
+                walked[object] = static_cast<unsigned char>(depth + 1);
+                Frame f = {0, 0, depth};
+                if (!children(object, f.refs, f.left)) return false;
+                if (f.left > 0) stack.push_back(f);
+            }
+            // The next reference still to follow, from the innermost container that has one.
+            while (!stack.empty() && stack.back().left == 0) stack.pop_back();
+            if (stack.empty()) return true;
+            Frame& top = stack.back();
+            object = read_be(p_ + top.refs, ref_size_);
+            if (object >= count_) return false;
+            top.refs += ref_size_;
+            --top.left;
+            depth = top.depth + 1;
+        }
+    }
+
+  private:
+    static const size_t kTrailer = 32;
+
+    bool read_trailer() {
+        if (size_ < 8 + kTrailer) return false;
+        const unsigned char* t = p_ + size_ - kTrailer;
+        offset_size_ = t[6];
+        ref_size_ = t[7];
+        count_ = read_be(t + 8, 8);
+        top_ = read_be(t + 16, 8);
+        table_ = read_be(t + 24, 8);
+        if (offset_size_ < 1 || offset_size_ > 8 || ref_size_ < 1 || ref_size_ > 8) return false;
+        const uint64_t end = size_ - kTrailer;
+        return count_ >= 1 && top_ < count_ && table_ >= 8 && table_ <= end &&
+               count_ <= (end - table_) / offset_size_;
+    }
+
+    // Where the references of an object start and how many there are (none for a non-container).
+    bool children(uint64_t object, uint64_t& refs, uint64_t& n) {
+        const uint64_t at = read_be(p_ + table_ + object * offset_size_, offset_size_);
+        if (at < 8 || at >= table_) return false;
+        const unsigned char marker = p_[at];
+        const unsigned kind = marker >> 4;
+        n = 0;
+        if (kind != 0xA && kind != 0xC && kind != 0xD) return true;  // array, set, dictionary
+        n = marker & 0x0F;
+        refs = at + 1;
+        if (n == 0x0F) {  // the count follows as an integer object of 1, 2, 4 or 8 bytes
+            if (refs >= table_ || (p_[refs] & 0xF0) != 0x10 || (p_[refs] & 0x0F) > 3) return false;
+            const size_t bytes = size_t(1) << (p_[refs] & 0x0F);
+            if (refs + 1 + bytes > table_) return false;
+            n = read_be(p_ + refs + 1, bytes);
+            refs += 1 + bytes;
+        }
+        if (kind == 0xD) {
+            if (n > (table_ - refs) / ref_size_ / 2) return false;
+            n *= 2;  // keys, then values
+        }
+        return n <= (table_ - refs) / ref_size_;
+    }
+
+    const unsigned char* p_;
+    uint64_t size_;
+    size_t offset_size_ = 0, ref_size_ = 0;
+    uint64_t count_ = 0, top_ = 0, table_ = 0;
+};
+
+// The dictionary of a property-list file (XML or binary); null when unreadable, too large, nested
+// too deep or not a dictionary.
 PlistPtr load_dict(const std::string& path) {
     std::string data;
     if (!read_file_bounded(path, kMaxPrefsFileBytes, data) || data.empty()) return nullptr;
+    const uint32_t len = static_cast<uint32_t>(data.size());
+    const bool shallow = plist_is_binary(data.data(), len) ? BinaryPlist(data).nesting_ok(kMaxPrefsNesting)
+                                                           : xml_nesting_ok(data, kMaxPrefsNesting);
+    if (!shallow) return nullptr;
     plist_t root = nullptr;
-    plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
+    plist_from_memory(data.data(), len, &root);
     PlistPtr dict(root);
     if (!dict || plist_get_node_type(dict.get()) != PLIST_DICT) return nullptr;
     return dict;
@@ -200,12 +339,12 @@ class LinuxClientIdLeaves : public Velto::ClientIdLeaves {
         if (!dict) return "";
         plist_t item = plist_dict_get_item(dict.get(), kClientIdKey);
         if (!item || plist_get_node_type(item) != PLIST_STRING) return "";
-        char* val = nullptr;
-        plist_get_string_val(item, &val);
-        if (!val) return "";
-        std::string id(val);
-        free(val);
-        return id;
+        // Read with its length: a string with a NUL byte inside is no id (and would make libplist's
+        // own string copy abort the process).
+        uint64_t len = 0;
+        const char* text = plist_get_string_ptr(item, &len);
+        if (!text || strnlen(text, len) != len) return "";
+        return std::string(text, len);
     }
 
     // A file that does not hold a readable dictionary is replaced by one holding just the id: the
@@ -283,6 +422,14 @@ std::string get_guid_impl() {
     text[33] = '}';
     text[34] = '\0';
     return text;
+}
+
+bool write_file_synced_impl(const std::string& path, const char* data, size_t len) {
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    bool ok = write_all(fd, data, len) && fsync(fd) == 0;
+    if (close(fd) != 0) ok = false;
+    return ok;
 }
 
 std::string get_client_sign_impl(const std::string& /*brand*/) {

@@ -23,6 +23,8 @@ namespace {
 
 const char kMsgName[] = "sdk.msg";
 const char kJournalName[] = "sdk.msg.bak";
+// A journal that cannot be trusted is kept under this name for a look, never restored.
+const char kBadJournalName[] = "sdk.msg.bak.bad";
 const char kSetAsidePrefix[] = "MSG_PRE_";
 const size_t kSetAsidePrefixLen = sizeof(kSetAsidePrefix) - 1;
 // A journal shorter than this cannot hold a record line; it is left over from an emptied rewrite.
@@ -42,6 +44,18 @@ std::string root_dir() {
 bool truncate_file(const std::string& path) {
     std::fstream f(path, kRewriteMode);
     return f.is_open();
+}
+
+std::string joined_lines(const StrList& lines) {
+    size_t total = 0;
+    for (const std::string& line : lines) total += line.size() + 1;
+    std::string text;
+    text.reserve(total);
+    for (const std::string& line : lines) {
+        text += line;
+        text += '\n';
+    }
+    return text;
 }
 
 // Writes every line followed by a line feed and flushes once; false when the stream went bad.
@@ -70,13 +84,24 @@ bool split_record_line(const std::string& line, long long& time, size_t& payload
     return true;
 }
 
-// The record text of a payload; "" for a payload that does not decode (cipher errors included).
+// The record text of a payload; "" for a payload that does not decode (cipher errors included),
+// and for one that is not a whole JSON object: a line cut short by a crash can still decode, to
+// the first part of its record, which must not travel as a record of its own.
 std::string decode_payload(const std::string& line, size_t payload_pos) {
     try {
-        return Util::fdecode(line.substr(payload_pos));
+        std::string record = Util::fdecode(line.substr(payload_pos));
+        if (record.size() < 2 || record.front() != '{' || record.back() != '}') return std::string();
+        return record;
     } catch (...) {
         return std::string();
     }
+}
+
+// True when the line is a record line whose payload decodes to a record.
+bool is_record_line(const std::string& line) {
+    long long time = 0;
+    size_t payload_pos = 0;
+    return split_record_line(line, time, payload_pos) && !decode_payload(line, payload_pos).empty();
 }
 
 int negated_count(long long dropped) {
@@ -124,6 +149,28 @@ bool reopen_truncated(std::fstream& fs, const std::string& msg_path) {
     return reopen(fs, msg_path, kRewriteMode);
 }
 
+// The journal's whole text when it can be trusted: complete (every line ended) and every line a
+// record. A journal is only ever renamed into place once complete, so anything else is damage,
+// which must never replace the intact records of "sdk.msg".
+bool read_trusted_journal(std::fstream& journal, std::string& text, long long& bad_line) {
+    journal.clear();
+    journal.seekg(0, std::ios::beg);
+    text.clear();
+    bad_line = 0;
+    std::string line;
+    long long number = 0;
+    while (std::getline(journal, line)) {
+        ++number;
+        if (journal.eof() || !is_record_line(line)) {  // eof: the last line has no line feed
+            bad_line = number;
+            return false;
+        }
+        text += line;
+        text += '\n';
+    }
+    return !text.empty();
+}
+
 // A journal of 10 bytes or more is a rewrite that did not finish: its lines replace "sdk.msg".
 // REQUIRES: fs is open on "sdk.msg".
 int restore_from_journal(std::fstream& fs, const std::string& path) {
@@ -132,27 +179,48 @@ int restore_from_journal(std::fstream& fs, const std::string& path) {
     std::fstream journal(journal_path, kAppendMode);
     if (!journal.is_open() || stream_length(journal) < kJournalMinBytes) return RES_OK;
 
-    if (!reopen_truncated(fs, msg_path)) {
+    std::string text;
+    long long bad_line = 0;
+    const bool trusted = read_trusted_journal(journal, text, bad_line);
+    journal.close();
+    if (!trusted) {
+        LOGW << "journal not restored, bad line: " << bad_line << LEND;
+        if (std::rename(journal_path.c_str(), (path + kBadJournalName).c_str()) != 0)
+            std::remove(journal_path.c_str());
+        return RES_OK;
+    }
+    fs.close();
+    if (!replace_file(msg_path, text)) {
         // The journal stays, so the next open tries again.
         LOGE << "open msg file: " << path << LEND;
+        reopen(fs, msg_path, kAppendMode);
         return RES_FILE_OPEN;
     }
-    journal.clear();
-    journal.seekg(0, std::ios::beg);
-    std::string line;
-    while (std::getline(journal, line)) {
-        fs.write(line.data(), static_cast<std::streamsize>(line.size()));
-        fs.put('\n');
-    }
-    fs.flush();
-    journal.close();
-    truncate_file(journal_path);
+    if (!truncate_file(journal_path)) std::remove(journal_path.c_str());
+    fault_point("sdk.msg.bak: restored and emptied");
     // Back to the usual mode, so that appends land at the end whatever is read in between.
     if (!reopen(fs, msg_path, kAppendMode)) {
         LOGE << "open msg file: " << path << LEND;
         return RES_FILE_OPEN;
     }
     return RES_OK;
+}
+
+// A last line without its line feed was cut short by a crash; ending it keeps the next record from
+// being glued to the fragment (the fragment alone is dropped on reading).
+// REQUIRES: fs is open on "sdk.msg" for appending.
+void end_torn_line(std::fstream& fs) {
+    fs.clear();
+    fs.seekg(0, std::ios::end);
+    if (fs.tellg() <= 0) return;
+    fs.seekg(-1, std::ios::end);
+    char last = '\n';
+    fs.get(last);
+    fs.clear();
+    if (last != '\n') {
+        fs.put('\n');
+        fs.flush();
+    }
 }
 
 }  // namespace
@@ -176,7 +244,9 @@ int MsgFile::open() {
             LOGE << "open msg file: " << path << LEND;
             return RES_FILE_OPEN;
         }
-        return restore_from_journal(fs_, path);
+        const int restored = restore_from_journal(fs_, path);
+        if (fs_.is_open()) end_torn_line(fs_);
+        return restored;
     } catch (...) {
         LOGE << "Exception open_msg_fp" << LEND;
         return RES_MSG_EXCEPTION;
@@ -322,27 +392,23 @@ int MsgFile::roll_msg(long long begin, long long max_count, long long max_bytes,
             LOGI << "roll_msg null" << LEND;
             return reopen_truncated(fs_, msg_path) ? 0 : -1;
         }
+        // The journal appears only complete (written aside, flushed, renamed into place): from then
+        // on a crash at any step below is repaired from it at the next open.
         const std::string journal_path = path + kJournalName;
-        {
-            std::fstream journal(journal_path, kRewriteMode);
-            if (!journal.is_open()) {
-                LOGE << "fp_back open" << LEND;
-                return -1;
-            }
-            if (!write_lines(journal, raw_lines)) {
-                // A partial journal would replace the intact file at the next open.
-                journal.close();
-                truncate_file(journal_path);
-                LOGE << "fp_back write" << LEND;
-                return -1;
-            }
+        if (!replace_file(journal_path, joined_lines(raw_lines))) {
+            LOGE << "fp_back open" << LEND;
+            return -1;
         }
         if (!reopen_truncated(fs_, msg_path)) {
             LOGE << "msg_fp open" << LEND;
             return -1;
         }
+        fault_point("sdk.msg: emptied for the rewrite");
         write_lines(fs_, raw_lines);
-        truncate_file(journal_path);
+        fault_point("sdk.msg: rewritten");
+        // An emptied journal is never restored; one that cannot be emptied must not stay either.
+        if (!truncate_file(journal_path)) std::remove(journal_path.c_str());
+        fault_point("sdk.msg.bak: emptied");
         return 0;
     } catch (...) {
         open();
@@ -358,6 +424,7 @@ bool set_aside(MsgFile& store, const std::string& root, long long now) {
     const std::string name = kSetAsidePrefix + get_guid() + Util::ltoa(now);
     store.close();
     const bool renamed = rename_file(root, kMsgName, name);
+    if (renamed) fault_point("sdk.msg: set aside");
     store.open();
     if (!renamed) {
         LOGE << "rename: " << root << name << LEND;
@@ -385,6 +452,7 @@ bool send_set_aside(MsgFile& store, const std::string& path, const std::string& 
         LOGW << "snd old msgs: " << path << ", ret: " << r << LEND;
         return false;
     }
+    fault_point("MSG_PRE_: uploaded");
     std::remove(path.c_str());
     return true;
 }

@@ -5,7 +5,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <errno.h>
+
 #include <atomic>
+#include <cstdio>
 #include <map>
 
 #include "BaseInfo.h"
@@ -55,6 +58,10 @@ std::mutex* get_mutex(int id) {
     return it == r.mutexes.end() ? nullptr : it->second;
 }
 
+void mutex_registry_lock() { registry().guard.lock(); }
+
+void mutex_registry_unlock() { registry().guard.unlock(); }
+
 void Mutex::init() {
     if (id_ >= 0) return;
     id_ = new_mutex();
@@ -84,6 +91,27 @@ void set_fault_hook(FaultHook hook) { g_fault_hook.store(hook); }
 void fault_point(const char* step) {
     FaultHook hook = g_fault_hook.load();
     if (hook) hook(step);
+}
+
+bool replace_file(const std::string& path, const std::string& bytes) {
+    const std::string tmp = path + ".tmp";
+    const std::string name = path.substr(path.rfind('/') + 1);
+    if (!os_impl::write_file_synced_impl(tmp, bytes.data(), bytes.size())) {
+        const int err = errno;  // the caller reports the write's reason, not the clean-up's
+        std::remove(tmp.c_str());
+        errno = err;
+        return false;
+    }
+    fault_point((name + ": temporary file written").c_str());
+    std::string error;
+    if (!os_impl::rename_file_impl(tmp, path, error)) {
+        const int err = errno;
+        std::remove(tmp.c_str());
+        errno = err;
+        return false;
+    }
+    fault_point((name + ": replaced").c_str());
+    return true;
 }
 
 int get_pid() { return os_impl::get_pid_impl(); }

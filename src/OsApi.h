@@ -15,6 +15,9 @@ namespace Velto {
 void mutex_init();
 int new_mutex();
 std::mutex* get_mutex(int id);  // null for an id not issued
+// The registry's own lock, held across fork.
+void mutex_registry_lock();
+void mutex_registry_unlock();
 
 // A handle on a registered, plain (non-recursive) mutex. A value inside every shared object;
 // init() before first use, idempotent.
@@ -62,6 +65,11 @@ bool rename_file(const std::string& dir, const std::string& old_name, const std:
 // Names of every entry of dir except "." and "..", in directory order; empty for dir shorter than 3.
 void get_files(const std::string& dir, StrList& out);
 std::string get_guid();  // "{" + 32 lower-case hex digits + "}"
+
+// Replaces the file at path with bytes so that a crash at any moment leaves either the old file or
+// the new one, never a torn one: the bytes go to path + ".tmp", are flushed to the disk, and the
+// temporary file is renamed over path. False (the old file untouched) when any step fails.
+bool replace_file(const std::string& path, const std::string& bytes);
 
 // Test seam of the file rewrites: every step of a rewrite that a crash could interrupt (a temporary
 // file written, a rename done, a file emptied) calls fault_point with the step's name. Without a

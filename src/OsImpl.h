@@ -20,6 +20,8 @@ std::string get_sdk_version_impl();
 bool rename_file_impl(const std::string& from, const std::string& to, std::string& error);
 void get_files_impl(const std::string& dir, Velto::StrList& out);
 std::string get_guid_impl();
+// Writes the whole of data to path (created or emptied first) and flushes it to the disk.
+bool write_file_synced_impl(const std::string& path, const char* data, size_t len);
 // The client id, always wrapped in braces. brand is not used.
 std::string get_client_sign_impl(const std::string& brand);
 

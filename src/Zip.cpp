@@ -17,7 +17,8 @@
 
 namespace Velto {
 
-const std::string base64_chars = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+// Never destroyed: the background thread may still encode while the host exits.
+const std::string& base64_chars = *new std::string("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/");
 
 namespace {
 

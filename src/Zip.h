@@ -8,7 +8,7 @@
 
 namespace Velto {
 
-extern const std::string base64_chars;
+extern const std::string& base64_chars;
 
 // Pads (value 16 - len % 16, no extra block when len is a multiple of 16), enciphers and writes the
 // Base64 text with its terminating zero to out, which must hold 4 * ceil(n / 3) + 1 bytes where n is

@@ -240,9 +240,10 @@ int data_init(const char* root, const char* brand) {
 
         g_base_info.clear();
         g_base_info.set("tstart", Util::ltoa(start));
-        g_base_info.set("BRAND", brand);
-        g_base_info.set("did", Velto::get_client_sign());  // reads "BRAND", so it comes after it
-        g_base_info.set("procname", Velto::get_pname());
+        // Escaped like every host text, so that each record stays one valid JSON object on one line.
+        g_base_info.set("BRAND", Util::trim_json(brand));
+        g_base_info.set("did", Util::trim_json(Velto::get_client_sign()));  // reads "BRAND": after it
+        g_base_info.set("procname", Util::trim_json(Velto::get_pname()));
         g_base_info.set("procid", Util::ltoa(Velto::get_pid()));
         g_base_info.set("modver", Velto::get_sdk_version());
 
@@ -267,8 +268,8 @@ void data_stop(void) {
         if (is_initialised()) LOGI << "data_stop" << LEND;
         g_back_run.set_running(0);
         g_back_run.stop();
-        // Also without data_init: harmless for libcurl, and kept so on purpose.
-        curl_global_cleanup();
+        // libcurl is not cleaned up: the background thread may still be inside a transfer (stop
+        // does not wait for it), and a cleanup under it crashes the host. The process's end frees it.
         return 0;
     });
 }
@@ -316,7 +317,7 @@ int data_base_ext(const char* key, const char* value) {
         if (g_base_info.count() < BaseInfo::kComplete) return Velto::RES_BASE_INCOMPLETE;
         if (!is_running()) return Velto::RES_STOPPED;
         if (!length_in(key, 1, kMaxName) || !length_in(value, 1, kMaxName)) return Velto::RES_BAD_ARG;
-        g_base_info.set(key, Util::trim_json(value));
+        g_base_info.set(Util::trim_json(key), Util::trim_json(value));
         return Velto::RES_OK;
     });
 }

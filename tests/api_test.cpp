@@ -41,9 +41,12 @@ TEST(Api, BeforeInit) {
         EXPECT_EQ(106, data_base_ext("k", "v"));
         EXPECT_EQ(0, data_changestate(1));    // already in the foreground
         EXPECT_EQ(106, data_changestate(0));  // the "bg" event is refused
-        data_stop();                          // safe, and stops the library for good
+        data_stop();  // safe, and does not keep a later data_init from starting
         EXPECT_EQ(207, data_event("c", "a", nullptr, 0));
         EXPECT_FALSE(vtest::file_exists(root + "/sdk.log"));
+        ASSERT_EQ(0, data_init(root.c_str(), "brand"));
+        EXPECT_EQ(106, data_event("c", "a", nullptr, 0));
+        EXPECT_EQ(0, apitest::give_base_info());
     });
 }
 
@@ -56,7 +59,7 @@ TEST(Api, InitStoresStartupFieldsAndOpensLog) {
         Velto::StrMap base;
         Velto::g_base_info.copy(base);
         EXPECT_EQ(6u, base.size());
-        EXPECT_EQ("brand\"x", base["BRAND"]);  // not escaped
+        EXPECT_EQ("brand\\\"x", base["BRAND"]);  // escaped like every host text
         EXPECT_EQ("api_test", base["procname"]);
         EXPECT_EQ(std::to_string(getpid()), base["procid"]);
         EXPECT_EQ("1.1.1.1113", base["modver"]);

@@ -122,7 +122,7 @@ TEST(BaseInfo, Extension) {
         EXPECT_EQ(0, data_base_ext(s64.c_str(), s64.c_str()));
         EXPECT_EQ(0, data_base_ext("k\"", "v/"));  // the key is taken as it is, the value escaped
         EXPECT_EQ(0, data_base_ext("uip", "x"));
-        expect_fields({{"k\"", "v\\/"}, {"uip", "x"}, {s64, s64}});
+        expect_fields({{"k\\\"", "v\\/"}, {"uip", "x"}, {s64, s64}});
         EXPECT_EQ(0, Velto::Cache::obj_->count());
         data_stop();
         EXPECT_EQ(207, data_base_ext("k", "v"));

@@ -97,7 +97,7 @@ TEST_F(MsgStore, JournalOfTenBytesOrMoreReplacesTheFile) {
     const std::string cases[][3] = {
         // journal, sdk.msg after open, journal after open
         {"123456789", "old\n", "123456789"},
-        {"1234567890", "1234567890\n", ""},
+        {"1234567890", "old\n", ""},  // not a record line: set aside, never restored
         {lines, lines, ""},
     };
     for (const auto& c : cases) {
@@ -110,7 +110,7 @@ TEST_F(MsgStore, JournalOfTenBytesOrMoreReplacesTheFile) {
 
 TEST_F(MsgStore, CheckDropDeletesOnlyAboveTheLimit) {
     for (long long size : {6291456, 6291457}) {
-        vtest::write_file(file("sdk.msg"), std::string(size, 'x'));
+        vtest::write_file(file("sdk.msg"), std::string(size - 1, 'x') + "\n");
         EXPECT_EQ(size > 6291456, store_.check_drop());
         EXPECT_EQ(size > 6291456 ? 0 : size, vtest::file_size(file("sdk.msg")));  // reopened empty
     }
@@ -136,7 +136,7 @@ TEST_F(MsgStore, RollByAgeKeepsNewerLinesOrEmptiesTheFile) {
 
 TEST_F(MsgStore, CountAndByteLimitsKeepTheNewest) {
     std::string content;  // five lines of 100-byte records "aaa...", "bbb...", ...
-    for (int i = 0; i < 5; ++i) content += vtest::msg_line(now_ + i, std::string(100, 'a' + i));
+    for (int i = 0; i < 5; ++i) content += vtest::msg_line(now_ + i, "{" + std::string(98, 'a' + i) + "}");
     const size_t line_len = content.size() / 5;
     struct Case {
         long long max_count, max_bytes;
@@ -148,7 +148,7 @@ TEST_F(MsgStore, CountAndByteLimitsKeepTheNewest) {
         StrList got;
         EXPECT_EQ(c.kept - 5, read(got, c.max_count, c.max_bytes));
         ASSERT_EQ(static_cast<size_t>(c.kept), got.size());
-        EXPECT_EQ(static_cast<char>('a' + 5 - c.kept), got.front()[0]);
+        EXPECT_EQ(static_cast<char>('a' + 5 - c.kept), got.front()[1]);
         EXPECT_EQ(0, roll(0, c.max_count, c.max_bytes));
         EXPECT_EQ(content.substr(content.size() - c.kept * line_len), msg());
     }
