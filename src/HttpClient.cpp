@@ -82,15 +82,15 @@ std::string errno_text(int err) {
     return pick_error_text(strerror_r(err, buf, sizeof buf), buf);
 }
 
-// Time-outs are measured in whole seconds, as the configured time-outs always were.
-long long now_seconds() {
-    return std::chrono::duration_cast<std::chrono::seconds>(
+long long now_ms() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::steady_clock::now().time_since_epoch())
         .count();
 }
 
+// A phase (connecting, sending, a pause in the reply) may be quiet for CON_TIMEOUT, at least a second.
 bool timed_out(long long since, unsigned int timeout_ms) {
-    return (now_seconds() - since) * 1000 >= static_cast<long long>(timeout_ms);
+    return now_ms() - since >= std::max(kMinTransferMs, static_cast<long long>(timeout_ms));
 }
 
 // The hard bound of one whole transfer (connect, send and receive together): twice the configured
@@ -157,7 +157,7 @@ bool connect_nonblocking(int fd, const sockaddr_in& addr, unsigned int timeout_m
         LOGE << "unblock connect server failed: " << errno_text(errno) << ", errno: " << ret << LEND;
         return false;
     }
-    const long long start = now_seconds();
+    const long long start = now_ms();
     for (;;) {
         pollfd p = {fd, POLLIN | POLLOUT, 0};
         int ready = poll(&p, 1, kPollStepMs);
@@ -167,7 +167,7 @@ bool connect_nonblocking(int fd, const sockaddr_in& addr, unsigned int timeout_m
             return false;
         }
         if (ready > 0) return true;
-        if ((now_seconds() - start) * 1000 > static_cast<long long>(timeout_ms) || deadline.passed()) break;
+        if (timed_out(start, timeout_ms) || deadline.passed()) break;
         wait_tick();
     }
     LOGE << "(select) connect server timeout!" << LEND;
@@ -225,12 +225,12 @@ const SendTexts kDataTexts = {"send data timeout! error: 10035",
 bool send_all(int fd, const char* data, size_t len, unsigned int timeout_ms, const Deadline& deadline,
               const SendTexts& texts) {
     size_t sent = 0;
-    long long last = now_seconds();
+    long long last = now_ms();
     while (sent < len) {
         ssize_t n = send(fd, data + sent, len - sent, MSG_NOSIGNAL);
         if (n > 0) {
             sent += static_cast<size_t>(n);
-            last = now_seconds();
+            last = now_ms();
             continue;
         }
         if (n == 0) {
@@ -257,7 +257,7 @@ bool send_all(int fd, const char* data, size_t len, unsigned int timeout_ms, con
 bool recv_all(int fd, std::string& reply, const RequestParam* param, const Deadline& deadline) {
     reply.clear();
     char buf[kRecvChunk + 1];
-    long long last = now_seconds();
+    long long last = now_ms();
     for (;;) {
         ssize_t n = recv(fd, buf, kRecvChunk, 0);
         if (n > 0) {
@@ -267,7 +267,7 @@ bool recv_all(int fd, std::string& reply, const RequestParam* param, const Deadl
                 LOGE << "recv failed! reply larger than " << kMaxReply << LEND;
                 return false;
             }
-            last = now_seconds();
+            last = now_ms();
             if (deadline.passed()) {
                 LOGE << "recv timeout! error: " << errno_text(ETIMEDOUT) << LEND;
                 return false;
@@ -317,11 +317,30 @@ bool exchange(int fd, const std::string& host, int port, const std::string& path
 
 // ---- libcurl client ----
 
+// Whether the server's certificate is checked is chosen when the library is built (CMake option
+// VELTO_TLS_VERIFY). Off, any certificate is taken, so collectors with self-signed certificates work
+// without set-up. On, the certificate must be valid for the host and chain to a trusted authority:
+// the CA bundle named by the environment variable VELTO_CA_BUNDLE, else the bundle chosen at build
+// time, else libcurl's default store. A named bundle is the only trust: the default directory of
+// certificates is not consulted next to it. A certificate that does not verify fails the transfer.
+#ifndef VELTO_TLS_VERIFY
+#define VELTO_TLS_VERIFY 0
+#endif
+#ifndef VELTO_CA_BUNDLE
+#define VELTO_CA_BUNDLE ""
+#endif
+
 void set_common_options(CURL* curl, const std::string& url, const RequestParam& param, std::string* reply) {
     if (url.compare(0, 8, "https://") == 0) {
-        // The collection server's certificate is deliberately not checked.
-        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
-        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
+        const bool verify = VELTO_TLS_VERIFY;
+        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, verify ? 1L : 0L);
+        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, verify ? 2L : 0L);
+        const char* bundle = verify ? getenv("VELTO_CA_BUNDLE") : nullptr;
+        if (verify && (bundle == nullptr || *bundle == '\0')) bundle = VELTO_CA_BUNDLE;
+        if (bundle != nullptr && *bundle != '\0') {
+            curl_easy_setopt(curl, CURLOPT_CAINFO, bundle);
+            curl_easy_setopt(curl, CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+        }
     }
     curl_easy_setopt(curl, CURLOPT_HEADER, 1L);
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
@@ -329,9 +348,11 @@ void set_common_options(CURL* curl, const std::string& url, const RequestParam& 
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &curl_recv_data);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, reply);
     curl_easy_setopt(curl, CURLOPT_IPRESOLVE, static_cast<long>(CURL_IPRESOLVE_V4));
-    // Whole seconds, as always, but never 0, which libcurl takes as "no limit".
-    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, std::max(1L, static_cast<long>(param.timeout_ms / 1000)));
-    curl_easy_setopt(curl, CURLOPT_TIMEOUT, std::max(1L, static_cast<long>(2ULL * param.timeout_ms / 1000)));
+    // The same bounds as the socket client's, never below a second (0 would mean "no limit").
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS,
+                     static_cast<long>(std::max(kMinTransferMs, static_cast<long long>(param.timeout_ms))));
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS,
+                     static_cast<long>(std::max(kMinTransferMs, 2LL * param.timeout_ms)));
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
 }
 

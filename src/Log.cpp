@@ -250,6 +250,8 @@ const size_t kBackupMinBytes = 10;
 
 void empty_file(const std::string& path) {
     std::ofstream f(path, std::ios::out | std::ios::trunc);
+    f.close();
+    fault_point("sdk.log.bak: emptied after its upload");
 }
 
 // The backup's lines, each followed by a line feed; "" when there is no backup.
@@ -274,25 +276,29 @@ long long size_threshold(long long max_log_kib) {
 }
 
 // Copies the live log into the backup (line breaks kept) and returns its lines run together for
-// the upload; the live log is emptied. False when either file cannot be opened or emptied.
+// the upload; the live log is emptied only once the backup is whole on disk, so a crash or a full
+// disk in between loses no line. False when the log cannot be read, the backup not written, or the
+// log not emptied.
 // REQUIRES: the log's stream closed and its mutex held; logs nothing.
 bool move_log_aside(const std::string& log_path, const std::string& backup_path, std::string& upload) {
     upload.clear();
+    std::string kept;
     {
-        std::fstream log_in(log_path, std::ios::in | std::ios::out);
+        std::ifstream log_in(log_path);
         if (!log_in.is_open()) return false;
-        std::fstream backup(backup_path, std::ios::in | std::ios::out | std::ios::trunc);
-        if (!backup.is_open()) return false;
         std::string line;
         while (std::getline(log_in, line)) {
             upload += line;
-            backup.write(line.data(), static_cast<std::streamsize>(line.size()));
-            backup.put('\n');
+            kept += line;
+            kept += '\n';
         }
-        backup.flush();
     }
+    if (!replace_file(backup_path, kept)) return false;
     std::ofstream truncated(log_path, std::ios::out | std::ios::trunc);
-    return truncated.is_open();
+    const bool emptied = truncated.is_open();
+    truncated.close();
+    fault_point("sdk.log: emptied into its backup");
+    return emptied;
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 // The two HTTP clients against loopback collectors (exact request heads, time-outs, hostile
 // replies), URL parsing, name resolution and the form encoding helpers.
-#include <random>
-
 #include "transport_fixture.h"
 
 using transporttest::bounded;
@@ -124,7 +122,6 @@ TEST_F(TransportTest, NoReplyFailsWithinTheTimeout) {
     }
 
     const std::string url = "http://" + closed;
-    EXPECT_EQ(205, bounded([&] { return Velto::send_msg("{}x", silent.url().c_str(), "data"); }));
     EXPECT_EQ(205, bounded([&] { return Velto::send_msg("{}x", url.c_str(), "data"); }));
     EXPECT_TRUE(logged("msg http_client ret: 0"));
     EXPECT_EQ(205, bounded([&] { return Velto::send_file("{}x", url.c_str(), "a.log"); }));
@@ -138,14 +135,10 @@ TEST_F(TransportTest, NoReplyFailsWithinTheTimeout) {
 }
 
 TEST_F(TransportTest, HostileRepliesGiveAResultNotACrash) {
-    std::mt19937 rng(7);
-    std::string noise(6000, '\0');
-    for (char& c : noise) c = static_cast<char>(rng());
     struct {
         RawMode mode;
         std::string reply;
-    } cases[] = {{RawMode::kRawBytes, noise},
-                 {RawMode::kRawBytes, std::string("\0{\"status\":0}", 13)},
+    } cases[] = {{RawMode::kRawBytes, std::string("\0{\"status\":0}", 13)},
                  {RawMode::kRawBytes, "HTTP/1.1 200 OK\r\nContent-Length: 900\r\n\r\n{\"sta"},
                  {RawMode::kResetMidReply, "HTTP/1.1 200 OK\r\nContent-Len"},
                  {RawMode::kClose, ""}};

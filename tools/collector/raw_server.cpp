@@ -170,6 +170,7 @@ void RawServer::accept_loop() {
         int fd = accept(listen_fd_, nullptr, nullptr);
         if (fd < 0) continue;
         ++connections_;
+        ++open_;
         RawMode mode;
         std::string reply;
         int delay_ms;
@@ -184,6 +185,7 @@ void RawServer::accept_loop() {
         conn.done = done;
         conn.thread = std::thread([this, fd, mode, reply, delay_ms, done] {
             serve(fd, mode, reply, delay_ms);
+            --open_;
             *done = true;
         });
         conns_.push_back(std::move(conn));
@@ -238,6 +240,15 @@ void RawServer::serve(int fd, RawMode mode, const std::string& reply, int delay_
             send_all(fd, reply);
             reset_and_close(fd);
             return;
+        case RawMode::kDripFeed:
+            // A slow server, or one that keeps a client busy on purpose: every byte is news, so a
+            // client whose time-out restarts on each one would wait for the whole reply.
+            for (size_t i = 0; i < reply.size() && !stop_; ++i) {
+                if (!send_all(fd, reply.substr(i, 1))) break;
+                for (int waited = 0; waited < delay_ms && !stop_; waited += 5)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            }
+            break;
     }
     close(fd);
 }

@@ -36,6 +36,7 @@ enum class RawMode {
     kClose,          // close right after reading the request, answering nothing
     kRawBytes,       // send the reply body exactly as given (no HTTP framing), then close
     kResetMidReply,  // send the reply body exactly as given, then reset the connection
+    kDripFeed,       // send the reply body exactly as given one byte every delay_ms, then close
 };
 
 class RawServer {
@@ -56,6 +57,7 @@ class RawServer {
 
     std::vector<RawRequest> requests() const;
     size_t connections() const { return connections_; }  // accepted so far
+    size_t open_connections() const { return open_; }    // accepted and not yet closed
     // Waits (bounded) until at least n requests were recorded.
     bool wait_for_requests(size_t n, int timeout_ms) const;
 
@@ -78,6 +80,7 @@ class RawServer {
     int port_ = 0;
     std::atomic<bool> stop_{false};
     std::atomic<size_t> connections_{0};
+    std::atomic<size_t> open_{0};
     std::thread acceptor_;
     std::list<Conn> conns_;  // touched by the accept thread and stop() only
 
