@@ -1,17 +1,23 @@
 // Tests of the client identity: the order of sources and storage rules over fake leaves, the
-// wrapping and cleaning of "did", and the Linux leaves on a temporary home directory.
+// wrapping and cleaning of "did", the Linux leaves on a temporary home directory, and data_init over
+// damaged or hostile preferences files.
 #include "ClientSign.h"
 
 #include <ctype.h>
 #include <gtest/gtest.h>
 #include <plist/plist.h>
+#include <pthread.h>
 #include <stdlib.h>
 
 #include <filesystem>
 #include <map>
+#include <vector>
 
+#include "BaseInfo.h"
+#include "ComInc.h"
 #include "OsApi.h"
 #include "scenario.h"
+#include "velto.h"
 
 namespace {
 
@@ -105,56 +111,199 @@ TEST(ClientSign, WrapAndSanitize) {
     EXPECT_EQ("{", Velto::wrap_client_id("{"));
 }
 
+// The preferences file of a HOME directory.
+std::string prefs_dir(const std::string& home) {
+    return home + "/Library/Preferences";
+}
+std::string prefs_path(const std::string& home) {
+    return prefs_dir(home) + "/com.orvexa.helper_compact.plist";
+}
+
+typedef std::map<std::string, std::string> Prefs;
+
+// The string members of the preferences file's dictionary; {"?": content} when unreadable.
+Prefs read_prefs(const std::string& home) {
+    std::string xml = vtest::read_file(prefs_path(home));
+    plist_t root = nullptr;
+    plist_from_memory(xml.data(), static_cast<uint32_t>(xml.size()), &root);
+    if (!root || plist_get_node_type(root) != PLIST_DICT) return {{"?", xml}};
+    Prefs out;
+    plist_dict_iter it = nullptr;
+    plist_dict_new_iter(root, &it);
+    char* key = nullptr;
+    plist_t val = nullptr;
+    for (plist_dict_next_item(root, it, &key, &val); key; plist_dict_next_item(root, it, &key, &val)) {
+        uint64_t len = 0;
+        const char* text = plist_get_string_ptr(val, &len);
+        out[key] = text ? std::string(text, len) : "<not a string>";
+        free(key);
+    }
+    free(it);
+    plist_free(root);
+    return out;
+}
+
+const char kXmlHead[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">";
+
+std::string xml_plist(const std::string& body) {
+    return kXmlHead + body + "</plist>\n";
+}
+
+void write_prefs(const std::string& home, const std::string& bytes) {
+    std::filesystem::create_directories(prefs_dir(home));
+    vtest::write_file(prefs_path(home), bytes);
+}
+
+// A new id is the platform UUID in braces, or the random form when the machine has none.
+void expect_new_id(const std::string& id) {
+    std::string uuid = Velto::platform_client_id_leaves().platform_uuid();
+    if (!uuid.empty()) {
+        EXPECT_EQ("{" + uuid + "}", id);
+    } else {
+        EXPECT_TRUE(id.size() == 40 && id.compare(0, 2, "{[") == 0 && id.compare(38, 2, "]}") == 0 &&
+                    is_upper_uuid(id.substr(2, 36)))
+            << id;
+    }
+}
+
+// A binary property list of n arrays, each holding the next; the last one holds the first (cyclic) or
+// nothing. References and offsets take 3 bytes.
+std::string binary_chain(uint32_t n, bool cyclic) {
+    auto be3 = [](std::string& out, uint64_t v) {
+        for (int shift = 16; shift >= 0; shift -= 8) out += static_cast<char>((v >> shift) & 0xFF);
+    };
+    std::string out = "bplist00";
+    std::vector<uint64_t> offsets;
+    for (uint32_t i = 0; i < n; ++i) {
+        offsets.push_back(out.size());
+        bool last = i + 1 == n;
+        out += static_cast<char>(last && !cyclic ? 0xA0 : 0xA1);
+        if (!last || cyclic) be3(out, last ? 0 : i + 1);
+    }
+    uint64_t table = out.size();
+    for (uint64_t at : offsets) be3(out, at);
+    out += std::string(6, '\0') + "\x03\x03";
+    for (uint64_t v : {uint64_t(n), uint64_t(0), table})
+        for (int shift = 56; shift >= 0; shift -= 8) out += static_cast<char>((v >> shift) & 0xFF);
+    return out;
+}
+
+// A dictionary of strings in libplist's binary form.
+std::string binary_dict(const Prefs& values) {
+    plist_t dict = plist_new_dict();
+    for (const auto& kv : values) plist_dict_set_item(dict, kv.first.c_str(), plist_new_string(kv.second.c_str()));
+    char* bin = nullptr;
+    uint32_t len = 0;
+    plist_to_bin(dict, &bin, &len);
+    std::string out(bin, len);
+    free(bin);
+    plist_free(dict);
+    return out;
+}
+
+// data_init on a thread with a small stack, as a host may call it from a worker thread.
+int init_on_small_stack(const std::string& root) {
+    struct Call {
+        const std::string* root;
+        int result;
+    } call = {&root, -1};
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, 512 * 1024);
+    pthread_t thread;
+    auto body = [](void* arg) -> void* {
+        Call* c = static_cast<Call*>(arg);
+        c->result = data_init(c->root->c_str(), "brand");
+        return nullptr;
+    };
+    if (pthread_create(&thread, &attr, body, &call) == 0) pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attr);
+    return call.result;
+}
+
+// A dictionary holding depth nested arrays.
+std::string nested_xml(int depth) {
+    std::string body = "<dict><key>deep</key>";
+    for (int i = 0; i < depth; ++i) body += "<array>";
+    for (int i = 0; i < depth; ++i) body += "</array>";
+    return xml_plist(body + "</dict>");
+}
+
+struct PrefsCase {
+    const char* name;
+    std::string (*bytes)();
+    const char* did;  // nullptr: a fresh id
+};
+
+const PrefsCase kPrefsCases[] = {
+    {"StoredIdCleaned",
+     [] { return xml_plist("<dict><key>client ID</key><string>my id\xC3\xA9xyz1</string></dict>"); },
+     "{my0id00xyz1}"},
+    {"BinaryFile", [] { return binary_dict({{"client ID", "{binary-id-01}"}, {"x", "y"}}); }, "{binary-id-01}"},
+    {"ShallowNestingKept",
+     [] {
+         return xml_plist("<dict><key>a</key><array><dict/><array><dict><key>b</key><true/></dict></array></array>"
+                          "<key>client ID</key><string>{shallow-id-1}</string></dict>");
+     },
+     "{shallow-id-1}"},
+    {"NulInsideId",
+     [] {
+         return xml_plist(std::string("<dict><key>client ID</key><string>0123") + '\0' +
+                          "456789abc</string></dict>");
+     },
+     nullptr},
+    {"IntegerId", [] { return xml_plist("<dict><key>client ID</key><integer>12345678901</integer></dict>"); },
+     nullptr},
+    {"DictionaryId",
+     [] { return xml_plist("<dict><key>client ID</key><dict><key>a</key><string>0123456789</string></dict></dict>"); },
+     nullptr},
+    {"RootIsArray", [] { return xml_plist("<array><string>client ID</string><string>0123456789</string></array>"); },
+     nullptr},
+    {"TruncatedXml", [] { return std::string(kXmlHead) + "<dict><key>client ID</key><string>0123"; }, nullptr},
+    {"BinaryJunk", [] { return std::string("\x00\xff\x13\x37junk\x80\x81", 10); }, nullptr},
+    {"BinaryHeaderJunkTable", [] { return "bplist00" + std::string(40, '\xEE'); }, nullptr},
+    {"OverOneMiB",
+     [] {
+         return xml_plist("<dict><key>client ID</key><string>{too-large-1}</string><key>pad</key><string>" +
+                          std::string(1 << 20, 'p') + "</string></dict>");
+     },
+     nullptr},
+    {"XmlNested65000Deep", [] { return nested_xml(65000); }, nullptr},
+    {"BinaryNested100000Deep", [] { return binary_chain(100000, false); }, nullptr},
+    {"BinaryCycle", [] { return binary_chain(3, true); }, nullptr},
+};
+
+void PrintTo(const PrefsCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
+// Whatever the preferences file holds, data_init succeeds; an id that cannot be read cleanly gives a
+// fresh one, which the file then holds. Each case is one process.
+class PrefsFile : public ::testing::TestWithParam<PrefsCase> {};
+
+TEST_P(PrefsFile, DataInitGetsUsableId) {
+    const PrefsCase& c = GetParam();
+    RUN_SCENARIO({
+        const std::string home = getenv("HOME");
+        write_prefs(home, c.bytes());
+        ASSERT_EQ(0, init_on_small_stack(root));
+        const std::string did = Velto::g_base_info["did"];
+        if (c.did) {
+            EXPECT_EQ(c.did, did);
+        } else {
+            expect_new_id(did);
+            EXPECT_EQ(did, read_prefs(home)["client ID"]);
+        }
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(Contents, PrefsFile, ::testing::ValuesIn(kPrefsCases),
+                         [](const ::testing::TestParamInfo<PrefsCase>& info) { return info.param.name; });
+
 // The Linux leaves, with HOME moved to a temporary directory for the process of this test.
 class LinuxLeaves : public ::testing::Test {
   protected:
-    typedef std::map<std::string, std::string> Prefs;
-
     void SetUp() override { setenv("HOME", home_.path().c_str(), 1); }
-
-    std::string prefs_dir() const { return home_.path() + "/Library/Preferences"; }
-    std::string prefs_path() const { return prefs_dir() + "/com.orvexa.helper_compact.plist"; }
-
-    // The string members of the preferences file's dictionary; {"?": content} when unreadable.
-    Prefs read_prefs() const {
-        std::string xml = vtest::read_file(prefs_path());
-        plist_t root = nullptr;
-        plist_from_memory(xml.data(), static_cast<uint32_t>(xml.size()), &root);
-        if (!root || plist_get_node_type(root) != PLIST_DICT) return {{"?", xml}};
-        Prefs out;
-        plist_dict_iter it = nullptr;
-        plist_dict_new_iter(root, &it);
-        char* key = nullptr;
-        plist_t val = nullptr;
-        for (plist_dict_next_item(root, it, &key, &val); key; plist_dict_next_item(root, it, &key, &val)) {
-            uint64_t len = 0;
-            const char* text = plist_get_string_ptr(val, &len);
-            out[key] = text ? std::string(text, len) : "<not a string>";
-            free(key);
-        }
-        free(it);
-        plist_free(root);
-        return out;
-    }
-
-    void write_prefs(const Prefs& values) {
-        std::filesystem::create_directories(prefs_dir());
-        std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>";
-        for (const auto& kv : values) xml += "<key>" + kv.first + "</key><string>" + kv.second + "</string>";
-        vtest::write_file(prefs_path(), xml + "</dict></plist>\n");
-    }
-
-    // A new id is the platform UUID in braces, or the random form when the machine has none.
-    void expect_new_id(const std::string& id) {
-        std::string uuid = leaves_.platform_uuid();
-        if (!uuid.empty()) {
-            EXPECT_EQ("{" + uuid + "}", id);
-        } else {
-            EXPECT_TRUE(id.size() == 40 && id.compare(0, 2, "{[") == 0 && id.compare(38, 2, "]}") == 0 &&
-                        is_upper_uuid(id.substr(2, 36)))
-                << id;
-        }
-    }
 
     vtest::TempDir home_;
     ClientIdLeaves& leaves_ = Velto::platform_client_id_leaves();
@@ -168,37 +317,22 @@ TEST_F(LinuxLeaves, UuidForms) {
 }
 
 TEST_F(LinuxLeaves, NewFileCreatedAndReadBack) {
+    const std::string& home = home_.path();
     ASSERT_FALSE(leaves_.prefs_exists());
     std::string id = Velto::client_sign(leaves_);
     expect_new_id(id);
-    EXPECT_EQ((Prefs{{"client ID", id}}), read_prefs());
+    EXPECT_EQ((Prefs{{"client ID", id}}), read_prefs(home));
     Velto::StrList files;
-    Velto::get_files(prefs_dir(), files);
+    Velto::get_files(prefs_dir(home), files);
     EXPECT_EQ(1u, files.size());  // no temporary file left behind
-
     EXPECT_EQ(id, Velto::client_sign(leaves_));
-    write_prefs({{"client ID", "{stored-elsewhere}"}});
-    EXPECT_EQ("{stored-elsewhere}", Velto::client_sign(leaves_));
 }
 
 TEST_F(LinuxLeaves, ShortIdReplacedOtherKeysKept) {
-    write_prefs({{"client ID", "012345678"}, {"Client Sign", "x"}, {"other", "keep me"}});
+    write_prefs(home_.path(), binary_dict({{"client ID", "012345678"}, {"Client Sign", "x"}, {"other", "keep me"}}));
     std::string id = Velto::client_sign(leaves_);
     expect_new_id(id);
-    EXPECT_EQ((Prefs{{"client ID", id}, {"Client Sign", "x"}, {"other", "keep me"}}), read_prefs());
-}
-
-TEST_F(LinuxLeaves, UnreadableFileReplaced) {
-    write_prefs({});
-    vtest::write_file(prefs_path(), "<?xml version=\"1.0\"?><plist><dict><key>client ID</key><string>0123");
-    std::string id = Velto::client_sign(leaves_);
-    expect_new_id(id);
-    EXPECT_EQ((Prefs{{"client ID", id}}), read_prefs());
-}
-
-TEST_F(LinuxLeaves, DidFromStoredId) {
-    write_prefs({{"client ID", "my id\xC3\xA9xyz1"}});
-    EXPECT_EQ("{my0id00xyz1}", Velto::get_client_sign());
+    EXPECT_EQ((Prefs{{"client ID", id}, {"Client Sign", "x"}, {"other", "keep me"}}), read_prefs(home_.path()));
 }
 
 }  // namespace
