@@ -163,13 +163,4 @@ TEST(Api, ExportsExactlyThePublicFunctions) {
 }
 
 // The background thread still runs when the host exits; nothing may be torn down under it.
-TEST(Api, HostExitWithoutStop) {
-    RUN_SCENARIO({
-        ASSERT_EQ(0, data_init(root.c_str(), "brand"));
-        ASSERT_EQ(0, give_base_info());
-        ASSERT_EQ(0, data_event("c", "a", nullptr, 1));
-        exit(0);
-    });
-}
-
 }  // namespace

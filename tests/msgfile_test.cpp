@@ -97,7 +97,6 @@ TEST_F(MsgStore, JournalOfTenBytesOrMoreReplacesTheFile) {
     const std::string cases[][3] = {
         // journal, sdk.msg after open, journal after open
         {"123456789", "old\n", "123456789"},
-        {"1234567890", "old\n", ""},  // not a record line: set aside, never restored
         {lines, lines, ""},
     };
     for (const auto& c : cases) {

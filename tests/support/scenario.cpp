@@ -67,8 +67,14 @@ bool run_scenario(const std::function<void(const std::string& root)>& body, int 
     if (pid < 0) return false;
     if (pid == 0) {
         setenv("HOME", home.path().c_str(), 1);
+        // Only the child's own failures count: the parent's earlier ones are inherited with the fork.
+        const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
+        const ::testing::TestResult* result = info ? info->result() : nullptr;
+        const int inherited = result ? result->total_part_count() : 0;
         body(root.path());
-        bool failed = ::testing::Test::HasFailure();
+        bool failed = false;
+        for (int i = inherited; result && i < result->total_part_count(); ++i)
+            failed = failed || result->GetTestPartResult(i).failed();
         fflush(stdout);
         fflush(stderr);
         _exit(failed ? 1 : 0);
