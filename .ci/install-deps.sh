@@ -7,7 +7,7 @@ PACKAGES=(
   build-essential cmake pkg-config git
   libcurl4-openssl-dev zlib1g-dev uuid-dev libplist-dev libssl-dev libcpp-httplib-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  binutils ca-certificates
+  binutils ca-certificates dpkg-dev
 )
 
 missing=()

@@ -13,6 +13,13 @@
 #ifndef VELTO_H
 #define VELTO_H
 
+/* The library's version: the same as the file version of libVelto.so and the version of its CMake
+ * and pkg-config packages. */
+#define VELTO_VERSION_MAJOR 1
+#define VELTO_VERSION_MINOR 1
+#define VELTO_VERSION_PATCH 1
+#define VELTO_VERSION_STRING "1.1.1"
+
 #if defined(__GNUC__)
 #define VELTO_API __attribute__((visibility("default")))
 #else
@@ -113,14 +120,8 @@ VELTO_API int data_experience(const char* category, const char* action, const ch
  */
 VELTO_API int data_changestate(int foreground);
 
-/** Test entry point: writes "api get: <n>" into buf. Returns 0, or 301 for a null buffer. */
-VELTO_API int call_test(int n, char* buf);
-
 #ifdef __cplusplus
 } /* extern "C" */
-
-/** Test entry point with a C++ name: stores "y" at buf and returns 5. */
-VELTO_API int call_test3(int n, char* buf);
 #endif
 
 #endif /* VELTO_H */

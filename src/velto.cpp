@@ -2,6 +2,7 @@
 // foreground/background changes and the two test entry points. They run on the host's threads; the
 // API lock serialises them, and none lets an exception out (every failure is a result code).
 #include "velto.h"
+#include "velto_test.h"
 
 #include <curl/curl.h>
 

@@ -17,6 +17,7 @@
 #include "Util.h"
 #include "scenario.h"
 #include "velto.h"
+#include "velto_test.h"
 
 namespace apitest {
 

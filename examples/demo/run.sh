@@ -2,18 +2,24 @@
 # The demo, end to end on this machine: installs what is missing, builds the library with its
 # collection host aimed at a local velto-collector, starts the collector on loopback, runs the demo
 # host, shows the records as they arrived and what was left on disk, and stops the collector.
+# VELTO_JOBS sets the build's parallelism (default: the number of processors); the build shows its
+# own progress. The demo host keeps its files (and its HOME) in a scratch directory removed at the end.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 
 HTTPS_PORT="${VELTO_DEMO_HTTPS_PORT:-18443}"
 HTTP_PORT="${VELTO_DEMO_HTTP_PORT:-18080}"
 build=build-demo
+jobs="${VELTO_JOBS:-$(nproc 2>/dev/null || echo 2)}"
+case "$jobs" in
+  ''|*[!0-9]*|0) echo "VELTO_JOBS must be a positive number, not '$jobs'" >&2; exit 2 ;;
+esac
 
 bash .ci/install-deps.sh
-echo "== building (collection host 127.0.0.1:$HTTPS_PORT)"
+echo "== building in $build with $jobs jobs (collection host 127.0.0.1:$HTTPS_PORT)"
 cmake -S . -B "$build" -DVELTO_COLLECT_HOST="127.0.0.1:$HTTPS_PORT" \
       -DVELTO_BUILD_TESTS=OFF -DVELTO_BUILD_BENCH=OFF >/dev/null
-cmake --build "$build" -j "$(nproc)" --target velto-collector velto-demo velto-decode >/dev/null
+cmake --build "$build" -j "$jobs" --target velto-collector velto-demo velto-decode
 
 work="$(mktemp -d)"
 collector_pid=""
@@ -44,7 +50,8 @@ if ! kill -0 "$collector_pid" 2>/dev/null; then
 fi
 
 echo "== running the demo host"
-"$build/examples/velto-demo" "$work/root"
+mkdir -p "$work/home"
+HOME="$work/home" "$build/examples/velto-demo" "$work/root"
 
 echo "== what the library left in its root directory (velto-decode)"
 "$build/tools/velto-decode" "$work/root" | tail -n 1

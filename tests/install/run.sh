@@ -1,22 +1,17 @@
 #!/usr/bin/env bash
-# Installs the built library into a temporary prefix and builds a tiny consumer against it twice:
-# with find_package(Velto) and with pkg-config. Usage: run.sh BUILD_DIR
+# Installs the built library into a temporary prefix, component by component, and checks the result
+# with check-prefix.sh. Usage: run.sh BUILD_DIR VERSION [tools]
 set -euo pipefail
-build="$1"
+trap 'echo "$(basename "$0"): failed at line $LINENO: $BASH_COMMAND" >&2' ERR
+build="$1" version="$2" tools="${3:-}"
 here="$(cd "$(dirname "$0")" && pwd)"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 
+# The runtime component alone is the shared library under its SONAME and its full version.
+cmake --install "$build" --prefix "$work/runtime" --component runtime >/dev/null
+[ "$(cd "$work/runtime" && find . ! -type d -printf '%f ' | tr ' ' '\n' | sort | xargs)" = \
+  "libVelto.so.1 libVelto.so.$version" ]
+
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
-libdir="$(ls -d "$work"/prefix/lib*/ | head -n 1)"
-
-cmake -S "$here" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
-cmake --build "$work/cmake-build" >/dev/null
-out="$(LD_LIBRARY_PATH="$libdir" "$work/cmake-build/consumer")"
-[ "$out" = "api get: 7" ]
-
-cc "$here/consumer.c" -o "$work/consumer-pc" \
-   $(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs velto)
-out="$(LD_LIBRARY_PATH="$libdir" "$work/consumer-pc")"
-[ "$out" = "api get: 7" ]
-echo "consumer built and ran with find_package and with pkg-config"
+bash "$here/check-prefix.sh" "$work/prefix" "$version" "$work" $tools

@@ -235,6 +235,9 @@ bool TlsServer::ok() const {
 int TlsServer::port() const {
     return impl_->port;
 }
+std::string TlsServer::cert_path() const {
+    return impl_->cert_path();
+}
 std::string TlsServer::host_port() const {
     return "127.0.0.1:" + std::to_string(impl_->port);
 }

@@ -43,6 +43,8 @@ class TlsServer {
     std::string url(const std::string& path = "") const;  // "https://127.0.0.1:<port>" + path
     // The host:port form the configuration endpoint setting takes.
     std::string host_port() const;
+    // The PEM file of the server's self-signed certificate, for clients that verify it.
+    std::string cert_path() const;
 
     void set_reply(const std::string& body);                           // every path
     void set_reply(const std::string& path, const std::string& body);  // one path

@@ -4,6 +4,7 @@
 // library's own socket client), on 127.0.0.1 only.
 //
 //   velto-collector --https-port N --http-port M --records FILE --cert-dir DIR [--conf FILE.json]
+//   velto-collector --help | --version
 //
 // Every received record is printed as one readable line and appended to FILE as one JSON object per
 // line, for grep and jq. Ctrl-C (SIGINT) or SIGTERM prints a summary by record kind and exits 0.
@@ -33,6 +34,7 @@
 #include "Zip.h"
 #include "payload.h"
 #include "tls_server.h"
+#include "velto.h"
 
 namespace {
 
@@ -53,7 +55,8 @@ const char kUsage[] =
     "  --http-port M    plain-HTTP port on 127.0.0.1 (for CONF_URL values that start with http://)\n"
     "  --records FILE   received records are appended here, one JSON object per line\n"
     "  --cert-dir DIR   cert.pem and key.pem; a self-signed pair is made when missing\n"
-    "  --conf FILE      the /v1/conf reply: a whole reply with \"status\", or just the \"conf\" object\n";
+    "  --conf FILE      the /v1/conf reply: a whole reply with \"status\", or just the \"conf\" object\n"
+    "  --help           this text;  --version  its version, which is the library's\n";
 
 // ---- small text helpers ----
 
@@ -625,7 +628,6 @@ bool parse_port(const char* text, int& port) {
 bool parse_args(int argc, char** argv, Options& opt) {
     for (int i = 1; i < argc; ++i) {
         const std::string flag = argv[i];
-        if (flag == "--help" || flag == "-h") return false;
         if (i + 1 >= argc) {
             fprintf(stderr, "velto-collector: %s needs a value\n", flag.c_str());
             return false;
@@ -713,6 +715,16 @@ int run(const Options& opt) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
+            fputs(kUsage, stdout);
+            return 0;
+        }
+        if (strcmp(argv[i], "--version") == 0) {
+            printf("velto-collector %s\n", VELTO_VERSION_STRING);
+            return 0;
+        }
+    }
     Options opt;
     if (!parse_args(argc, argv, opt)) {
         fputs(kUsage, stderr);

@@ -2,6 +2,7 @@
 //
 //   velto-decode ROOT_DIR          every known file of the directory, then a summary
 //   velto-decode FILE...           sdk.cf, sdk.msg, sdk.msg.bak or a MSG_PRE_ batch
+//   velto-decode --help | --version
 //
 // Each record of a message file becomes one line {"file":..,"line":N,"time":T,"record":{..}}; a line
 // the library would skip becomes {"file":..,"line":N,"invalid":"reason"}. The configuration becomes
@@ -20,6 +21,7 @@
 
 #include "Util.h"
 #include "payload.h"
+#include "velto.h"
 
 namespace {
 
@@ -184,11 +186,26 @@ int decode_file(const std::string& path) {
     return 0;
 }
 
+const char kUsage[] =
+    "usage: velto-decode ROOT_DIR | FILE...\n"
+    "  ROOT_DIR   every file the library keeps in its root directory, then a summary line\n"
+    "  FILE       sdk.cf, sdk.msg, sdk.msg.bak or a MSG_PRE_ batch\n"
+    "Prints JSON lines; exit status 1 when a path cannot be read.\n"
+    "  --help     this text;  --version  its version, which is the library's\n";
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 2 && (std::string(argv[1]) == "--help" || std::string(argv[1]) == "-h")) {
+        std::cout << kUsage;
+        return 0;
+    }
+    if (argc == 2 && std::string(argv[1]) == "--version") {
+        std::cout << "velto-decode " << VELTO_VERSION_STRING << "\n";
+        return 0;
+    }
     if (argc < 2) {
-        std::cerr << "usage: velto-decode ROOT_DIR | FILE...\n";
+        std::cerr << kUsage;
         return 2;
     }
     int rc = 0;
