@@ -45,8 +45,7 @@ TEST(Api, BeforeInit) {
         EXPECT_EQ(207, data_event("c", "a", nullptr, 0));
         EXPECT_FALSE(vtest::file_exists(root + "/sdk.log"));
         ASSERT_EQ(0, data_init(root.c_str(), "brand"));
-        EXPECT_EQ(106, data_event("c", "a", nullptr, 0));
-        EXPECT_EQ(0, apitest::give_base_info());
+        EXPECT_EQ(106, data_event("c", "a", nullptr, 0));  // running again, waiting for base information
     });
 }
 
