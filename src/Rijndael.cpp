@@ -1,10 +1,17 @@
 // The library's own Rijndael cipher: keys and blocks of 16, 24 or 32 bytes, ECB/CBC/CFB chaining.
-// Its user is the payload envelope (Zip.cpp), which makes one object per message on whatever thread
-// encodes or decodes; an object is not shared between threads, the constant tables are.
+// Its user is the payload envelope (Zip.cpp), which keeps one object keyed with the built-in key for
+// the whole process and runs CBC on it from any thread, each call with its own chain block.
+// 16-byte blocks go through the AES instructions where the processor has them (chosen at run time);
+// the table code serves every other processor and the 24- and 32-byte blocks, with the same bytes.
 #include "Rijndael.h"
 
 #include <cstring>
 #include <exception>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <cpuid.h>
+#include <immintrin.h>
+#endif
 
 namespace Velto {
 
@@ -533,6 +540,13 @@ inline uint32_t load_word(const char* p) {
            (uint32_t(uint8_t(p[2])) << 8) | uint32_t(uint8_t(p[3]));
 }
 
+inline void store_word(uint32_t w, uint8_t* p) {
+    p[0] = uint8_t(w >> 24);
+    p[1] = uint8_t(w >> 16);
+    p[2] = uint8_t(w >> 8);
+    p[3] = uint8_t(w);
+}
+
 inline uint8_t byte_of(uint32_t w, int shift) {
     return uint8_t(w >> shift);
 }
@@ -541,10 +555,133 @@ bool valid_length(int n) {
     return n == 16 || n == 24 || n == 32;
 }
 
+inline void xor_into(char* buff, const char* other, size_t n) {
+    for (size_t i = 0; i < n; i++) buff[i] ^= other[i];
+}
+
 }  // namespace
 
+#if defined(__x86_64__) || defined(__i386__)
+#define VELTO_AESNI 1
+// The AES instructions. Only these functions are compiled for them; the rest of the library stays
+// baseline x86, and HardwareAes() decides at run time whether they may be called at all. Round keys
+// are the table schedule's words as bytes (m_hwKe, m_hwKd): the decryption keys of the table code
+// already carry InvMixColumns, which is exactly what AESDEC expects.
+namespace {
+
+#define VELTO_AESNI_FN __attribute__((target("aes,sse4.1")))
+
+bool cpu_has_aes() {
+    unsigned a = 0, b = 0, c = 0, d = 0;
+    if (!__get_cpuid(1, &a, &b, &c, &d)) return false;
+    return (c & bit_AES) != 0 && (c & bit_SSE4_1) != 0;
+}
+
+VELTO_AESNI_FN inline __m128i load(const void* p) {
+    return _mm_loadu_si128(static_cast<const __m128i*>(p));
+}
+
+VELTO_AESNI_FN inline void store(void* p, __m128i v) {
+    _mm_storeu_si128(static_cast<__m128i*>(p), v);
+}
+
+VELTO_AESNI_FN void hw_encrypt_block(const uint8_t* keys, int rounds, const char* in, char* out) {
+    __m128i x = _mm_xor_si128(load(in), load(keys));
+    for (int r = 1; r < rounds; r++) x = _mm_aesenc_si128(x, load(keys + 16 * r));
+    store(out, _mm_aesenclast_si128(x, load(keys + 16 * rounds)));
+}
+
+VELTO_AESNI_FN void hw_decrypt_block(const uint8_t* keys, int rounds, const char* in, char* out) {
+    __m128i x = _mm_xor_si128(load(in), load(keys));
+    for (int r = 1; r < rounds; r++) x = _mm_aesdec_si128(x, load(keys + 16 * r));
+    store(out, _mm_aesdeclast_si128(x, load(keys + 16 * rounds)));
+}
+
+// CBC encryption is one long dependency chain; all it can do is keep the round keys in registers
+// and take the first round key off that chain (it is XORed into the plaintext, not the chain).
+template <int Nr>
+VELTO_AESNI_FN void hw_cbc_encrypt(const uint8_t* keys, const char* in, char* out, size_t blocks, char* chain) {
+    __m128i k[Nr + 1];
+#pragma GCC unroll 15
+    for (int r = 0; r <= Nr; r++) k[r] = load(keys + 16 * r);
+    __m128i c = load(chain);
+    for (size_t i = 0; i < blocks; i++) {
+        __m128i x = _mm_xor_si128(_mm_xor_si128(load(in + 16 * i), k[0]), c);
+#pragma GCC unroll 14
+        for (int r = 1; r < Nr; r++) x = _mm_aesenc_si128(x, k[r]);
+        c = _mm_aesenclast_si128(x, k[Nr]);
+        store(out + 16 * i, c);
+    }
+    store(chain, c);
+}
+
+// CBC decryption has no chain through the cipher: eight blocks go through the rounds side by side,
+// which keeps both AES units of a core busy. Every input block is read before any output is written,
+// so in and out may be the same buffer.
+template <int Nr>
+VELTO_AESNI_FN void hw_cbc_decrypt(const uint8_t* keys, const char* in, char* out, size_t blocks, char* chain) {
+    const int W = 8;
+    __m128i prev = load(chain);
+    size_t i = 0;
+    for (; i + W <= blocks; i += W) {
+        __m128i c[W], x[W];
+        const __m128i k0 = load(keys);
+#pragma GCC unroll 8
+        for (int j = 0; j < W; j++) {
+            c[j] = load(in + 16 * (i + j));
+            x[j] = _mm_xor_si128(c[j], k0);
+        }
+#pragma GCC unroll 14
+        for (int r = 1; r < Nr; r++) {
+            const __m128i kr = load(keys + 16 * r);
+#pragma GCC unroll 8
+            for (int j = 0; j < W; j++) x[j] = _mm_aesdec_si128(x[j], kr);
+        }
+        // The last round ends by XORing its key, so the previous cipher block goes into that key
+        // (off the dependency chain) instead of into the result afterwards.
+        const __m128i kl = load(keys + 16 * Nr);
+        store(out + 16 * i, _mm_aesdeclast_si128(x[0], _mm_xor_si128(kl, prev)));
+#pragma GCC unroll 7
+        for (int j = 1; j < W; j++)
+            store(out + 16 * (i + j), _mm_aesdeclast_si128(x[j], _mm_xor_si128(kl, c[j - 1])));
+        prev = c[W - 1];
+    }
+    for (; i < blocks; i++) {
+        const __m128i c = load(in + 16 * i);
+        __m128i x = _mm_xor_si128(c, load(keys));
+#pragma GCC unroll 14
+        for (int r = 1; r < Nr; r++) x = _mm_aesdec_si128(x, load(keys + 16 * r));
+        store(out + 16 * i, _mm_xor_si128(_mm_aesdeclast_si128(x, load(keys + 16 * Nr)), prev));
+        prev = c;
+    }
+    store(chain, prev);
+}
+
+typedef void (*HwCbc)(const uint8_t*, const char*, char*, size_t, char*);
+
+HwCbc hw_cbc(int rounds, bool encrypt) {
+    switch (rounds) {
+        case 10: return encrypt ? hw_cbc_encrypt<10> : hw_cbc_decrypt<10>;
+        case 12: return encrypt ? hw_cbc_encrypt<12> : hw_cbc_decrypt<12>;
+        default: return encrypt ? hw_cbc_encrypt<14> : hw_cbc_decrypt<14>;
+    }
+}
+
+}  // namespace
+#endif
+
+bool CRijndael::HardwareAes() {
+#ifdef VELTO_AESNI
+    static const bool present = cpu_has_aes();
+    return present;
+#else
+    return false;
+#endif
+}
+
 CRijndael::CRijndael()
-    : m_bKeyInit(false), m_keylength(0), m_blockSize(0), m_iROUNDS(0), m_chain0(), m_chain() {}
+    : m_bKeyInit(false), m_bTablesOnly(false), m_keylength(0), m_blockSize(0), m_iROUNDS(0), m_chain0(),
+      m_chain() {}
 
 CRijndael::~CRijndael() {}
 
@@ -554,6 +691,14 @@ void CRijndael::check_ready() const {
 
 void CRijndael::check_length(size_t n) const {
     if (n == 0 || n % size_t(m_blockSize) != 0) throw std::exception();  // sm_szErrorMsg2
+}
+
+bool CRijndael::use_hw() const {
+    return m_blockSize == DEFAULT_BLOCK_SIZE && !m_bTablesOnly && HardwareAes();
+}
+
+void CRijndael::UseTablesOnly(bool on) {
+    m_bTablesOnly = on;
 }
 
 void CRijndael::MakeKey(const char* key, const char* chain, int keylength, int blockSize) {
@@ -571,19 +716,20 @@ void CRijndael::MakeKey(const char* key, const char* chain, int keylength, int b
     memset(m_Ke, 0, sizeof(m_Ke));
     memset(m_Kd, 0, sizeof(m_Kd));
 
+    uint32_t tk[MAX_KC];
     for (int i = 0; i < KC; i++) tk[i] = load_word(key + 4 * i);
 
     // Round keys are produced KC words at a time; the decryption keys are the same words in reverse
     // round order.
     const int roundKeyCount = (m_iROUNDS + 1) * BC;
     int t = 0;
-    auto store = [&]() {
+    auto store_keys = [&]() {
         for (int j = 0; j < KC && t < roundKeyCount; j++, t++) {
             m_Ke[t / BC][t % BC] = tk[j];
             m_Kd[m_iROUNDS - t / BC][t % BC] = tk[j];
         }
     };
-    store();
+    store_keys();
     int rconIndex = 0;
     while (t < roundKeyCount) {
         uint32_t tt = tk[KC - 1];
@@ -599,7 +745,7 @@ void CRijndael::MakeKey(const char* key, const char* chain, int keylength, int b
                           (uint32_t(sm_S[byte_of(tt, 16)]) << 16) ^ (uint32_t(sm_S[byte_of(tt, 24)]) << 24);
             for (int i = KC / 2 + 1; i < KC; i++) tk[i] ^= tk[i - 1];
         }
-        store();
+        store_keys();
     }
 
     // The equivalent inverse cipher needs InvMixColumns applied to the inner decryption round keys.
@@ -610,11 +756,29 @@ void CRijndael::MakeKey(const char* key, const char* chain, int keylength, int b
                          sm_U4[byte_of(tt, 0)];
         }
     }
+    // The same keys as bytes for the AES instructions (16-byte blocks only).
+    if (blockSize == DEFAULT_BLOCK_SIZE) {
+        for (int r = 0; r <= m_iROUNDS; r++) {
+            for (int j = 0; j < 4; j++) {
+                store_word(m_Ke[r][j], m_hwKe + 16 * r + 4 * j);
+                store_word(m_Kd[r][j], m_hwKd + 16 * r + 4 * j);
+            }
+        }
+    }
     m_bKeyInit = true;
 }
 
 void CRijndael::DefEncryptBlock(const char* in, char* result) {
     check_ready();
+    encrypt16(in, result);
+}
+
+void CRijndael::DefDecryptBlock(const char* in, char* result) {
+    check_ready();
+    decrypt16(in, result);
+}
+
+void CRijndael::encrypt16(const char* in, char* result) const {
     const uint32_t* k = m_Ke[0];
     uint32_t t0 = load_word(in) ^ k[0];
     uint32_t t1 = load_word(in + 4) ^ k[1];
@@ -647,8 +811,7 @@ void CRijndael::DefEncryptBlock(const char* in, char* result) {
     }
 }
 
-void CRijndael::DefDecryptBlock(const char* in, char* result) {
-    check_ready();
+void CRijndael::decrypt16(const char* in, char* result) const {
     const uint32_t* k = m_Kd[0];
     uint32_t t0 = load_word(in) ^ k[0];
     uint32_t t1 = load_word(in + 4) ^ k[1];
@@ -680,16 +843,20 @@ void CRijndael::DefDecryptBlock(const char* in, char* result) {
     }
 }
 
-// The general routines serve 24- and 32-byte blocks, where ShiftRows offsets depend on the block size.
-void CRijndael::EncryptBlock(const char* in, char* result) {
-    check_ready();
-    if (m_blockSize == DEFAULT_BLOCK_SIZE) return DefEncryptBlock(in, result);
+// One block of the configured size: the AES instructions where they serve, else the tables (the
+// general routine for 24- and 32-byte blocks, whose ShiftRows offsets depend on the block size).
+void CRijndael::encrypt_block(const char* in, char* result) const {
+#ifdef VELTO_AESNI
+    if (use_hw()) return hw_encrypt_block(m_hwKe, m_iROUNDS, in, result);
+#endif
+    if (m_blockSize == DEFAULT_BLOCK_SIZE) return encrypt16(in, result);
 
     const int BC = m_blockSize / 4;
     const int SC = BC == 4 ? 0 : (BC == 6 ? 1 : 2);
     const int s1 = sm_shifts[SC][1][0];
     const int s2 = sm_shifts[SC][2][0];
     const int s3 = sm_shifts[SC][3][0];
+    uint32_t t[MAX_BC], a[MAX_BC];
     for (int i = 0; i < BC; i++) t[i] = load_word(in + 4 * i) ^ m_Ke[0][i];
     for (int r = 1; r < m_iROUNDS; r++) {
         for (int i = 0; i < BC; i++) {
@@ -707,15 +874,18 @@ void CRijndael::EncryptBlock(const char* in, char* result) {
     }
 }
 
-void CRijndael::DecryptBlock(const char* in, char* result) {
-    check_ready();
-    if (m_blockSize == DEFAULT_BLOCK_SIZE) return DefDecryptBlock(in, result);
+void CRijndael::decrypt_block(const char* in, char* result) const {
+#ifdef VELTO_AESNI
+    if (use_hw()) return hw_decrypt_block(m_hwKd, m_iROUNDS, in, result);
+#endif
+    if (m_blockSize == DEFAULT_BLOCK_SIZE) return decrypt16(in, result);
 
     const int BC = m_blockSize / 4;
     const int SC = BC == 4 ? 0 : (BC == 6 ? 1 : 2);
     const int s1 = sm_shifts[SC][1][1];
     const int s2 = sm_shifts[SC][2][1];
     const int s3 = sm_shifts[SC][3][1];
+    uint32_t t[MAX_BC], a[MAX_BC];
     for (int i = 0; i < BC; i++) t[i] = load_word(in + 4 * i) ^ m_Kd[0][i];
     for (int r = 1; r < m_iROUNDS; r++) {
         for (int i = 0; i < BC; i++) {
@@ -733,22 +903,59 @@ void CRijndael::DecryptBlock(const char* in, char* result) {
     }
 }
 
+void CRijndael::EncryptBlock(const char* in, char* result) {
+    check_ready();
+    encrypt_block(in, result);
+}
+
+void CRijndael::DecryptBlock(const char* in, char* result) {
+    check_ready();
+    decrypt_block(in, result);
+}
+
 // The chaining loops are written so that in and result may be the same buffer.
+void CRijndael::EncryptCbc(const char* in, char* result, size_t n, char* chain) const {
+    check_ready();
+    check_length(n);
+#ifdef VELTO_AESNI
+    if (use_hw()) return hw_cbc(m_iROUNDS, true)(m_hwKe, in, result, n / 16, chain);
+#endif
+    const size_t bs = size_t(m_blockSize);
+    for (size_t i = 0; i < n; i += bs) {
+        xor_into(chain, in + i, bs);
+        encrypt_block(chain, chain);
+        memcpy(result + i, chain, bs);
+    }
+}
+
+void CRijndael::DecryptCbc(const char* in, char* result, size_t n, char* chain) const {
+    check_ready();
+    check_length(n);
+#ifdef VELTO_AESNI
+    if (use_hw()) return hw_cbc(m_iROUNDS, false)(m_hwKd, in, result, n / 16, chain);
+#endif
+    const size_t bs = size_t(m_blockSize);
+    char block[MAX_BLOCK_SIZE];
+    for (size_t i = 0; i < n; i += bs) {
+        decrypt_block(in + i, block);
+        xor_into(block, chain, bs);
+        memcpy(chain, in + i, bs);
+        memcpy(result + i, block, bs);
+    }
+}
+
 void CRijndael::Encrypt(const char* in, char* result, size_t n, int iMode) {
     check_ready();
     check_length(n);
+    if (iMode == CBC) return EncryptCbc(in, result, n, m_chain);
     const size_t bs = size_t(m_blockSize);
     for (size_t i = 0; i < n; i += bs) {
-        if (iMode == CBC) {
-            Xor(m_chain, in + i);
-            EncryptBlock(m_chain, m_chain);
-            memcpy(result + i, m_chain, bs);
-        } else if (iMode == CFB) {
-            EncryptBlock(m_chain, m_chain);
-            Xor(m_chain, in + i);
+        if (iMode == CFB) {
+            encrypt_block(m_chain, m_chain);
+            xor_into(m_chain, in + i, bs);
             memcpy(result + i, m_chain, bs);
         } else {
-            EncryptBlock(in + i, result + i);
+            encrypt_block(in + i, result + i);
         }
     }
 }
@@ -756,28 +963,24 @@ void CRijndael::Encrypt(const char* in, char* result, size_t n, int iMode) {
 void CRijndael::Decrypt(const char* in, char* result, size_t n, int iMode) {
     check_ready();
     check_length(n);
+    if (iMode == CBC) return DecryptCbc(in, result, n, m_chain);
     const size_t bs = size_t(m_blockSize);
     char block[MAX_BLOCK_SIZE];
     for (size_t i = 0; i < n; i += bs) {
-        if (iMode == CBC) {
-            DecryptBlock(in + i, block);
-            Xor(block, m_chain);
+        if (iMode == CFB) {
+            encrypt_block(m_chain, block);
             memcpy(m_chain, in + i, bs);
-            memcpy(result + i, block, bs);
-        } else if (iMode == CFB) {
-            EncryptBlock(m_chain, block);
-            memcpy(m_chain, in + i, bs);
-            Xor(block, m_chain);
+            xor_into(block, m_chain, bs);
             memcpy(result + i, block, bs);
         } else {
-            DecryptBlock(in + i, result + i);
+            decrypt_block(in + i, result + i);
         }
     }
 }
 
 void CRijndael::Xor(char* buff, const char* chain) {
     check_ready();
-    for (int i = 0; i < m_blockSize; i++) buff[i] ^= chain[i];
+    xor_into(buff, chain, size_t(m_blockSize));
 }
 
 int CRijndael::GetKeyLength() const {

@@ -1,6 +1,8 @@
 // The Rijndael block cipher (AES when the block is 16 bytes) with ECB, CBC and CFB chaining.
-// Keys and blocks of 16, 24 or 32 bytes. Used by the payload envelope (Zip.h), one object per message.
-// Not thread-safe per object; the tables are shared constants.
+// Keys and blocks of 16, 24 or 32 bytes. Used by the payload envelope (Zip.h). MakeKey, Encrypt,
+// Decrypt and ResetChain change the object (one thread at a time); once keyed, EncryptCbc and
+// DecryptCbc only read it and may run on several threads at once, each with its own chain block.
+// 16-byte blocks use the AES instructions where the processor has them, the tables elsewhere.
 #ifndef VELTO_RIJNDAEL_H
 #define VELTO_RIJNDAEL_H
 
@@ -24,16 +26,21 @@ public:
     // or a key/block length other than 16, 24 or 32 (nothing changed then).
     void MakeKey(const char* key, const char* chain, int keylength = DEFAULT_BLOCK_SIZE,
                  int blockSize = DEFAULT_BLOCK_SIZE);
-    // One 16-byte block with the T-tables.
+    // One 16-byte block with the T-tables (never the AES instructions).
     void DefEncryptBlock(const char* in, char* result);
     void DefDecryptBlock(const char* in, char* result);
-    // One block of the configured size.
+    // One block of the configured size (AES instructions or tables).
     void EncryptBlock(const char* in, char* result);
     void DecryptBlock(const char* in, char* result);
     // n bytes (a whole number of blocks, n > 0) in mode ECB/CBC/CFB; any other mode acts as ECB.
     // The running chain continues across calls. Throws std::exception when not keyed or n is bad.
     void Encrypt(const char* in, char* result, size_t n, int iMode = ECB);
     void Decrypt(const char* in, char* result, size_t n, int iMode = ECB);
+    // CBC over n bytes (a whole number of blocks, n > 0) with the caller's chain block (block-size
+    // bytes), which is left as the last cipher block so that a later call continues the chain. The
+    // object's own chain is neither read nor changed. Throws std::exception when not keyed or n is bad.
+    void EncryptCbc(const char* in, char* result, size_t n, char* chain) const;
+    void DecryptCbc(const char* in, char* result, size_t n, char* chain) const;
     // XORs block-size bytes of chain into buff.
     void Xor(char* buff, const char* chain);
 
@@ -41,6 +48,12 @@ public:
     int GetBlockSize() const;
     int GetRounds() const;
     void ResetChain();
+
+    // Whether this processor has the AES instructions (checked once, on first use).
+    static bool HardwareAes();
+    // true keeps this object on the table code even where the AES instructions are present, so that
+    // the two paths can be compared; effective from the next call.
+    void UseTablesOnly(bool on);
 
 private:
     // Standard Rijndael constants over GF(2^8) with polynomial 0x11B, precomputed in Rijndael.cpp.
@@ -66,18 +79,24 @@ private:
 
     void check_ready() const;
     void check_length(size_t n) const;
+    bool use_hw() const;
+    void encrypt16(const char* in, char* result) const;  // tables, 16-byte block
+    void decrypt16(const char* in, char* result) const;
+    void encrypt_block(const char* in, char* result) const;  // configured block, either path
+    void decrypt_block(const char* in, char* result) const;
 
     bool m_bKeyInit;
+    bool m_bTablesOnly;
     uint32_t m_Ke[MAX_ROUNDS + 1][MAX_BC];
     uint32_t m_Kd[MAX_ROUNDS + 1][MAX_BC];
+    // m_Ke and m_Kd of a 16-byte block as bytes, round after round: the AES instructions' key order.
+    uint8_t m_hwKe[(MAX_ROUNDS + 1) * 16];
+    uint8_t m_hwKd[(MAX_ROUNDS + 1) * 16];
     int m_keylength;
     int m_blockSize;
     int m_iROUNDS;
     char m_chain0[MAX_BLOCK_SIZE];
     char m_chain[MAX_BLOCK_SIZE];
-    uint32_t tk[MAX_KC];
-    uint32_t a[MAX_BC];
-    uint32_t t[MAX_BC];
 };
 
 }  // namespace Velto

@@ -1,7 +1,8 @@
 // The payload envelope: zlib deflate, AES-256-CBC under the built-in key and IV, and Base64, plus the
 // string wrappers fencode/fdecode. Called from host threads (record uploads built on demand) and from
-// the background loop (message file, configuration file, uploads); nothing here keeps state, every
-// call makes its own cipher object and buffers.
+// the background loop (message file, configuration file, uploads). The only shared object is the
+// cipher keyed once with the built-in key, which calls only read; every call has its own chain block
+// and buffers, so all of it is safe on any thread.
 #include "Zip.h"
 
 #include <zlib.h>
@@ -9,7 +10,9 @@
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <cstdint>
 #include <cstring>
+#include <exception>
 #include <memory>
 
 #include "Rijndael.h"
@@ -28,7 +31,7 @@ const char kIv[] = "Pm3&e!Rz8qa%$wTn";
 const int kKeyLen = 32;
 const int kBlock = 16;
 
-const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 const unsigned char kNotBase64 = 255;
 
 // Byte -> alphabet index, 255 for every byte outside the alphabet (including "=" and NUL).
@@ -45,6 +48,46 @@ inline unsigned char decode_char(char c) {
     return kDecode[static_cast<unsigned char>(c)];
 }
 
+// The two characters of every 12-bit value: an encoder step is two lookups for three bytes.
+struct PairTable {
+    char pair[4096][2];
+};
+constexpr PairTable make_pair_table() {
+    PairTable t{};
+    for (int v = 0; v < 4096; v++) {
+        t.pair[v][0] = kAlphabet[v >> 6];
+        t.pair[v][1] = kAlphabet[v & 63];
+    }
+    return t;
+}
+constexpr PairTable kPairs = make_pair_table();
+
+// The strict decoder's group of four is the OR of one lookup per place, each holding the alphabet
+// index already shifted into its 6 bits of the 24-bit group. A byte outside the alphabet (NUL, "=",
+// anything else) counts as index 63: the decoder has always produced exactly those bits for it,
+// since it only ever uses the low six bits of a character's value. "=" in the third or fourth place
+// also sets bit 31 or 30, which ends the decoding there.
+const uint32_t kPadThird = 1u << 31, kPadFourth = 1u << 30;
+struct GroupTables {
+    uint32_t place[4][256];
+};
+constexpr GroupTables make_group_tables() {
+    GroupTables t{};
+    for (int c = 0; c < 256; c++) {
+        const uint32_t d = kDecode[size_t(c)] & 63u;
+        t.place[0][c] = d << 18;
+        t.place[1][c] = d << 12;
+        t.place[2][c] = (d << 6) | (c == '=' ? kPadThird : 0u);
+        t.place[3][c] = d | (c == '=' ? kPadFourth : 0u);
+    }
+    return t;
+}
+constexpr GroupTables kGroup = make_group_tables();
+
+inline uint32_t decode_group(const unsigned char* p) {
+    return kGroup.place[0][p[0]] | kGroup.place[1][p[1]] | kGroup.place[2][p[2]] | kGroup.place[3][p[3]];
+}
+
 size_t round_up_to_block(size_t len) {
     return (len + kBlock - 1) / kBlock * kBlock;
 }
@@ -54,14 +97,13 @@ size_t base64_length(size_t n) {
 }
 
 // Writes the Base64 text of n bytes to out (base64_length(n) characters, no terminator).
-void base64_encode_to(const unsigned char* in, size_t n, char* out) {
+char* base64_encode_to(const unsigned char* in, size_t n, char* out) {
     size_t i = 0;
     for (; i + 3 <= n; i += 3) {
         const unsigned v = (unsigned(in[i]) << 16) | (unsigned(in[i + 1]) << 8) | unsigned(in[i + 2]);
-        *out++ = kAlphabet[(v >> 18) & 63];
-        *out++ = kAlphabet[(v >> 12) & 63];
-        *out++ = kAlphabet[(v >> 6) & 63];
-        *out++ = kAlphabet[v & 63];
+        memcpy(out, kPairs.pair[v >> 12], 2);
+        memcpy(out + 2, kPairs.pair[v & 0xfff], 2);
+        out += 4;
     }
     if (i < n) {
         const bool two = i + 1 < n;
@@ -71,21 +113,88 @@ void base64_encode_to(const unsigned char* in, size_t n, char* out) {
         *out++ = two ? kAlphabet[(v >> 6) & 63] : '=';
         *out++ = '=';
     }
+    return out;
 }
 
-// Copies len bytes, pads them to whole blocks (value 16 - len % 16; nothing added when len is already
-// a multiple of 16) and enciphers them in place with a fresh cipher. Returns the enciphered length.
-size_t pad_and_encipher(const unsigned char* data, int len, std::unique_ptr<char[]>& work) {
-    const size_t n = round_up_to_block(size_t(len));
-    work.reset(new char[size_t(len) + 32]);
-    memcpy(work.get(), data, size_t(len));
-    const int pad = kBlock - len % kBlock;
-    memset(work.get() + len, pad, size_t(32));
-    CRijndael cipher;
-    cipher.MakeKey(kKey, kIv, kKeyLen, kBlock);
-    cipher.Encrypt(work.get(), work.get(), n, CRijndael::CBC);
-    return n;
+// The cipher under the built-in key, expanded once for the process and never destroyed (the
+// background thread may still encode while the host exits). Only read afterwards.
+const CRijndael& builtin_cipher() {
+    static const CRijndael* const cipher = [] {
+        CRijndael* c = new CRijndael;
+        c->MakeKey(kKey, kIv, kKeyLen, kBlock);
+        return c;
+    }();
+    return *cipher;
 }
+
+// Enciphers len bytes padded to whole blocks (value 16 - len % 16; nothing added when len is already
+// a multiple of 16) and hands the cipher text to the sink in order, kPiece bytes at a time (less for
+// the last piece). Only the padded last block is copied; the others go from data straight through the
+// cipher into the sink's buffer.
+const size_t kPiece = 6 * kBlock;  // a multiple of 3 as well: Base64 of a piece needs no padding
+
+template <class Sink>
+void encipher(const unsigned char* data, size_t len, Sink& sink) {
+    const CRijndael& cipher = builtin_cipher();
+    char chain[kBlock];
+    memcpy(chain, kIv, kBlock);
+    const char* in = reinterpret_cast<const char*>(data);
+    const size_t whole = len / kBlock * kBlock, rest = len - whole;
+    char last[kBlock];
+    if (rest != 0) {
+        memcpy(last, in + whole, rest);
+        memset(last + rest, int(kBlock - rest), kBlock - rest);
+    }
+    const size_t n = whole + (rest != 0 ? kBlock : 0);
+    for (size_t off = 0; off < n;) {
+        char* piece = sink.buffer();
+        const size_t size = std::min(kPiece, n - off);
+        const size_t direct = off < whole ? std::min(size, whole - off) : 0;
+        if (direct != 0) cipher.EncryptCbc(in + off, piece, direct, chain);
+        if (direct < size) cipher.EncryptCbc(last, piece + direct, kBlock, chain);
+        sink.take(size);
+        off += size;
+    }
+    sink.finish();
+}
+
+// Base64 text into out. Each piece is encoded only after the next one has been enciphered: CBC
+// encryption is one long dependency chain that leaves most of the core idle, and encoding the
+// finished piece while the next one is under way hides part of the Base64 work behind it.
+class Base64Sink {
+public:
+    explicit Base64Sink(char* out) : out_(out) {}
+    char* buffer() { return pieces_[next_]; }
+    void take(size_t n) {
+        finish();
+        pending_ = n;
+        next_ ^= 1;
+    }
+    void finish() {
+        if (pending_ == 0) return;
+        out_ = base64_encode_to(reinterpret_cast<const unsigned char*>(pieces_[next_ ^ 1]), pending_, out_);
+        pending_ = 0;
+    }
+    char* end() const { return out_; }
+
+private:
+    char* out_;
+    char pieces_[2][kPiece];
+    int next_ = 0;
+    size_t pending_ = 0;
+};
+
+// The raw cipher bytes into out.
+class RawSink {
+public:
+    explicit RawSink(char* out) : out_(out) {}
+    char* buffer() { return out_; }
+    void take(size_t n) { out_ += n; }
+    void finish() {}
+
+private:
+    char* out_;
+};
 
 // Capacity AES_Decode needs in out for a Base64 text of b64_len characters: the decoder yields at most
 // three bytes per started group of four, plus the terminating zero.
@@ -97,34 +206,33 @@ size_t decoded_capacity(size_t b64_len) {
 
 int AES_Encode(const unsigned char* data, int len, unsigned char* out) {
     if (data == nullptr || out == nullptr || len <= 0 || len > INT_MAX - 32) return -1;
-    std::unique_ptr<char[]> work;
-    const size_t n = pad_and_encipher(data, len, work);
-    char* text = reinterpret_cast<char*>(out);
-    base64_encode_to(reinterpret_cast<const unsigned char*>(work.get()), n, text);
-    text[base64_length(n)] = 0;
+    Base64Sink sink(reinterpret_cast<char*>(out));
+    encipher(data, size_t(len), sink);
+    *sink.end() = 0;
     return 0;
 }
 
 int AES_Encode2(const unsigned char* data, int len, unsigned char* out, int& outLen) {
     if (data == nullptr || out == nullptr || len <= 0 || len > INT_MAX - 32) return -1;
-    std::unique_ptr<char[]> work;
-    const size_t n = pad_and_encipher(data, len, work);
-    memcpy(out, work.get(), n);
-    outLen = int(n);
+    RawSink sink(reinterpret_cast<char*>(out));
+    encipher(data, size_t(len), sink);
+    outLen = int(round_up_to_block(size_t(len)));
     return 0;
 }
 
-// out must hold decoded_capacity(strlen(b64)) bytes: 3 * ceil(strlen(b64) / 4) + 1.
+// out must hold decoded_capacity(strlen(b64)) bytes: 3 * ceil(strlen(b64) / 4) + 1. The text is
+// decoded into out and deciphered there in place.
 int AES_Decode(const char* b64, unsigned char* out) {
     if (b64 == nullptr || out == nullptr) return -1;
-    out[0] = 0;
-    const size_t len = strlen(b64);
-    std::unique_ptr<unsigned char[]> work(new unsigned char[2 * len + 100]);
-    const int m = base64_decode(b64, work.get());
-    CRijndael cipher;
-    cipher.MakeKey(kKey, kIv, kKeyLen, kBlock);
-    cipher.Decrypt(reinterpret_cast<const char*>(work.get()), reinterpret_cast<char*>(out), size_t(m),
-                   CRijndael::CBC);
+    const int m = base64_decode(b64, out);
+    char* text = reinterpret_cast<char*>(out);
+    if (m == 0 || m % kBlock != 0) {
+        out[0] = 0;  // out reads as "" when the cipher refuses the length
+        throw std::exception();
+    }
+    char chain[kBlock];
+    memcpy(chain, kIv, kBlock);
+    builtin_cipher().DecryptCbc(text, text, size_t(m), chain);
     out[m] = 0;
     return 0;
 }
@@ -136,45 +244,46 @@ std::string base64_encode(const unsigned char* bytes, unsigned int len) {
     return text;
 }
 
-// Groups of four up to the terminating zero. A short last group reads the terminator (code 255) in
+// Groups of four up to the terminating zero. A short last group reads the terminator (as index 63) in
 // place of its missing characters and ends the decoding, so nothing past the text is ever read.
 int base64_decode(const char* text, unsigned char* out) {
     if (text == nullptr || out == nullptr) return 0;
-    int written = 0;
-    const char* p = text;
-    while (*p != 0) {
-        char c[4];
-        bool cut = false;
-        for (int k = 0; k < 4; k++) {
-            c[k] = cut ? '\0' : p[k];
-            if (c[k] == 0) cut = true;
+    const size_t len = strlen(text);
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(text);
+    size_t written = 0;
+    for (size_t i = 0; i < len; i += 4) {
+        uint32_t v;
+        if (i + 4 <= len) {
+            v = decode_group(p + i);
+        } else {
+            unsigned char last[4] = {0, 0, 0, 0};
+            memcpy(last, p + i, len - i);
+            v = decode_group(last);
         }
-        const unsigned d0 = decode_char(c[0]), d1 = decode_char(c[1]);
-        const unsigned d2 = decode_char(c[2]), d3 = decode_char(c[3]);
-        out[written++] = static_cast<unsigned char>((d0 << 2) | ((d1 >> 4) & 3));
-        if (c[2] == '=') return written;
-        out[written++] = static_cast<unsigned char>((d1 << 4) | ((d2 >> 2) & 15));
-        if (c[3] == '=') return written;
-        out[written++] = static_cast<unsigned char>((d2 << 6) | (d3 & 63));
-        if (cut) break;
-        p += 4;
+        out[written] = static_cast<unsigned char>(v >> 16);
+        if (v & (kPadThird | kPadFourth)) {
+            if (v & kPadThird) return int(written + 1);
+            out[written + 1] = static_cast<unsigned char>(v >> 8);
+            return int(written + 2);
+        }
+        out[written + 1] = static_cast<unsigned char>(v >> 8);
+        out[written + 2] = static_cast<unsigned char>(v);
+        written += 3;
     }
-    return written;
+    return int(written);
 }
 
 std::string base64_decode(const std::string& text) {
     size_t end = 0;
     while (end < text.size() && decode_char(text[end]) != kNotBase64) end++;
     const size_t groups = end / 4;
-    std::string bytes;
-    bytes.reserve(groups * 3);
+    std::string bytes(groups * 3, '\0');
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(text.data());
     for (size_t g = 0; g < groups; g++) {
-        const char* p = text.data() + 4 * g;
-        const unsigned v = (unsigned(decode_char(p[0])) << 18) | (unsigned(decode_char(p[1])) << 12) |
-                           (unsigned(decode_char(p[2])) << 6) | unsigned(decode_char(p[3]));
-        bytes.push_back(static_cast<char>(v >> 16));
-        bytes.push_back(static_cast<char>(v >> 8));
-        bytes.push_back(static_cast<char>(v));
+        const uint32_t v = decode_group(p + 4 * g);  // alphabet characters only: no flags
+        bytes[3 * g] = static_cast<char>(v >> 16);
+        bytes[3 * g + 1] = static_cast<char>(v >> 8);
+        bytes[3 * g + 2] = static_cast<char>(v);
     }
     return bytes;
 }
@@ -209,19 +318,15 @@ std::string fencode(const std::string& s) {
 
 std::string fencode(const char* data, long long len) {
     if (data == nullptr || len < 1 || len > INT_MAX - 32) return std::string();
-    const size_t needed = base64_length(round_up_to_block(size_t(len))) + 1;
-    std::string text(std::max<size_t>({100, 2 * size_t(len), needed}), '\0');
-    if (AES_Encode(reinterpret_cast<const unsigned char*>(data), int(len),
-                   reinterpret_cast<unsigned char*>(&text[0])) != 0)
-        return std::string();
-    text.resize(strlen(text.c_str()));
+    std::string text(base64_length(round_up_to_block(size_t(len))), '\0');
+    Base64Sink sink(&text[0]);
+    encipher(reinterpret_cast<const unsigned char*>(data), size_t(len), sink);
     return text;
 }
 
 std::string fdecode(const std::string& s) {
     if (s.empty()) return std::string();
-    const size_t len = strlen(s.c_str());
-    std::string text(std::max<size_t>({100, 2 * s.size(), decoded_capacity(len)}), '\0');
+    std::string text(decoded_capacity(strlen(s.c_str())), '\0');
     AES_Decode(s.c_str(), reinterpret_cast<unsigned char*>(&text[0]));
     size_t n = strlen(text.c_str());
     // Padding is recognised by value, not counted: any trailing byte that reads as a signed char <= 15

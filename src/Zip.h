@@ -1,6 +1,7 @@
 // The payload envelope: optional zlib compression, AES-256-CBC under the built-in key and IV, and
 // Base64. Everything the library writes enciphered to disk or sends to the server passes through here.
-// Stateless: every call allocates its own work buffers, so all functions are safe on any thread.
+// Stateless apart from the cipher keyed once with the built-in key, which calls only read: all
+// functions are safe on any thread.
 #ifndef VELTO_ZIP_H
 #define VELTO_ZIP_H
 

@@ -1,5 +1,7 @@
-// Tests of the payload envelope: Base64, the padding rule checked by deciphering with OpenSSL under the
-// built-in key and IV, fencode/fdecode and their stripping rule, zlib, and random bytes under ASan.
+// Tests of the payload envelope: Base64 (against OpenSSL and against the decoders' documented rules
+// on odd input), the padding rule checked by deciphering with OpenSSL under the built-in key and IV,
+// whole envelopes rebuilt with OpenSSL, fencode/fdecode and their stripping rule, zlib, use from
+// several threads, and random bytes under ASan.
 #include "Zip.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +12,7 @@
 #include <exception>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Util.h"
@@ -41,6 +44,44 @@ Bytes openssl_decipher(const Bytes& in) {
     EXPECT_EQ(1, EVP_DecryptFinal_ex(ctx, out.data() + n, &tail));
     EVP_CIPHER_CTX_free(ctx);
     out.resize(size_t(n + tail));
+    return out;
+}
+
+// The envelope built with OpenSSL alone: padding, AES-256-CBC, EVP_EncodeBlock.
+std::string openssl_envelope(const std::string& plain) {
+    std::string padded = plain;
+    padded.append(16 - plain.size() % 16 == 16 ? 0 : 16 - plain.size() % 16, char(16 - plain.size() % 16));
+    EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
+    Bytes sealed(padded.size() + 16);
+    int n = 0;
+    EXPECT_EQ(1, EVP_EncryptInit_ex(ctx, EVP_aes_256_cbc(), nullptr, kKey, kIv));
+    EVP_CIPHER_CTX_set_padding(ctx, 0);
+    EXPECT_EQ(1, EVP_EncryptUpdate(ctx, sealed.data(), &n, uc(padded), int(padded.size())));
+    EVP_CIPHER_CTX_free(ctx);
+    std::vector<unsigned char> text(size_t(n) / 3 * 4 + 8);
+    const int m = EVP_EncodeBlock(text.data(), sealed.data(), n);
+    return std::string(reinterpret_cast<char*>(text.data()), size_t(m));
+}
+
+// The strict decoder's rules, written out: groups of four up to the end of the text, missing places
+// read as NUL; every byte outside the alphabet (NUL and "=" included) has the value 255; "=" in the
+// third place ends after one byte, in the fourth after two.
+Bytes reference_decode(const std::string& text) {
+    Bytes out;
+    for (size_t i = 0; i < text.size(); i += 4) {
+        char c[4];
+        unsigned d[4];
+        for (int k = 0; k < 4; k++) {
+            c[k] = i + size_t(k) < text.size() ? text[i + size_t(k)] : '\0';
+            const size_t at = c[k] == 0 ? std::string::npos : Velto::base64_chars.find(c[k]);
+            d[k] = at == std::string::npos ? 255u : unsigned(at);
+        }
+        out.push_back(static_cast<unsigned char>((d[0] << 2) | ((d[1] >> 4) & 3)));
+        if (c[2] == '=') break;
+        out.push_back(static_cast<unsigned char>((d[1] << 4) | ((d[2] >> 2) & 15)));
+        if (c[3] == '=') break;
+        out.push_back(static_cast<unsigned char>((d[2] << 6) | (d[3] & 63)));
+    }
     return out;
 }
 
@@ -212,4 +253,85 @@ TEST(Zip, RandomInputStaysInBounds) {
     // Both the cipher and its length check were reached.
     EXPECT_GT(deciphered, 100);
     EXPECT_GT(refused, 100);
+}
+
+// Every length up to a few hundred bytes (the encoder works in pieces of several blocks) and a few
+// large ones: AES_Encode, AES_Encode2 and fencode give exactly the envelope OpenSSL builds, and the
+// decoders take it back.
+TEST(Zip, EnvelopeMatchesOneBuiltWithOpenSsl) {
+    std::mt19937 rng(23);
+    std::vector<size_t> lengths;
+    for (size_t len = 1; len <= 400; len++) lengths.push_back(len);
+    for (size_t len : {size_t(600), size_t(4095), size_t(4096), size_t(65537)}) lengths.push_back(len);
+    for (size_t len : lengths) {
+        const std::string plain = random_text(rng, len, 0, 255), expected = openssl_envelope(plain);
+        ASSERT_EQ(expected, aes_encode(plain)) << len;
+        ASSERT_EQ(expected, Velto::Util::fencode(plain)) << len;
+        Bytes raw(len + 16);
+        int raw_len = 0;
+        ASSERT_EQ(0, Velto::AES_Encode2(uc(plain), int(len), raw.data(), raw_len));
+        raw.resize(size_t(raw_len));
+        EXPECT_EQ(expected, Velto::base64_encode(raw.data(), unsigned(raw.size()))) << len;
+
+        Bytes clear(expected.size() / 4 * 3 + 1);
+        ASSERT_EQ(0, Velto::AES_Decode(expected.c_str(), clear.data()));
+        EXPECT_EQ(0, memcmp(plain.data(), clear.data(), len)) << len;
+        EXPECT_EQ(0, clear[raw.size()]) << len;
+    }
+}
+
+// Base64 against OpenSSL on random bytes, and both decoders against their rules on text mixing the
+// alphabet with "=", NUL-free foreign bytes and odd lengths.
+TEST(Zip, Base64MatchesOpenSslAndTheDecodersKeepTheirRulesOnOddInput) {
+    std::mt19937 rng(24);
+    for (size_t len = 0; len < 300; len++) {
+        const std::string bytes = random_text(rng, len, 0, 255);
+        Bytes theirs(len / 3 * 4 + 8);
+        theirs.resize(size_t(EVP_EncodeBlock(theirs.data(), uc(bytes), int(len))));
+        const std::string text = Velto::base64_encode(uc(bytes), unsigned(len));
+        EXPECT_EQ(std::string(theirs.begin(), theirs.end()), text) << len;
+        Bytes out(text.size() / 4 * 3 + 1);
+        out.resize(size_t(Velto::base64_decode(text.c_str(), out.data())));
+        EXPECT_EQ(Bytes(bytes.begin(), bytes.end()), out) << len;
+        EXPECT_EQ(bytes.substr(0, len / 3 * 3), Velto::base64_decode(text)) << len;
+    }
+
+    const std::string odd = Velto::base64_chars + "====\x01!\xff ";
+    for (int iter = 0; iter < 3000; iter++) {
+        std::string text(rng() % 40, ' ');
+        for (auto& c : text) c = rng() % 4 ? Velto::base64_chars[rng() % 64] : odd[rng() % odd.size()];
+        Bytes out(text.size() / 4 * 3 + 3);
+        const Bytes expected = reference_decode(text);
+        out.resize(size_t(Velto::base64_decode(text.c_str(), out.data())));
+        ASSERT_EQ(expected, out) << text;
+
+        // The tolerant form: whole groups before the first byte outside the alphabet.
+        const size_t end = std::min(text.find_first_not_of(Velto::base64_chars), text.size());
+        const Bytes whole = reference_decode(text.substr(0, end / 4 * 4));
+        EXPECT_EQ(std::string(whole.begin(), whole.end()), Velto::base64_decode(text)) << text;
+    }
+}
+
+// The envelope from several threads at once (the background loop and host threads do this); each
+// result must be the single-threaded one. Under ThreadSanitizer this checks the shared cipher.
+TEST(Zip, EnvelopeFromSeveralThreads) {
+    std::mt19937 rng(25);
+    std::vector<std::string> plains, tokens;
+    for (int i = 0; i < 8; i++) {
+        plains.push_back(random_text(rng, 1 + rng() % 700));
+        tokens.push_back(Velto::Util::fencode(plains.back()));
+    }
+    std::vector<int> ok(4, 0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 200; i++) {
+                const size_t k = size_t(i + t) % plains.size();
+                ok[size_t(t)] += Velto::Util::fencode(plains[k]) == tokens[k] &&
+                                 Velto::Util::fdecode(tokens[k]) == plains[k];
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    for (int n : ok) EXPECT_EQ(200, n);
 }
