@@ -53,6 +53,23 @@ class DeliveryLoop : public WaitPump {
     void pump() override;
 
   private:
+    // Writes a run of records to the file, and their log lines to the log, in one write each: the
+    // records' lines are in the files when the batch ends, before the loop next sleeps or waits.
+    class Batch {
+      public:
+        explicit Batch(DeliveryLoop& loop) : loop_(loop) { loop_.begin_batch(); }
+        ~Batch() { loop_.end_batch(); }
+        Batch(const Batch&) = delete;
+        Batch& operator=(const Batch&) = delete;
+
+      private:
+        DeliveryLoop& loop_;
+    };
+    void begin_batch();
+    void end_batch();
+    // A record that needs nothing but the file (no debug mirror, no real-time or initial send).
+    bool file_only(const std::string& item) const;
+
     bool start_up();
     void read_settings();
     void count_pending();
@@ -108,7 +125,26 @@ class DeliveryLoop : public WaitPump {
 
     std::deque<std::string> held_initial_;
     std::deque<std::string> mirror_backlog_;
+    bool batching_ = false;
 };
+
+void DeliveryLoop::begin_batch() {
+    if (batching_) return;
+    batching_ = true;
+    Log::obj_->begin_batch();
+    msg_.begin_batch();
+}
+
+void DeliveryLoop::end_batch() {
+    if (!batching_) return;
+    batching_ = false;
+    msg_.end_batch();
+    Log::obj_->end_batch();
+}
+
+bool DeliveryLoop::file_only(const std::string& item) const {
+    return debug_url_.empty() && !real_time_ && !is_initial(item);
+}
 
 void DeliveryLoop::run() {
     PumpInstall install(this);
@@ -119,6 +155,7 @@ void DeliveryLoop::run() {
 
 void DeliveryLoop::pump() {
     if (!msg_.is_open() && msg_.open() != RES_OK) return;
+    Batch batch(*this);
     for (std::string item = Cache::obj_->get(); !item.empty(); item = Cache::obj_->get()) {
         if (is_initial(item)) {
             if (held_initial_.size() < kMaxHeldInitial) {
@@ -244,10 +281,15 @@ void DeliveryLoop::send_log_and_conf() {
     }
 }
 
+// Consecutive records that need only the file are written as one batch; the batch ends before
+// anything else the loop does (an idle turn, a send, the mirror).
 void DeliveryLoop::main_loop() {
     std::string item;
     while (owner_.stop_flag() != 0) {
-        if (!msg_.is_open()) msg_.open();
+        if (!msg_.is_open()) {
+            end_batch();
+            msg_.open();
+        }
         if (tick_ > kTickWrap) tick_ = 1;
         bool skipped = tick_ % kSkipEvery == 0;
         if (skipped) {
@@ -257,11 +299,17 @@ void DeliveryLoop::main_loop() {
             item = next_item();
         }
         if (item.empty()) {
+            end_batch();
             if (!idle_turn(skipped)) return;
+        } else if (file_only(item)) {
+            begin_batch();
+            handle_record(item);
         } else {
+            end_batch();
             handle_record(item);
         }
     }
+    end_batch();
 }
 
 // Initial records held back during a wait come first; they were queued before what is left.

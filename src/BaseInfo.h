@@ -4,12 +4,29 @@
 #ifndef VELTO_BASEINFO_H
 #define VELTO_BASEINFO_H
 
+#include <atomic>
 #include <string>
+#include <vector>
 
 #include "OsApi.h"
 #include "Util.h"
 
 namespace Velto {
+
+// The base fields rendered once for the record calls: every non-empty field as "key":"value",
+// joined by commas in key order, with where each one lies, so that a record is the merge of this
+// text with the call's own keys. Rebuilt when the store changes.
+struct BaseView {
+    struct Field {
+        std::string key;
+        size_t begin = 0;  // of "key":"value" in json
+        size_t end = 0;
+    };
+    unsigned long long version = ~0ULL;
+    size_t count = 0;  // fields in the store, empty ones included
+    std::string json;
+    std::vector<Field> fields;
+};
 
 class BaseInfo {
 public:
@@ -25,8 +42,13 @@ public:
     // Waits up to `seconds` one-second steps for the store to be complete; true when it is.
     bool wait(int seconds);
     Mutex& mutex() { return m_; }
+    // Brings view up to date with the store (cheap when nothing changed since it was last brought).
+    void refresh(BaseView& view);
 
 private:
+    void changed() { version_.fetch_add(1, std::memory_order_release); }
+
+    std::atomic<unsigned long long> version_{0};
     StrMap map_;
     Mutex m_;
     bool mutex_inited_ = false;

@@ -7,20 +7,35 @@
 
 namespace Velto {
 
+namespace {
+const size_t kFirstRing = 1024;  // the record calls keep about 1000 waiting at most
+}  // namespace
+
 void Cache::reset() {
     m_.init();
     MutexLock hold(m_);
-    items_.clear();
-    count_ = 0;
+    for (std::string& s : ring_) std::string().swap(s);
+    head_ = size_ = 0;
+    count_.store(0);
 }
 
 void Cache::put(const std::string& rec) { put(std::string(rec)); }
 
+// Doubles the ring, the records staying in their order.
+void Cache::grow() {
+    std::vector<std::string> bigger(ring_.empty() ? kFirstRing : ring_.size() * 2);
+    for (size_t i = 0; i < size_; ++i) bigger[i] = std::move(ring_[(head_ + i) % ring_.size()]);
+    ring_.swap(bigger);
+    head_ = 0;
+}
+
 void Cache::put(std::string&& rec) {
     try {
         MutexLock hold(m_);
-        items_.push_back(std::move(rec));
-        ++count_;
+        if (size_ == ring_.size()) grow();
+        ring_[(head_ + size_) % ring_.size()] = std::move(rec);
+        ++size_;
+        count_.store(static_cast<long long>(size_), std::memory_order_relaxed);
         return;
     } catch (...) {
     }
@@ -30,20 +45,16 @@ void Cache::put(std::string&& rec) {
 std::string Cache::get() {
     try {
         MutexLock hold(m_);
-        if (items_.empty()) return std::string();
-        std::string rec = std::move(items_.front());
-        items_.pop_front();
-        --count_;
+        if (size_ == 0) return std::string();
+        std::string rec = std::move(ring_[head_]);
+        head_ = (head_ + 1) % ring_.size();
+        --size_;
+        count_.store(static_cast<long long>(size_), std::memory_order_relaxed);
         return rec;
     } catch (...) {
     }
     LOGW << "Exception, Cache::get" << LEND;
     return std::string();
-}
-
-long long Cache::count() {
-    MutexLock hold(m_);
-    return count_;
 }
 
 bool Cache::lock() { return m_.lock(); }

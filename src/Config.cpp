@@ -11,6 +11,8 @@
 // its range is dropped and the previous one stays.
 #include "Config.h"
 
+#include <sys/stat.h>
+
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -51,17 +53,36 @@ long long Config::get_int(const std::string& key) {
     return std::strtoll(it->second.c_str(), nullptr, 10);
 }
 
+const char* Config::kind_key(RecordKind kind) {
+    static const char* const kKeys[KIND_COUNT_] = {"data_event", "data_screen", "data_count", "data_err_trace",
+                                                   "data_experience"};
+    return kind >= 0 && kind < KIND_COUNT_ ? kKeys[kind] : "";
+}
+
+// Keys are never removed from the store, so a flag once raised stays raised.
+void Config::note_kind(const std::string& key) {
+    if (key.size() < 10 || key.compare(0, 5, "data_") != 0) return;
+    for (int kind = 0; kind < KIND_COUNT_; ++kind) {
+        if (key == kind_key(static_cast<RecordKind>(kind))) {
+            kinds_off_.fetch_or(1u << kind, std::memory_order_release);
+            return;
+        }
+    }
+}
+
 void Config::set(const std::string& key, long long value) {
     if (key.empty()) return;
     std::string text = Util::ltoa(value);
     MutexLock hold(m_);
     map_[key] = std::move(text);
+    note_kind(key);
 }
 
 void Config::set(const std::string& key, const std::string& value) {
     if (key.empty()) return;
     MutexLock hold(m_);
     map_[key] = value;
+    note_kind(key);
 }
 
 bool Config::has(const std::string& key) {
@@ -207,10 +228,6 @@ const char* const kSavedKeys[] = {
     "DATA_RANGE",      "LAST_SEND",    "CONF_URL",    "ENABLE_HTTPS",  "SESSION_TMOUT",
 };
 
-// The record kinds the server may switch off through DATA_RANGE, named as the exported calls.
-const char* const kRecordKinds[] = {"data_event", "data_screen", "data_count", "data_err_trace",
-                                    "data_experience"};
-
 enum ValueForm {
     kNumber,      // decimal within [min, max], stored re-formatted ("0012" -> "12")
     kSwitch,      // "ON" or "OFF"
@@ -274,7 +291,8 @@ void apply_data_range(Config& conf, std::string value) {
     StrList names;
     Util::splits(value, names, "&");
     conf.set("DATA_RANGE", value);
-    for (const char* kind : kRecordKinds) {
+    for (int k = 0; k < KIND_COUNT_; ++k) {
+        const char* kind = Config::kind_key(static_cast<RecordKind>(k));
         for (const std::string& name : names) {
             if (name == kind) {
                 conf.set(kind, std::string("OFF"));
@@ -383,6 +401,12 @@ std::string conf_request_body(const StrMap& base) {
     return body;
 }
 
+// The size of the file at path, -1 when it cannot be read.
+long long file_bytes(const std::string& path) {
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+}
+
 unsigned int request_timeout_ms(long long configured) {
     if (configured < 0) return 0;
     if (configured > kMaxTimeoutMs) return static_cast<unsigned int>(kMaxTimeoutMs);
@@ -464,12 +488,18 @@ std::string Config::save_conf(bool write) {
             LOGW << "null conf path, maybe exiting" << LEND;
             return std::string();
         }
-        // Replaced whole: a crash leaves the old file or the new one, never a torn one.
+        // Replaced whole: a crash leaves the old file or the new one, never a torn one. The loop
+        // saves every few turns; a file that already holds these very bytes is left as it is, so
+        // that an unchanged configuration costs no rewrite and no flush to the disk.
         const std::string path = root + kConfFileName;
+        if (sealed == written_ && file_bytes(path) == static_cast<long long>(sealed.size())) return text;
         errno = 0;
         if (!replace_file(path, sealed)) {
             int err = errno;
             LOGE << "to open: " << path << ", errno: " << err << LEND;
+            written_.clear();
+        } else {
+            written_ = sealed;
         }
         return text;
     } catch (...) {

@@ -5,6 +5,7 @@
 #ifndef VELTO_CONFIG_H
 #define VELTO_CONFIG_H
 
+#include <atomic>
 #include <string>
 
 #include "OsApi.h"
@@ -12,9 +13,19 @@
 
 namespace Velto {
 
+// The record kinds the server may switch off, in the order of their exported calls.
+enum RecordKind { KIND_EVENT, KIND_SCREEN, KIND_COUNT, KIND_ERR_TRACE, KIND_EXPERIENCE, KIND_COUNT_ };
+
 class Config {
 public:
     static Config* obj_;
+
+    // The key that switches a kind off (its exported call's name): once present in the store,
+    // whatever its value, the kind's records are refused for the rest of the run.
+    static const char* kind_key(RecordKind kind);
+    // Whether the kind's key is in the store. Kept as a flag updated by set(), so that the record
+    // calls need no look-up by name.
+    bool kind_off(RecordKind kind) const { return (kinds_off_.load(std::memory_order_acquire) >> kind) & 1u; }
 
     // Creates the mutex on first use (data_init).
     void init_mutex();
@@ -42,9 +53,13 @@ public:
     Mutex& mutex() { return m_; }
 
 private:
+    void note_kind(const std::string& key);
+
     StrMap map_;
     Mutex m_;
     bool mutex_inited_ = false;
+    std::atomic<unsigned> kinds_off_{0};
+    std::string written_;  // what save_conf last wrote to "sdk.cf" (background thread only)
 };
 
 // The collection server's host: the one built in at compile time (VELTO_COLLECT_HOST), unless the

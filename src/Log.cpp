@@ -1,23 +1,34 @@
 // The library's diagnostics log "sdk.log", written by the host's threads and the background thread
-// through Log::obj_. Every line reopens the file in append mode, so the log survives the file being
-// emptied, moved aside for upload or deleted; the file is cut in place to its last 55 % at the size
-// limit. Nothing here ever reports a failure or throws: a line that cannot be written is lost.
+// through Log::obj_. A line is built in a buffer of the calling thread and written whole with one
+// write(2) at LEND, to a descriptor kept open in append mode. The path is compared with the
+// descriptor (device, inode, size) before a line when a millisecond has passed since the last
+// comparison, and always before rolling, so the log follows a file that was emptied, moved aside or
+// deleted: within a millisecond it is created anew (a burst of lines inside that millisecond may
+// still reach the old file). The file is
+// cut in place to its last 55 % at the size limit. Nothing here ever reports a failure or throws: a
+// line that cannot be written is lost.
 //
 // The upload of the diagnostics log, run by the background thread while SEND_LOG_ON is on. When the
 // log has grown to half its maximum size, or more warnings and errors were counted than allowed, its
 // text is moved aside into "sdk.log.bak" (under the log's mutex, so no line lands in a half-moved
 // file), "sdk.log" starts afresh and the text is sent as a file upload. A failed upload leaves the
 // text in "sdk.log.bak", which the next call sends first.
-// The log's mutex is plain and the LOG macros take it, so no line is logged while it is held here.
+// Nothing that logs is called while the log's mutex is held.
 #include "Log.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <charconv>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "Config.h"
 #include "HttpClient.h"
@@ -26,33 +37,55 @@ namespace Velto {
 
 namespace {
 
-// The log whose mutex the current thread holds. Counting an error line calls the settings store,
-// which may itself log on failure; such a nested line on the same log is dropped instead of locking
-// the plain mutex a second time.
-thread_local const Log* t_holder = nullptr;
+// How often the path is compared with the open descriptor while lines keep coming.
+const long long kFollowEveryNs = 1000000;
+// A batch writes early once it holds this much, so that a long run of records stays bounded.
+const size_t kBatchFlushBytes = 64 * 1024;
 
-// Holds the log's mutex for one operation unless this thread already holds it.
-class LogHold {
-  public:
-    explicit LogHold(Log& log) : log_(log), prev_(t_holder), owned_(t_holder != &log) {
-        if (!owned_) return;
-        log_.mutex().lock();
-        t_holder = &log_;
-    }
-    ~LogHold() {
-        if (!owned_) return;
-        t_holder = prev_;
-        log_.mutex().unlock();
-    }
-    LogHold(const LogHold&) = delete;
-    LogHold& operator=(const LogHold&) = delete;
-    bool owned() const { return owned_; }
-
-  private:
-    Log& log_;
-    const Log* prev_;
-    bool owned_;
+// The line the calling thread is building, and its batch of ended lines.
+struct LineState {
+    Log* owner = nullptr;        // the log the text belongs to
+    std::string text;            // ended lines of an open batch, then the line being built
+    std::vector<size_t> starts;  // offsets of the lines in text
+    size_t line_start = 0;       // offset of the line being built
+    bool building = false;       // a line was begun or text inserted since the last end
+    int batch = 0;               // depth of open batches
+    bool counting = false;       // counting an error line: lines logged meanwhile are dropped
+    long long head_sec = LLONG_MIN;
+    char head[32] = {};
+    size_t head_len = 0;
 };
+
+// Each thread's state lives on the heap and is freed when the thread ends. A thread that logs
+// after that (a destructor running at exit) gets a fresh one: the state of a thread is never used
+// after it was freed.
+thread_local LineState* t_state = nullptr;
+thread_local bool t_reaped = false;
+
+struct StateReaper {
+    ~StateReaper() {
+        delete t_state;
+        t_state = nullptr;
+        t_reaped = true;
+    }
+};
+
+LineState& state() {
+    if (t_state == nullptr) {
+        t_state = new LineState();
+        if (!t_reaped) {
+            static thread_local StateReaper reaper;  // frees the state when the thread ends
+            (void)reaper;
+        }
+    }
+    return *t_state;
+}
+
+long long mono_ns() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
+}
 
 const char* level_tag(int level) {
     if (level < Log::LOG_WARN) return "[ERROR] ";
@@ -60,30 +93,39 @@ const char* level_tag(int level) {
     return "[INFO] ";
 }
 
-// The last `keep` bytes of the file (all of it when shorter); "" when it cannot be read.
-std::string read_tail(const std::string& path, unsigned long long keep) {
-    std::ifstream in(path, std::ios::in | std::ios::binary);
-    if (!in.is_open()) return std::string();
-    in.seekg(0, std::ios::end);
-    std::streamoff size = in.tellg();
-    if (size <= 0) return std::string();
-    std::streamoff from =
-        static_cast<unsigned long long>(size) > keep ? size - static_cast<std::streamoff>(keep) : 0;
-    in.seekg(from, std::ios::beg);
-    std::string tail(static_cast<size_t>(size - from), '\0');
-    in.read(&tail[0], static_cast<std::streamsize>(tail.size()));
-    tail.resize(static_cast<size_t>(in.gcount()));
-    return tail;
+// "[YYYY-MM-DD hh:mm:ss] " of the current second, formatted once per second and thread.
+void append_head(LineState& st, std::string& out) {
+    const long long now = os_time();
+    if (now != st.head_sec) {
+        time_t t = static_cast<time_t>(now);
+        struct tm local = {};
+        localtime_r(&t, &local);
+        const int n = std::snprintf(st.head, sizeof(st.head), "[%04d-%02d-%02d %02d:%02d:%02d] ",
+                                    local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
+                                    local.tm_min, local.tm_sec);
+        st.head_len = n > 0 ? static_cast<size_t>(n) : 0;
+        st.head_sec = now;
+    }
+    out.append(st.head, st.head_len);
+}
+
+int open_append(const std::string& path) {
+    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
 }
 
 }  // namespace
 
-Log::Log() : upname_("sdk.log"), open_(false), lim_(kDefaultLimit) {}
+Log::Log() : upname_("sdk.log"), fd_(-1), size_(0), dev_(0), ino_(0), checked_ns_(0), lim_(kDefaultLimit) {}
 
 Log::~Log() {
-    try {
-        if (open_) fs_.close();
-    } catch (...) {
+    if (fd_ >= 0) ::close(fd_);
+    LineState& st = state();
+    if (st.owner == this) {
+        st.owner = nullptr;
+        st.text.clear();
+        st.starts.clear();
+        st.building = false;
+        st.batch = 0;
     }
 }
 
@@ -93,14 +135,10 @@ void Log::init(const char* path) {
         if (!path) return;
         // Reading the client id may log, so it is done before the lock is taken.
         std::string name = get_name_to_svr();
-        LogHold hold(*this);
-        if (!hold.owned()) return;
-        if (open_) close_file();
-        fs_.clear();
-        fs_.open(path, std::ios::out | std::ios::app);
-        open_ = fs_.is_open();
+        MutexLock hold(m_);
         path_ = path;
         upname_ = name;
+        reopen_file();
     } catch (...) {
     }
 }
@@ -116,13 +154,26 @@ Log& Log::error() {
 }
 
 Log& Log::begin_line(int level) {
+    LineState& st = state();
+    if (st.counting) return *this;
     try {
-        LogHold hold(*this);
-        if (!hold.owned()) return *this;
-        chek_rolling();
-        if (level <= LOG_WARN) ins_err();
-        log_head(level);
+        // Text inserted without a line end goes out before the next line, as it was inserted.
+        if (st.building && st.batch == 0) flush();
+        if (level <= LOG_WARN) {
+            st.counting = true;
+            ins_err();
+            st.counting = false;
+        }
+        if (st.owner != this) {
+            if (!st.text.empty()) flush();
+            st.owner = this;
+        }
+        st.line_start = st.text.size();
+        append_head(st, st.text);
+        st.text += level_tag(level);
+        st.building = true;
     } catch (...) {
+        st.counting = false;
     }
     return *this;
 }
@@ -135,49 +186,94 @@ Log& Log::operator<<(const std::string& text) {
     return write_text(text.data(), text.size());
 }
 
-// Exactly "\n" ends the line and flushes it; anything else is written as it stands.
+// Exactly "\n" ends the line and writes it; anything else is added as it stands.
 Log& Log::write_text(const char* text, size_t n) {
+    LineState& st = state();
+    if (st.counting) return *this;
     try {
-        LogHold hold(*this);
-        if (!hold.owned()) return *this;
-        if (n == 1 && text[0] == '\n') {
-            fs_ << '\n';
-            fs_.flush();
-        } else {
-            fs_.write(text, static_cast<std::streamsize>(n));
+        if (st.owner != this) {
+            if (!st.text.empty()) flush();
+            st.owner = this;
+            st.line_start = st.text.size();
         }
+        if (!st.building) {
+            st.line_start = st.text.size();
+            st.building = true;
+        }
+        st.text.append(text, n);
+        if (n != 1 || text[0] != '\n') return *this;
+        st.building = false;
+        if (st.batch > 0) {
+            st.starts.push_back(st.line_start);
+            if (st.text.size() < kBatchFlushBytes) return *this;
+        } else {
+            const size_t start = 0;
+            write_lines(st.text.data(), st.text.size(), &start, 1);
+            st.text.clear();
+            return *this;
+        }
+        write_lines(st.text.data(), st.text.size(), st.starts.data(), st.starts.size());
+        st.text.clear();
+        st.starts.clear();
     } catch (...) {
     }
     return *this;
 }
 
 Log& Log::write_number(long long n) {
-    try {
-        LogHold hold(*this);
-        if (hold.owned()) fs_ << n;
-    } catch (...) {
-    }
-    return *this;
+    char buf[24];
+    std::to_chars_result r = std::to_chars(buf, buf + sizeof(buf), n);
+    return write_text(buf, static_cast<size_t>(r.ptr - buf));
 }
 
 void Log::set_size_limit(unsigned long long bytes) {
     // Below 1 KiB the log would roll on nearly every line; above 40 MiB the roll would hold too much.
     if (bytes < 1025 || bytes >= 41943040ULL) return;
     try {
-        LogHold hold(*this);
+        MutexLock hold(m_);
         lim_ = bytes;
     } catch (...) {
     }
 }
 
 void Log::flush() {
+    LineState& st = state();
+    if (st.owner == nullptr || st.text.empty() || st.counting) return;
     try {
-        LogHold hold(*this);
-        if (hold.owned()) fs_.flush();
+        // Ended lines of an open batch, then the unended rest as one more piece.
+        std::vector<size_t> starts(st.starts);
+        if (st.building && (starts.empty() || starts.back() != st.line_start)) starts.push_back(st.line_start);
+        if (starts.empty() || starts.front() != 0) starts.insert(starts.begin(), 0);
+        st.owner->write_lines(st.text.data(), st.text.size(), starts.data(), starts.size());
     } catch (...) {
     }
+    st.text.clear();
+    st.starts.clear();
+    st.line_start = 0;
+    st.building = false;
 }
 
+void Log::begin_batch() {
+    LineState& st = state();
+    if (st.building && st.batch == 0) flush();
+    ++st.batch;
+}
+
+void Log::end_batch() {
+    LineState& st = state();
+    if (st.batch == 0) return;
+    if (--st.batch > 0 || st.owner == nullptr) return;
+    if (!st.starts.empty()) {
+        try {
+            const size_t ended = st.building ? st.line_start : st.text.size();
+            st.owner->write_lines(st.text.data(), ended, st.starts.data(), st.starts.size());
+            st.text.erase(0, ended);
+            if (st.building) st.line_start = 0;
+        } catch (...) {
+        }
+        st.starts.clear();
+    }
+}
 std::string Log::get_name_to_svr() {
     try {
         std::string sign = get_client_sign();
@@ -187,53 +283,111 @@ std::string Log::get_name_to_svr() {
     }
 }
 
-void Log::log_head(int level) {
-    reopen_file();
-    time_t now = static_cast<time_t>(os_time());
-    struct tm local = {};
-    localtime_r(&now, &local);
-    char head[96];
-    std::snprintf(head, sizeof(head), "[%04d-%02d-%02d %02d:%02d:%02d] ", local.tm_year + 1900,
-                  local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
-    fs_ << head << level_tag(level);
+void Log::write_lines(const char* text, size_t n, const size_t* starts, size_t count) {
+    MutexLock hold(m_);
+    if (path_.empty()) return;
+    follow_file(false);
+    if (fd_ < 0) return;
+    size_t from = 0;
+    for (size_t i = 0; i < count; ++i) {
+        const size_t at = starts[i];
+        if (at < from || at > n) continue;
+        // A line that begins when the file holds the limit rolls it first.
+        if (size_ + (at - from) < lim_) continue;
+        write_all(text + from, at - from);
+        from = at;
+        sync_size();
+        if (size_ >= lim_) roll();
+    }
+    write_all(text + from, n - from);
+}
+
+bool Log::write_all(const char* data, size_t n) {
+    while (n > 0 && fd_ >= 0) {
+        const ssize_t w = ::write(fd_, data, n);
+        if (w < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        size_ += static_cast<unsigned long long>(w);
+        data += w;
+        n -= static_cast<size_t>(w);
+    }
+    return n == 0;
+}
+
+// The path is compared with the descriptor every kFollowEveryNs of logging and whenever force is
+// set: a file that is gone, has lost its last link or was replaced at the path is opened anew; an
+// emptied or grown one is followed through its size (appends land at its end either way).
+void Log::follow_file(bool force) {
+    if (fd_ < 0) {
+        reopen_file();
+        return;
+    }
+    const long long now = mono_ns();
+    if (!force && now - checked_ns_ < kFollowEveryNs) return;
+    checked_ns_ = now;
+    struct stat ps;
+    if (::stat(path_.c_str(), &ps) != 0 || ps.st_ino != ino_ || ps.st_dev != dev_) {
+        reopen_file();
+        return;
+    }
+    size_ = static_cast<unsigned long long>(ps.st_size);
+}
+
+void Log::sync_size() {
+    follow_file(true);
 }
 
 void Log::reopen_file() {
     if (path_.empty()) return;
-    if (open_) close_file();
-    for (int attempt = 0; attempt < 3 && !open_; ++attempt) {
-        fs_.clear();
-        fs_.open(path_, std::ios::out | std::ios::app);
-        open_ = fs_.is_open();
+    close_file();
+    for (int attempt = 0; attempt < 3 && fd_ < 0; ++attempt) fd_ = open_append(path_);
+    if (fd_ < 0) return;
+    struct stat fs;
+    if (::fstat(fd_, &fs) == 0) {
+        dev_ = fs.st_dev;
+        ino_ = fs.st_ino;
+        size_ = static_cast<unsigned long long>(fs.st_size);
     }
+    checked_ns_ = mono_ns();
 }
 
 void Log::close_file() {
-    fs_.clear();
-    fs_.close();
-    open_ = false;
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
 }
 
-void Log::chek_rolling() {
-    try {
-        if (path_.empty() || !open_) return;
-        std::streamoff size = fs_.tellp();
-        if (size < 0 || static_cast<unsigned long long>(size) < lim_) return;
-        // The notice goes in before the cut, so the kept part ends with it.
-        log_head(LOG_INFO);
-        fs_ << "to roll file, cur size: " << static_cast<long long>(size) << '\n';
-        fs_.flush();
-        close_file();
-        const unsigned long long keep = static_cast<unsigned long long>(static_cast<double>(lim_) * 0.55);
-        std::string kept = read_tail(path_, keep);
-        fs_.clear();
-        fs_.open(path_, std::ios::out | std::ios::trunc);
-        open_ = fs_.is_open();
-        fs_.write(kept.data(), static_cast<std::streamsize>(kept.size()));
-        fs_.flush();
-    } catch (...) {
-        // A failed roll leaves the file as it is; the next line reopens it in append mode.
+// The notice goes in before the cut, so the kept part ends with it; the file is then cut in place
+// to its last 55 % of the limit (at a byte, not a line).
+void Log::roll() {
+    LineState& st = state();
+    std::string notice;
+    append_head(st, notice);
+    notice += level_tag(LOG_INFO);
+    notice += "to roll file, cur size: ";
+    notice += std::to_string(size_);
+    notice += '\n';
+    write_all(notice.data(), notice.size());
+    sync_size();
+    if (fd_ < 0) return;
+    const unsigned long long keep = static_cast<unsigned long long>(static_cast<double>(lim_) * 0.55);
+    const unsigned long long from = size_ > keep ? size_ - keep : 0;
+    std::string kept(static_cast<size_t>(size_ - from), '\0');
+    int in = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+    if (in < 0) return;  // a failed roll leaves the file as it is
+    size_t got = 0;
+    while (got < kept.size()) {
+        const ssize_t r = ::pread(in, &kept[got], kept.size() - got, static_cast<off_t>(from + got));
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) break;
+        got += static_cast<size_t>(r);
     }
+    ::close(in);
+    kept.resize(got);
+    if (::ftruncate(fd_, 0) != 0) return;
+    size_ = 0;
+    write_all(kept.data(), kept.size());
 }
 
 void Log::ins_err() {
@@ -304,8 +458,9 @@ bool move_log_aside(const std::string& log_path, const std::string& backup_path,
 }  // namespace
 
 long long Log::write_pos() {
-    if (!open_) return -1;
-    return static_cast<long long>(fs_.tellp());
+    if (fd_ < 0 || path_.empty()) return -1;
+    sync_size();
+    return fd_ < 0 ? -1 : static_cast<long long>(size_);
 }
 
 int Log::send_log() {

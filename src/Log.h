@@ -1,13 +1,16 @@
 // The library's own diagnostics log "sdk.log" in the root directory. One process-wide object,
 // Log::obj_, written from every thread through the LOGI/LOGW/LOGE macros:
 //     LOGW << "retry to open msg file, last ret: " << r << LEND;
-// Each line is reopened in append mode (the file may be emptied or removed underneath), rolled to
-// its last 55 % at the size limit, and warn/error lines count into LOGERR_NUM for the log upload.
-// Each call and each insertion takes the log's mutex by itself, so lines of two threads may interleave.
+// The insertions of a line gather in a buffer of the calling thread; LEND writes the whole line with
+// one write(2) to a descriptor kept open in append mode, so lines of two threads never interleave
+// and each line is in the file when LEND returns. The file is followed when somebody empties,
+// moves or deletes it (a deleted or replaced file is created anew), rolled to its last 55 % at the
+// size limit, and warn/error lines count into LOGERR_NUM for the log upload.
 #ifndef VELTO_LOG_H
 #define VELTO_LOG_H
 
-#include <fstream>
+#include <sys/types.h>
+
 #include <string>
 #include <type_traits>
 
@@ -28,12 +31,12 @@ public:
     // Registers the mutex; with a path, (re)opens it for appending and remembers it.
     void init(const char* path);
 
-    // Begin a line of the given level (rolling first); return *this for the insertions.
+    // Begin a line of the given level; return *this for the insertions.
     Log& info();
     Log& warn();
     Log& error();
 
-    // "\n" exactly ends the line and flushes; any other text is written as it stands.
+    // "\n" exactly ends the line and writes it; any other text is added as it stands.
     Log& operator<<(const char* text);
     Log& operator<<(const std::string& text);
     template <typename T, typename = typename std::enable_if<std::is_integral<T>::value>::type>
@@ -44,7 +47,15 @@ public:
     // Sets the size limit to bytes when 1025 <= bytes < 41943040; otherwise keeps it.
     void set_size_limit(unsigned long long bytes);
     unsigned long long size_limit() const { return lim_; }
-    void flush();  // flushes the stream under the mutex
+    // Writes what the calling thread has inserted without ending the line. Ended lines are in the
+    // file already.
+    void flush();
+
+    // While a batch is open, the calling thread's ended lines gather and go out together (in order,
+    // rolled exactly as single lines) when it closes. The background loop writes a run of records
+    // this way; it closes the batch before it next sleeps or waits.
+    void begin_batch();
+    void end_batch();
 
     // Moves the log aside and uploads it (background thread only). 0, -1 or -2.
     int send_log();
@@ -55,24 +66,34 @@ public:
     Mutex& mutex() { return m_; }
 
     // REQUIRES: mutex held.
-    void log_head(int level);
     void reopen_file();
     void close_file();
-    void chek_rolling();
-    void ins_err();
-    // The stream's write position, which is the live log's size; -1 while it is closed.
+    // The live log's size (from the file itself); -1 while it is closed.
     long long write_pos();
 
 private:
     Log& begin_line(int level);
     Log& write_number(long long n);
     Log& write_text(const char* text, size_t n);
+    void ins_err();
+    // Writes the lines that begin at the given offsets of text, rolling before any line that begins
+    // when the file holds the limit.
+    void write_lines(const char* text, size_t n, const size_t* starts, size_t count);
+
+    // REQUIRES: mutex held.
+    void follow_file(bool force);
+    void sync_size();
+    void roll();
+    bool write_all(const char* data, size_t n);
 
     Mutex m_;
     std::string path_;
     std::string upname_;
-    std::fstream fs_;
-    bool open_;
+    int fd_;
+    unsigned long long size_;  // the file's size as last seen plus what was written since
+    dev_t dev_;
+    ino_t ino_;
+    long long checked_ns_;  // when the path was last compared with the descriptor
     unsigned long long lim_;
 };
 

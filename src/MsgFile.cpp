@@ -506,6 +506,12 @@ bool MsgFile::append(long long time, const std::string& encoded) {
         if (!fs_.is_open()) return false;
         char stamp[32];
         const int n = std::snprintf(stamp, sizeof(stamp), "%lld,", time);
+        if (batching_) {
+            batch_.append(stamp, static_cast<size_t>(n));
+            batch_ += encoded;
+            batch_ += '\n';
+            return true;
+        }
         fs_.write(stamp, n);
         fs_.write(encoded.data(), static_cast<std::streamsize>(encoded.size()));
         fs_.put('\n');
@@ -516,11 +522,33 @@ bool MsgFile::append(long long time, const std::string& encoded) {
     }
 }
 
+void MsgFile::begin_batch() {
+    batching_ = true;
+}
+
+// The gathered lines go out whole, in one write, and are flushed before the loop goes on.
+bool MsgFile::end_batch() {
+    batching_ = false;
+    if (batch_.empty()) return true;
+    bool ok = false;
+    try {
+        if (fs_.is_open()) {
+            fs_.write(batch_.data(), static_cast<std::streamsize>(batch_.size()));
+            fs_.flush();
+            ok = fs_.good();
+        }
+    } catch (...) {
+    }
+    batch_.clear();
+    return ok;
+}
+
 void MsgFile::flush() {
     if (fs_.is_open()) fs_.flush();
 }
 
 void MsgFile::close() {
+    if (batching_) end_batch();
     fs_.clear();
     if (fs_.is_open()) fs_.close();
     fs_.clear();

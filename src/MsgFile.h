@@ -35,8 +35,11 @@ public:
     // Sets "sdk.msg" aside (has_new) and uploads every set-aside file; true when none is left pending.
     bool process_msgs(bool has_new);
 
-    // Appends one record line and flushes (the background loop's write).
+    // Appends one record line and flushes (the background loop's write). While a batch is open the
+    // lines gather instead and end_batch writes them with one write and one flush.
     bool append(long long time, const std::string& encoded);
+    void begin_batch();
+    bool end_batch();
     void flush();
     void close();
     bool is_open() const { return fs_.is_open(); }
@@ -45,6 +48,8 @@ public:
 private:
     long long size_limit_ = kDefaultLimit;
     std::fstream fs_;
+    bool batching_ = false;
+    std::string batch_;
 };
 
 }  // namespace Velto

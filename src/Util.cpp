@@ -164,10 +164,9 @@ std::string json_item(const std::string& json, const std::string& key) {
     return std::string();  // unterminated member
 }
 
-std::string trim_json(const std::string& s) {
-    std::string out;
-    out.reserve(s.size() + s.size() / 8 + 2);
-    for (char c : s) {
+void append_json_escaped(std::string& out, const char* s, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+        const char c = s[i];
         switch (c) {
             case '\b':
                 out += "\\b";
@@ -199,6 +198,12 @@ std::string trim_json(const std::string& s) {
             }
         }
     }
+}
+
+std::string trim_json(const std::string& s) {
+    std::string out;
+    out.reserve(s.size() + s.size() / 8 + 2);
+    append_json_escaped(out, s.data(), s.size());
     return out;
 }
 

@@ -6,10 +6,13 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "BackRun.h"
 #include "BaseInfo.h"
@@ -26,12 +29,14 @@ namespace {
 
 using Velto::api_m;
 using Velto::BaseInfo;
+using Velto::BaseView;
 using Velto::Cache;
 using Velto::Config;
 using Velto::g_back_run;
 using Velto::g_base_info;
 using Velto::g_session;
 using Velto::MutexLock;
+using Velto::RecordKind;
 using Velto::StrMap;
 namespace Util = Velto::Util;
 
@@ -81,18 +86,6 @@ bool is_running() {
     return g_back_run.running() == 1;
 }
 
-// Stores the escaped text under key when its length is in [min, max].
-bool put_text(StrMap& rec, const char* key, const char* text, size_t min, size_t max) {
-    if (!length_in(text, min, max)) return false;
-    rec[key] = Util::trim_json(text);
-    return true;
-}
-
-// Like put_text, but a null text is accepted and leaves the key out.
-bool put_optional_text(StrMap& rec, const char* key, const char* text, size_t min, size_t max) {
-    return text == nullptr || put_text(rec, key, text, min, max);
-}
-
 // Stamps a record with one clock reading (session id and time) and renders it.
 std::string stamp_and_render(StrMap& rec) {
     long long now = Velto::os_time();
@@ -101,31 +94,144 @@ std::string stamp_and_render(StrMap& rec) {
     return Util::to_json(rec);
 }
 
+// ---------------------------------------------------------------------------------------------
+// The record calls' own path: the base fields are rendered once per change of the base information
+// (BaseView), and a record is that text merged with the call's few own keys, written straight into
+// the record's one buffer. The result is byte for byte to_json of the merged map: keys in ascending
+// byte order, a call's key replacing a base field of the same name, empty values left out.
+
+// The base fields as last rendered. Used under the API lock only; allocated once and never
+// destroyed, since host threads may still record while the process exits.
+BaseView& g_view = *new BaseView();
+
+// One key of the call's own; its value is given raw (escaped on the way) or as it stands.
+struct OwnKey {
+    std::string_view key;
+    std::string_view value;
+    bool escape = false;
+};
+
+class OwnKeys {
+  public:
+    void text(const char* key, const char* value) { add(key, value, strlen(value), true); }
+    void literal(const char* key, std::string_view value) { add(key, value.data(), value.size(), false); }
+    void number(const char* key, long long n) {
+        char* at = numbers_ + used_;
+        std::to_chars_result r = std::to_chars(at, at + 24, n);
+        add(key, at, static_cast<size_t>(r.ptr - at), false);
+        used_ += 24;
+    }
+    // The keys in ascending byte order.
+    void sort() {
+        std::sort(keys_, keys_ + n_, [](const OwnKey& a, const OwnKey& b) { return a.key < b.key; });
+    }
+    const OwnKey* begin() const { return keys_; }
+    const OwnKey* end() const { return keys_ + n_; }
+    size_t room() const {
+        size_t bytes = 0;
+        for (size_t i = 0; i < n_; ++i)
+            bytes += keys_[i].key.size() + 6 + keys_[i].value.size() * (keys_[i].escape ? 2 : 1);
+        return bytes;
+    }
+
+  private:
+    void add(const char* key, const char* value, size_t n, bool escape) {
+        if (n_ < kMax) keys_[n_++] = OwnKey{key, std::string_view(value, n), escape};
+    }
+    static const size_t kMax = 8;
+    OwnKey keys_[kMax];
+    size_t n_ = 0;
+    char numbers_[4 * 24];
+    size_t used_ = 0;
+};
+
+// The record: base fields and own keys merged in key order.
+std::string render_record(const BaseView& view, OwnKeys& own, const char* prefix) {
+    own.sort();
+    std::string out;
+    out.reserve(strlen(prefix) + view.json.size() + own.room() + 2);
+    out += prefix;
+    out += '{';
+    bool first = true;
+    size_t next = 0;  // the first base field not yet written
+    const size_t fields = view.fields.size();
+    auto write_base_until = [&](size_t stop) {
+        if (stop <= next) return;
+        if (!first) out += ',';
+        out.append(view.json, view.fields[next].begin, view.fields[stop - 1].end - view.fields[next].begin);
+        first = false;
+        next = stop;
+    };
+    for (const OwnKey& k : own) {
+        size_t stop = next;
+        while (stop < fields && std::string_view(view.fields[stop].key) < k.key) ++stop;
+        write_base_until(stop);
+        if (next < fields && std::string_view(view.fields[next].key) == k.key) ++next;  // the call's key wins
+        const size_t mark = out.size();
+        if (!first) out += ',';
+        out += '"';
+        out += k.key;
+        out += "\":\"";
+        const size_t value_at = out.size();
+        if (k.escape) {
+            Util::append_json_escaped(out, k.value.data(), k.value.size());
+        } else {
+            out += k.value;
+        }
+        if (out.size() == value_at) {
+            out.resize(mark);  // an empty value is left out
+            continue;
+        }
+        out += '"';
+        first = false;
+    }
+    write_base_until(fields);
+    out += '}';
+    return out;
+}
+
 // Refusals of a record call once the API lock is held, in their fixed order.
-int record_gate(const char* switch_key) {
-    if (Config::obj_->has(switch_key)) return Velto::RES_KIND_OFF;
-    if (g_base_info.count() < BaseInfo::kComplete) return Velto::RES_BASE_INCOMPLETE;
+int record_gate(RecordKind kind) {
+    if (Config::obj_->kind_off(kind)) return Velto::RES_KIND_OFF;
+    g_base_info.refresh(g_view);
+    if (g_view.count < BaseInfo::kComplete) return Velto::RES_BASE_INCOMPLETE;
     if (Cache::obj_->count() > kMaxPending) return Velto::RES_QUEUE_FULL;
     return Velto::RES_OK;
 }
 
-// The frame shared by the five record calls. The exported name is also the kind's switch key;
-// fill_own_keys checks and sets the call's own keys and returns false on a bad argument.
+// The frame shared by the five record calls. The exported name is the kind's switch key;
+// fill_own_keys checks the call's arguments and sets its own keys, false on a bad argument.
 template <typename Fill>
-int record_call(const char* name, const char* log_name, const char* dtype, Fill&& fill_own_keys) {
+int record_call(const char* name, RecordKind kind, const char* log_name, const char* dtype,
+                Fill&& fill_own_keys) {
     return guarded(name, [&]() -> int {
         if (!is_running()) return Velto::RES_STOPPED;
         LOGI << log_name << LEND;
         MutexLock hold(api_m);
-        int refusal = record_gate(name);
+        int refusal = record_gate(kind);
         if (refusal != Velto::RES_OK) return refusal;
-        StrMap rec;
-        g_base_info.copy(rec);
-        rec["dtype"] = dtype;
-        if (!fill_own_keys(rec)) return Velto::RES_BAD_ARG;
-        Cache::obj_->put(stamp_and_render(rec));
+        OwnKeys own;
+        own.literal("dtype", dtype);
+        if (!fill_own_keys(own)) return Velto::RES_BAD_ARG;
+        const long long now = Velto::os_time();
+        const std::string sid = g_session.GetSID(now);
+        own.literal("sid", sid);
+        own.number("ostime", now);
+        Cache::obj_->put(render_record(g_view, own, ""));
         return Velto::RES_OK;
     });
+}
+
+// The call's text under key when its length is in [min, max].
+bool own_text(OwnKeys& own, const char* key, const char* text, size_t min, size_t max) {
+    if (!length_in(text, min, max)) return false;
+    own.text(key, text);
+    return true;
+}
+
+// Like own_text, but a null text is accepted and leaves the key out.
+bool own_optional_text(OwnKeys& own, const char* key, const char* text, size_t min, size_t max) {
+    return text == nullptr || own_text(own, key, text, min, max);
 }
 
 // The cheap tests of data_base_info(2) that need no lock and log nothing.
@@ -324,46 +430,46 @@ int data_base_ext(const char* key, const char* value) {
 }
 
 int data_event(const char* category, const char* action, const char* label, long long value) {
-    return record_call("data_event", "event", "event", [&](StrMap& rec) {
-        if (!put_text(rec, "category", category, 1, kMaxName)) return false;
-        if (!put_text(rec, "act", action, 1, kMaxName)) return false;
-        if (!put_optional_text(rec, "label", label, 0, kMaxName)) return false;
-        if (value != 0) rec["dvalue"] = Util::ltoa(value);
+    return record_call("data_event", Velto::KIND_EVENT, "event", "event", [&](OwnKeys& own) {
+        if (!own_text(own, "category", category, 1, kMaxName)) return false;
+        if (!own_text(own, "act", action, 1, kMaxName)) return false;
+        if (!own_optional_text(own, "label", label, 0, kMaxName)) return false;
+        if (value != 0) own.number("dvalue", value);
         return true;
     });
 }
 
 int data_screen(const char* name) {
-    return record_call("data_screen", "screen", "screenview",
-                       [&](StrMap& rec) { return put_text(rec, "category", name, 1, kMaxName); });
+    return record_call("data_screen", Velto::KIND_SCREEN, "screen", "screenview",
+                       [&](OwnKeys& own) { return own_text(own, "category", name, 1, kMaxName); });
 }
 
 int data_count(const char* category, long long duration, const char* label) {
-    return record_call("data_count", "count", "timing", [&](StrMap& rec) {
-        if (!put_text(rec, "category", category, 1, kMaxName)) return false;
+    return record_call("data_count", Velto::KIND_COUNT, "count", "timing", [&](OwnKeys& own) {
+        if (!own_text(own, "category", category, 1, kMaxName)) return false;
         if (duration <= 0) return false;
-        rec["ttime"] = Util::ltoa(duration);
+        own.number("ttime", duration);
         // Unlike the other calls, an empty label is refused here.
-        return put_optional_text(rec, "label", label, 1, kMaxName);
+        return own_optional_text(own, "label", label, 1, kMaxName);
     });
 }
 
 int data_err_trace(const char* desc, int fatal, const char* label, const char* stack) {
-    return record_call("data_err_trace", "err_trace", "exception", [&](StrMap& rec) {
-        if (!put_text(rec, "desc", desc, 1, kMaxName)) return false;
+    return record_call("data_err_trace", Velto::KIND_ERR_TRACE, "err_trace", "exception", [&](OwnKeys& own) {
+        if (!own_text(own, "desc", desc, 1, kMaxName)) return false;
         // Tested as unsigned, so a negative level is refused too.
         if (static_cast<unsigned int>(fatal) > 2) return false;
-        rec["fatal"] = Util::ltoa(fatal);
-        if (!put_optional_text(rec, "label", label, 0, kMaxName)) return false;
-        return put_optional_text(rec, "stack", stack, 0, kMaxStack);
+        own.number("fatal", fatal);
+        if (!own_optional_text(own, "label", label, 0, kMaxName)) return false;
+        return own_optional_text(own, "stack", stack, 0, kMaxStack);
     });
 }
 
 int data_experience(const char* category, const char* action, const char* properties) {
-    return record_call("data_experience", "experience", "experience", [&](StrMap& rec) {
-        if (!put_text(rec, "category", category, 1, kMaxName)) return false;
-        if (!put_text(rec, "act", action, 1, kMaxName)) return false;
-        return put_optional_text(rec, "properties", properties, 0, kMaxProperties);
+    return record_call("data_experience", Velto::KIND_EXPERIENCE, "experience", "experience", [&](OwnKeys& own) {
+        if (!own_text(own, "category", category, 1, kMaxName)) return false;
+        if (!own_text(own, "act", action, 1, kMaxName)) return false;
+        return own_optional_text(own, "properties", properties, 0, kMaxProperties);
     });
 }
 

@@ -60,6 +60,48 @@ TEST(Records, EveryKindCopiesBaseAndSetsOwnKeys) {
     });
 }
 
+// The record's text is exactly to_json of the base fields merged with the call's keys: keys in
+// ascending byte order (upper case before lower), a call's key replacing a base field even when the
+// call's value is empty (then the key is left out), empty values and values that escape to nothing
+// left out, and the base information's later changes taken up by the next record.
+TEST(Records, TextIsJsonOfMergedMap) {
+    RUN_SCENARIO({
+        start(root);
+        const std::pair<const char*, const char*> ext[] = {
+            {"label", "base-label"}, {"dvalue", "7"}, {"Zed", "upper"}, {"~last", "tilde"}, {"a", "first"}};
+        for (const auto& kv : ext) ASSERT_EQ(0, data_base_ext(kv.first, kv.second));
+        struct Case {
+            std::function<int()> call;
+            StrMap own;  // "" values: the key is replaced and left out
+        } cases[] = {
+            {[] { return data_event("c", "a", "", 0); },
+             {{"dtype", "event"}, {"category", "c"}, {"act", "a"}, {"label", ""}}},
+            {[] { return data_event("c", "a", nullptr, -9); },
+             {{"dtype", "event"}, {"category", "c"}, {"act", "a"}, {"dvalue", "-9"}}},
+            {[] { return data_screen("\x01\x02"); }, {{"dtype", "screenview"}, {"category", ""}}},
+            {[] { return data_err_trace("d", 0, "L/1", "\x7f"); },
+             {{"dtype", "exception"}, {"desc", "d"}, {"fatal", "0"}, {"label", "L\\/1"}, {"stack", ""}}},
+        };
+        for (int round = 0; round < 2; ++round) {
+            if (round == 1) ASSERT_EQ(0, data_base_ext("category", "changed"));
+            StrMap base;
+            Velto::g_base_info.copy(base);
+            for (const Case& c : cases) {
+                ASSERT_EQ(0, c.call());
+                const std::vector<std::string> texts = drain();
+                ASSERT_EQ(1u, texts.size());
+                StrMap rec;
+                ASSERT_TRUE(parse_record(texts[0], rec)) << texts[0];
+                StrMap expected = base;
+                for (const auto& kv : c.own) expected[kv.first] = kv.second;
+                expected["sid"] = rec["sid"];
+                expected["ostime"] = rec["ostime"];
+                EXPECT_EQ(Velto::Util::to_json(expected), texts[0]);
+            }
+        }
+    });
+}
+
 // One argument-limit case: the call as written, the call, its expected result.
 struct LimitCase {
     const char* text;
