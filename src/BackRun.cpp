@@ -413,11 +413,14 @@ bool DeliveryLoop::send_real_time(const std::string& item) {
 // The initial event is wanted at the server at once: up to three attempts, a second apart.
 bool DeliveryLoop::send_initial(const std::string& item) {
     LOGI << "addtional send" << LEND;
+    // The records written to the file while the attempts ran are stamped from this second on; the
+    // send is dated here so that they still count as newer than it and go out with the next batch.
+    const long long started = os_time();
     int r = 0;
     for (int attempt = 0; attempt < kInitAttempts; ++attempt) {
         r = send_msg(item, data_url_.c_str(), "data");
         if (r == 0) {
-            mark_sent_now(os_time());
+            mark_sent_now(started);
             return true;
         }
         pause_ms(kInitRetryPauseMs);

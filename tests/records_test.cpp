@@ -83,7 +83,9 @@ TEST(Records, TextIsJsonOfMergedMap) {
              {{"dtype", "exception"}, {"desc", "d"}, {"fatal", "0"}, {"label", "L\\/1"}, {"stack", ""}}},
         };
         for (int round = 0; round < 2; ++round) {
-            if (round == 1) ASSERT_EQ(0, data_base_ext("category", "changed"));
+            if (round == 1) {
+                ASSERT_EQ(0, data_base_ext("category", "changed"));
+            }
             StrMap base;
             Velto::g_base_info.copy(base);
             for (const Case& c : cases) {
