@@ -2,14 +2,20 @@
 // root-directory and brand checks, the test entry points, the library's exported symbols, loading it
 // with dlopen, and a host that exits without data_stop. Each scenario runs in its own process.
 #include <dlfcn.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <set>
+#include <thread>
 
 #include "api_helpers.h"
+#include "delivery.h"
 
 namespace {
 
@@ -161,5 +167,45 @@ TEST(Api, ExportsExactlyThePublicFunctions) {
     });
 }
 
-// The background thread still runs when the host exits; nothing may be torn down under it.
+// Children forked while another thread is inside library calls can use the library: no lock is
+// inherited held, and a child of a started library starts out stopped.
+TEST(Api, ForkedChildrenNeverDeadlock) {
+    RUN_SCENARIO({
+        vtest::write_conf(root, "http://127.0.0.1:1");  // fresh: no configuration fetch
+        ASSERT_EQ(0, data_init(root.c_str(), "brand"));
+        ASSERT_EQ(0, give_base_info());
+        std::atomic<bool> done{false};
+        std::thread busy([&] {
+            for (int i = 0; !done; ++i) {
+                data_event("busy", "act", nullptr, i);
+                data_base_ext("k", "v");
+                data_changestate(i % 2);
+            }
+        });
+        int hung = 0, failed = 0;
+        for (int i = 0; i < 100; ++i) {
+            pid_t pid = fork();
+            if (pid == 0) {
+                const bool ok = data_event("child", "act", nullptr, 0) == 207 &&
+                                data_base_ext("k", "v") == 207 && data_init(root.c_str(), "brand") == 101;
+                data_stop();
+                _exit(ok ? 0 : 1);
+            }
+            ASSERT_GT(pid, 0);
+            int status = 0;
+            if (!vtest::wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 10000)) {
+                ++hung;
+                kill(pid, SIGKILL);
+                waitpid(pid, &status, 0);
+            } else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+                ++failed;
+            }
+        }
+        done = true;
+        busy.join();
+        EXPECT_EQ(0, hung) << "children that deadlocked";
+        EXPECT_EQ(0, failed) << "children whose calls gave other results";
+    });
+}
+
 }  // namespace

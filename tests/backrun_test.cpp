@@ -393,19 +393,6 @@ TEST(Delivery, OutageKeepsBatchesAsideAndTheNextRunUploadsThem) {
     }));
 }
 
-TEST(Delivery, HostExitingWithoutStopDoesNotCrash) {
-    RUN_SCENARIO({
-        RawServer server;
-        start(server, root);
-        std::thread producer([] {
-            for (int i = 0;; ++i) event(i);
-        });
-        producer.detach();
-        for (int i = 0; i < 500; ++i) event(100000 + i);
-        std::exit(0);  // static destruction runs while both threads are still busy
-    });
-}
-
 TEST(Delivery, DebugMirrorOnlyWithSwitchFile) {
     for (bool with_switch : {true, false}) {
         SCOPED_TRACE(with_switch ? "switch file" : "no switch file");
