@@ -46,6 +46,7 @@ bool truncate_file(const std::string& path) {
     return f.is_open();
 }
 
+// Every line followed by a line feed, in one string.
 std::string joined_lines(const StrList& lines) {
     size_t total = 0;
     for (const std::string& line : lines) total += line.size() + 1;
@@ -56,16 +57,6 @@ std::string joined_lines(const StrList& lines) {
         text += '\n';
     }
     return text;
-}
-
-// Writes every line followed by a line feed and flushes once; false when the stream went bad.
-bool write_lines(std::fstream& out, const StrList& lines) {
-    for (const std::string& line : lines) {
-        out.write(line.data(), static_cast<std::streamsize>(line.size()));
-        out.put('\n');
-    }
-    out.flush();
-    return out.good();
 }
 
 long long stream_length(std::fstream& f) {
@@ -351,15 +342,7 @@ std::string MsgFile::comb_msg(long long begin, long long max_count, long long ma
     StrList records;
     get_msg_list(begin, max_count, max_bytes, records, newest, nullptr, stream);
     del_repeat(records);
-    size_t total = 0;
-    for (const std::string& r : records) total += r.size() + 1;
-    std::string joined;
-    joined.reserve(total);
-    for (const std::string& r : records) {
-        joined += r;
-        joined += '\n';
-    }
-    return joined;
+    return joined_lines(records);
 }
 
 bool MsgFile::del_repeat(StrList& records) {
@@ -395,7 +378,8 @@ int MsgFile::roll_msg(long long begin, long long max_count, long long max_bytes,
         // The journal appears only complete (written aside, flushed, renamed into place): from then
         // on a crash at any step below is repaired from it at the next open.
         const std::string journal_path = path + kJournalName;
-        if (!replace_file(journal_path, joined_lines(raw_lines))) {
+        const std::string kept = joined_lines(raw_lines);
+        if (!replace_file(journal_path, kept)) {
             LOGE << "fp_back open" << LEND;
             return -1;
         }
@@ -404,7 +388,8 @@ int MsgFile::roll_msg(long long begin, long long max_count, long long max_bytes,
             return -1;
         }
         fault_point("sdk.msg: emptied for the rewrite");
-        write_lines(fs_, raw_lines);
+        fs_.write(kept.data(), static_cast<std::streamsize>(kept.size()));
+        fs_.flush();
         fault_point("sdk.msg: rewritten");
         // An emptied journal is never restored; one that cannot be emptied must not stay either.
         if (!truncate_file(journal_path)) std::remove(journal_path.c_str());
