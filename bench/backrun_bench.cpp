@@ -16,11 +16,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <vector>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "BackRun.h"
 #include "BaseInfo.h"
@@ -224,7 +224,8 @@ void BM_DataEvent(benchmark::State& state) {
         state.counters["target_p99_us"] = 20;
         state.counters["ratio_p99"] = p99 / 20.0;
     }
-    state.counters["refused"] = benchmark::Counter(static_cast<double>(refused), benchmark::Counter::kAvgThreads);
+    state.counters["refused"] =
+        benchmark::Counter(static_cast<double>(refused), benchmark::Counter::kAvgThreads);
 }
 BENCHMARK(BM_DataEvent)->Threads(1)->Iterations(200000);
 BENCHMARK(BM_DataEvent)->Threads(4)->Iterations(50000);

@@ -155,8 +155,8 @@ void Base64Decode_OpenSsl(benchmark::State& state) {
     const std::string text = Velto::base64_encode(raw.data(), unsigned(raw.size()));
     std::vector<unsigned char> out(text.size() / 4 * 3 + 1);
     for (auto _ : state) {
-        benchmark::DoNotOptimize(EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char*>(text.data()),
-                                                 int(text.size())));
+        benchmark::DoNotOptimize(EVP_DecodeBlock(
+            out.data(), reinterpret_cast<const unsigned char*>(text.data()), int(text.size())));
         benchmark::ClobberMemory();
     }
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(text.size()));
@@ -166,7 +166,7 @@ BENCHMARK(Base64Decode_OpenSsl)->Arg(608)->Arg(48 << 10);
 
 // Console output as usual, then the summary: each "<op>_<ours>/<arg>" against "<op>_OpenSsl/<arg>".
 class SummaryReporter : public benchmark::ConsoleReporter {
-public:
+  public:
     void ReportRuns(const std::vector<Run>& runs) override {
         // Single runs, or the "median" aggregate when only aggregates are reported.
         for (const Run& r : runs) {
@@ -179,9 +179,10 @@ public:
 
     void Finalize() override {
         ConsoleReporter::Finalize();
-        static const std::map<std::string, double> kTargets = {
-            {"CbcEncrypt_Velto", 0.8}, {"CbcDecrypt_Velto", 1.0},
-            {"Base64Encode_Velto", 1.0}, {"Base64Decode_Velto", 1.0}};
+        static const std::map<std::string, double> kTargets = {{"CbcEncrypt_Velto", 0.8},
+                                                               {"CbcDecrypt_Velto", 1.0},
+                                                               {"Base64Encode_Velto", 1.0},
+                                                               {"Base64Decode_Velto", 1.0}};
         std::printf("\n%-30s %12s %12s %8s %8s\n", "ours vs OpenSSL", "ours ns", "OpenSSL ns", "ratio",
                     "target");
         for (const auto& entry : seconds_) {
@@ -204,7 +205,7 @@ public:
                         median(fencode->second) * 1e9, "-", "-", "<= 1000");
     }
 
-private:
+  private:
     static double median(std::vector<double> v) {
         std::sort(v.begin(), v.end());
         return v[v.size() / 2];

@@ -76,11 +76,15 @@ void BM_GetMsgList(benchmark::State& state) {
     }
     msg.close();
     state.SetComplexityN(n);
-    state.counters["ns_per_record"] =
-        benchmark::Counter(static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate |
-                                                       benchmark::Counter::kInvert);
+    state.counters["ns_per_record"] = benchmark::Counter(
+        static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
-BENCHMARK(BM_GetMsgList)->Arg(1000)->Arg(10000)->Arg(50000)->Unit(benchmark::kMillisecond)->Complexity(benchmark::oN);
+BENCHMARK(BM_GetMsgList)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(50000)
+    ->Unit(benchmark::kMillisecond)
+    ->Complexity(benchmark::oN);
 
 // A roll that keeps all but the oldest tenth of the records (so the file is rewritten).
 void BM_RollMsg(benchmark::State& state) {
@@ -99,11 +103,15 @@ void BM_RollMsg(benchmark::State& state) {
         state.ResumeTiming();
     }
     state.SetComplexityN(n);
-    state.counters["ns_per_record"] =
-        benchmark::Counter(static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate |
-                                                       benchmark::Counter::kInvert);
+    state.counters["ns_per_record"] = benchmark::Counter(
+        static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
-BENCHMARK(BM_RollMsg)->Arg(1000)->Arg(10000)->Arg(50000)->Unit(benchmark::kMillisecond)->Complexity(benchmark::oN);
+BENCHMARK(BM_RollMsg)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(50000)
+    ->Unit(benchmark::kMillisecond)
+    ->Complexity(benchmark::oN);
 
 // A batch in which every tenth record repeats an earlier one (one "repeat msg" warning each).
 void BM_DelRepeat(benchmark::State& state) {
@@ -120,10 +128,14 @@ void BM_DelRepeat(benchmark::State& state) {
         if (static_cast<long long>(records.size()) != n - n / 10) state.SkipWithError("wrong result");
     }
     state.SetComplexityN(n);
-    state.counters["ns_per_record"] =
-        benchmark::Counter(static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate |
-                                                       benchmark::Counter::kInvert);
+    state.counters["ns_per_record"] = benchmark::Counter(
+        static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
-BENCHMARK(BM_DelRepeat)->Arg(1000)->Arg(10000)->Arg(50000)->Unit(benchmark::kMillisecond)->Complexity(benchmark::oN);
+BENCHMARK(BM_DelRepeat)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(50000)
+    ->Unit(benchmark::kMillisecond)
+    ->Complexity(benchmark::oN);
 
 }  // namespace

@@ -32,16 +32,16 @@ extern "C" {
 
 /* Result codes. */
 enum {
-    VELTO_OK = 0,                  /* done */
-    VELTO_ALREADY_INIT = 101,      /* data_init was called before (also after data_stop) */
-    VELTO_BAD_ROOT = 102,          /* root directory shorter than 3 bytes, or no file can be created in it */
-    VELTO_BAD_ARG = 104,           /* an argument is null, empty, too long or out of range */
-    VELTO_NOT_INIT = 105,          /* base information given before data_init */
-    VELTO_BASE_INCOMPLETE = 106,   /* fewer than 14 base fields stored: call data_base_info first */
-    VELTO_STOPPED = 207,           /* data_stop was called (or the library gave up) */
-    VELTO_QUEUE_FULL = 208,        /* more than 1000 records wait in memory */
-    VELTO_KIND_OFF = 209,          /* this kind of record is switched off by the server's configuration */
-    VELTO_EXCEPTION = 301          /* an internal failure was caught */
+    VELTO_OK = 0,                /* done */
+    VELTO_ALREADY_INIT = 101,    /* data_init was called before (also after data_stop) */
+    VELTO_BAD_ROOT = 102,        /* root directory shorter than 3 bytes, or no file can be created in it */
+    VELTO_BAD_ARG = 104,         /* an argument is null, empty, too long or out of range */
+    VELTO_NOT_INIT = 105,        /* base information given before data_init */
+    VELTO_BASE_INCOMPLETE = 106, /* fewer than 14 base fields stored: call data_base_info first */
+    VELTO_STOPPED = 207,         /* data_stop was called (or the library gave up) */
+    VELTO_QUEUE_FULL = 208,      /* more than 1000 records wait in memory */
+    VELTO_KIND_OFF = 209,        /* this kind of record is switched off by the server's configuration */
+    VELTO_EXCEPTION = 301        /* an internal failure was caught */
 };
 
 /**

@@ -164,7 +164,8 @@ void DeliveryLoop::pump() {
             }
             item.erase(0, kInitPrefixLen);
         }
-        if (!debug_url_.empty() && mirror_backlog_.size() < kMaxMirrorBacklog) mirror_backlog_.push_back(item);
+        if (!debug_url_.empty() && mirror_backlog_.size() < kMaxMirrorBacklog)
+            mirror_backlog_.push_back(item);
         save_to_file(item);
         if (owner_.stop_flag() == 2) owner_.set_running(0);
     }

@@ -15,7 +15,7 @@
 namespace Velto {
 
 class BackRun : public Thread {
-public:
+  public:
     void init() override;  // creates the mutex, stop flag = 1
     void run() override;   // the thread body
     // Asks the loop to stop (stop flag 2) and waits at most 60 x 50 microseconds for it.
@@ -36,7 +36,7 @@ public:
     // In a child process after fork: no thread runs there, so the library is stopped.
     void after_fork_in_child();
 
-private:
+  private:
     Mutex m_;
     MsgFile msg_;
     std::atomic<int> running_{1};

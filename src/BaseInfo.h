@@ -29,7 +29,7 @@ struct BaseView {
 };
 
 class BaseInfo {
-public:
+  public:
     static const size_t kComplete = 14;  // fields needed before records are accepted
 
     void init_mutex();  // creates the mutex on first use
@@ -45,7 +45,7 @@ public:
     // Brings view up to date with the store (cheap when nothing changed since it was last brought).
     void refresh(BaseView& view);
 
-private:
+  private:
     void changed() { version_.fetch_add(1, std::memory_order_release); }
 
     std::atomic<unsigned long long> version_{0};

@@ -19,7 +19,9 @@ void Cache::reset() {
     count_.store(0);
 }
 
-void Cache::put(const std::string& rec) { put(std::string(rec)); }
+void Cache::put(const std::string& rec) {
+    put(std::string(rec));
+}
 
 // Doubles the ring, the records staying in their order.
 void Cache::grow() {
@@ -57,8 +59,12 @@ std::string Cache::get() {
     return std::string();
 }
 
-bool Cache::lock() { return m_.lock(); }
+bool Cache::lock() {
+    return m_.lock();
+}
 
-void Cache::unlock() { m_.unlock(); }
+void Cache::unlock() {
+    m_.unlock();
+}
 
 }  // namespace Velto

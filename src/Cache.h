@@ -15,7 +15,7 @@
 namespace Velto {
 
 class Cache {
-public:
+  public:
     static Cache* obj_;
 
     void reset();                      // empties the queue and creates the mutex (data_init)
@@ -26,7 +26,7 @@ public:
     bool lock();
     void unlock();
 
-private:
+  private:
     void grow();
 
     Mutex m_;

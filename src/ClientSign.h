@@ -11,11 +11,11 @@ namespace Velto {
 
 // What the client-id logic needs from the platform.
 class ClientIdLeaves {
-public:
+  public:
     virtual ~ClientIdLeaves() = default;
-    virtual std::string platform_uuid() = 0;  // "" when the machine has none
-    virtual std::string random_uuid() = 0;    // a new UUID, upper-case textual form with hyphens
-    virtual bool prefs_exists() = 0;          // the preferences file is there
+    virtual std::string platform_uuid() = 0;    // "" when the machine has none
+    virtual std::string random_uuid() = 0;      // a new UUID, upper-case textual form with hyphens
+    virtual bool prefs_exists() = 0;            // the preferences file is there
     virtual std::string prefs_client_id() = 0;  // its "client ID" string, "" when unreadable/absent
     // Sets "client ID" in the existing file, keeping its other keys.
     virtual void prefs_set_client_id(const std::string& id) = 0;

@@ -15,10 +15,10 @@
 
 #include <cctype>
 #include <cerrno>
-#include <cstring>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iomanip>
 #include <mutex>
@@ -54,8 +54,8 @@ long long Config::get_int(const std::string& key) {
 }
 
 const char* Config::kind_key(RecordKind kind) {
-    static const char* const kKeys[KIND_COUNT_] = {"data_event", "data_screen", "data_count", "data_err_trace",
-                                                   "data_experience"};
+    static const char* const kKeys[KIND_COUNT_] = {"data_event", "data_screen", "data_count",
+                                                   "data_err_trace", "data_experience"};
     return kind >= 0 && kind < KIND_COUNT_ ? kKeys[kind] : "";
 }
 

@@ -17,7 +17,7 @@ namespace Velto {
 enum RecordKind { KIND_EVENT, KIND_SCREEN, KIND_COUNT, KIND_ERR_TRACE, KIND_EXPERIENCE, KIND_COUNT_ };
 
 class Config {
-public:
+  public:
     static Config* obj_;
 
     // The key that switches a kind off (its exported call's name): once present in the store,
@@ -30,12 +30,12 @@ public:
     // Creates the mutex on first use (data_init).
     void init_mutex();
 
-    std::string get_str(const std::string& key);  // "" when absent
-    long long get_int(const std::string& key);    // atol of the value; 0 when absent or empty
+    std::string get_str(const std::string& key);                 // "" when absent
+    long long get_int(const std::string& key);                   // atol of the value; 0 when absent or empty
     void set(const std::string& key, long long value);           // "%lld"; empty key ignored
     void set(const std::string& key, const std::string& value);  // as given; empty key ignored
-    bool has(const std::string& key);                             // presence, whatever the value
-    bool on(const std::string& key);                              // value upper-cased equals "ON"
+    bool has(const std::string& key);                            // presence, whatever the value
+    bool on(const std::string& key);                             // value upper-cased equals "ON"
     long long ins(const std::string& key);  // increment-and-return; 0 and nothing stored when absent
     int load_default();                     // the 23 defaults, overwriting
     StrMap snapshot();                      // a copy of the whole store
@@ -52,7 +52,7 @@ public:
 
     Mutex& mutex() { return m_; }
 
-private:
+  private:
     void note_kind(const std::string& key);
 
     StrMap map_;

@@ -16,10 +16,10 @@
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <errno.h>
-#include <openssl/crypto.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <openssl/crypto.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>

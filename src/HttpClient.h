@@ -15,12 +15,12 @@ struct RequestParam {
     bool post = true;
     const char* body = nullptr;
     int body_len = 0;
-    int unused_int = 0;             // kept for layout; never read
-    void* unused_ptr = nullptr;     // kept for layout; never read
-    const char* header = nullptr;   // a whole "Content-Type:...\r\n" line, or null
-    bool block = false;             // true: blocking socket and plain connect
-    unsigned int timeout_ms = 0;    // from CON_TIMEOUT
-    const char* upname = nullptr;   // name of the multipart "sdk_log" field and file part
+    int unused_int = 0;            // kept for layout; never read
+    void* unused_ptr = nullptr;    // kept for layout; never read
+    const char* header = nullptr;  // a whole "Content-Type:...\r\n" line, or null
+    bool block = false;            // true: blocking socket and plain connect
+    unsigned int timeout_ms = 0;   // from CON_TIMEOUT
+    const char* upname = nullptr;  // name of the multipart "sdk_log" field and file part
 };
 
 // Raw-socket HTTP/1.1 request to an "http://" URL; true when the request went out and the reply was
@@ -34,7 +34,8 @@ bool parse_http_url(const std::string& url, std::string& host, int& port, std::s
 // libcurl POST. mode 1: URL-encoded body; 2: multipart file upload; 3: form "reqformat"="plain".
 // Returns the reply with its headers, "" on failure.
 // http_status, when given, receives the final response's status code (0 without a response).
-std::string curl_http_post(const std::string& url, RequestParam& param, int mode, long* http_status = nullptr);
+std::string curl_http_post(const std::string& url, RequestParam& param, int mode,
+                           long* http_status = nullptr);
 std::string curl_http_get(const std::string& url, RequestParam& param);
 // libcurl write callback: appends at most size * count bytes (up to a zero byte) to *reply.
 size_t curl_recv_data(void* ptr, size_t size, size_t count, void* reply);

@@ -100,9 +100,9 @@ void append_head(LineState& st, std::string& out) {
         time_t t = static_cast<time_t>(now);
         struct tm local = {};
         localtime_r(&t, &local);
-        const int n = std::snprintf(st.head, sizeof(st.head), "[%04d-%02d-%02d %02d:%02d:%02d] ",
-                                    local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
-                                    local.tm_min, local.tm_sec);
+        const int n =
+            std::snprintf(st.head, sizeof(st.head), "[%04d-%02d-%02d %02d:%02d:%02d] ", local.tm_year + 1900,
+                          local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
         st.head_len = n > 0 ? static_cast<size_t>(n) : 0;
         st.head_sec = now;
     }
@@ -242,7 +242,8 @@ void Log::flush() {
     try {
         // Ended lines of an open batch, then the unended rest as one more piece.
         std::vector<size_t> starts(st.starts);
-        if (st.building && (starts.empty() || starts.back() != st.line_start)) starts.push_back(st.line_start);
+        if (st.building && (starts.empty() || starts.back() != st.line_start))
+            starts.push_back(st.line_start);
         if (starts.empty() || starts.front() != 0) starts.insert(starts.begin(), 0);
         st.owner->write_lines(st.text.data(), st.text.size(), starts.data(), starts.size());
     } catch (...) {

@@ -19,7 +19,7 @@
 namespace Velto {
 
 class Log {
-public:
+  public:
     enum LOG_LEVEL { LOG_ERROR = 1, LOG_WARN = 2, LOG_INFO = 3 };
     static const unsigned long long kDefaultLimit = 6291456;
 
@@ -71,7 +71,7 @@ public:
     // The live log's size (from the file itself); -1 while it is closed.
     long long write_pos();
 
-private:
+  private:
     Log& begin_line(int level);
     Log& write_number(long long n);
     Log& write_text(const char* text, size_t n);

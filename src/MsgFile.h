@@ -13,7 +13,7 @@
 namespace Velto {
 
 class MsgFile {
-public:
+  public:
     static const long long kDefaultLimit = 6291456;
 
     // (Re)opens "sdk.msg" for reading and appending, restoring it from a journal of 10 bytes or more.
@@ -45,7 +45,7 @@ public:
     bool is_open() const { return fs_.is_open(); }
     long long size_limit() const { return size_limit_; }
 
-private:
+  private:
     long long size_limit_ = kDefaultLimit;
     std::fstream fs_;
     bool batching_ = false;

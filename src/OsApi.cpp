@@ -2,10 +2,9 @@
 // wrappers over the platform implementation (OsImpl.h) with their platform-free rules. Any thread.
 #include "OsApi.h"
 
+#include <errno.h>
 #include <time.h>
 #include <unistd.h>
-
-#include <errno.h>
 
 #include <atomic>
 #include <cstdio>
@@ -58,9 +57,13 @@ std::mutex* get_mutex(int id) {
     return it == r.mutexes.end() ? nullptr : it->second;
 }
 
-void mutex_registry_lock() { registry().guard.lock(); }
+void mutex_registry_lock() {
+    registry().guard.lock();
+}
 
-void mutex_registry_unlock() { registry().guard.unlock(); }
+void mutex_registry_unlock() {
+    registry().guard.unlock();
+}
 
 void Mutex::init() {
     if (id_ >= 0) return;
@@ -78,15 +81,25 @@ int Mutex::unlock() {
     return 0;
 }
 
-void os_sleep(unsigned int seconds) { sleep(seconds); }
+void os_sleep(unsigned int seconds) {
+    sleep(seconds);
+}
 
-void os_usleep(unsigned int microseconds) { usleep(microseconds); }
+void os_usleep(unsigned int microseconds) {
+    usleep(microseconds);
+}
 
-long long os_time() { return static_cast<long long>(time(nullptr)) + g_time_shift.load(); }
+long long os_time() {
+    return static_cast<long long>(time(nullptr)) + g_time_shift.load();
+}
 
-void os_time_shift(long long seconds) { g_time_shift.fetch_add(seconds); }
+void os_time_shift(long long seconds) {
+    g_time_shift.fetch_add(seconds);
+}
 
-void set_fault_hook(FaultHook hook) { g_fault_hook.store(hook); }
+void set_fault_hook(FaultHook hook) {
+    g_fault_hook.store(hook);
+}
 
 void fault_point(const char* step) {
     FaultHook hook = g_fault_hook.load();
@@ -114,7 +127,9 @@ bool replace_file(const std::string& path, const std::string& bytes) {
     return true;
 }
 
-int get_pid() { return os_impl::get_pid_impl(); }
+int get_pid() {
+    return os_impl::get_pid_impl();
+}
 
 std::string pname_from_path(const std::string& path) {
     if (path.empty()) return "";
@@ -124,9 +139,13 @@ std::string pname_from_path(const std::string& path) {
     return path;
 }
 
-std::string get_pname() { return pname_from_path(os_impl::get_pname_impl()); }
+std::string get_pname() {
+    return pname_from_path(os_impl::get_pname_impl());
+}
 
-std::string get_sdk_version() { return os_impl::get_sdk_version_impl(); }
+std::string get_sdk_version() {
+    return os_impl::get_sdk_version_impl();
+}
 
 bool rename_file(const std::string& dir, const std::string& old_name, const std::string& new_name) {
     std::string error;
@@ -141,7 +160,9 @@ void get_files(const std::string& dir, StrList& out) {
     os_impl::get_files_impl(dir, out);
 }
 
-std::string get_guid() { return os_impl::get_guid_impl(); }
+std::string get_guid() {
+    return os_impl::get_guid_impl();
+}
 
 std::string get_client_sign() {
     try {

@@ -22,27 +22,27 @@ void mutex_registry_unlock();
 // A handle on a registered, plain (non-recursive) mutex. A value inside every shared object;
 // init() before first use, idempotent.
 class Mutex {
-public:
+  public:
     void init();
-    bool lock();    // always true
-    int unlock();   // 0
+    bool lock();   // always true
+    int unlock();  // 0
     int id() const { return id_; }
     bool created() const { return handle_ != nullptr; }
 
-private:
+  private:
     int id_ = -1;
     std::mutex* handle_ = nullptr;
 };
 
 // Holds a Velto::Mutex for a scope.
 class MutexLock {
-public:
+  public:
     explicit MutexLock(Mutex& m) : m_(m) { m_.lock(); }
     ~MutexLock() { m_.unlock(); }
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;
 
-private:
+  private:
     Mutex& m_;
 };
 
@@ -55,7 +55,7 @@ long long os_time();
 void os_time_shift(long long seconds);  // test seam: adds to every later os_time()
 
 int get_pid();
-std::string get_pname();        // file name of the host executable, "" when unknown
+std::string get_pname();  // file name of the host executable, "" when unknown
 // The name part of an executable path: what follows the last "/" (else the last "\\"), or the whole
 // path when there is no separator or it stands among the last two bytes.
 std::string pname_from_path(const std::string& path);

@@ -600,7 +600,8 @@ VELTO_AESNI_FN void hw_decrypt_block(const uint8_t* keys, int rounds, const char
 // CBC encryption is one long dependency chain; all it can do is keep the round keys in registers
 // and take the first round key off that chain (it is XORed into the plaintext, not the chain).
 template <int Nr>
-VELTO_AESNI_FN void hw_cbc_encrypt(const uint8_t* keys, const char* in, char* out, size_t blocks, char* chain) {
+VELTO_AESNI_FN void hw_cbc_encrypt(const uint8_t* keys, const char* in, char* out, size_t blocks,
+                                   char* chain) {
     __m128i k[Nr + 1];
 #pragma GCC unroll 15
     for (int r = 0; r <= Nr; r++) k[r] = load(keys + 16 * r);
@@ -619,7 +620,8 @@ VELTO_AESNI_FN void hw_cbc_encrypt(const uint8_t* keys, const char* in, char* ou
 // which keeps both AES units of a core busy. Every input block is read before any output is written,
 // so in and out may be the same buffer.
 template <int Nr>
-VELTO_AESNI_FN void hw_cbc_decrypt(const uint8_t* keys, const char* in, char* out, size_t blocks, char* chain) {
+VELTO_AESNI_FN void hw_cbc_decrypt(const uint8_t* keys, const char* in, char* out, size_t blocks,
+                                   char* chain) {
     const int W = 8;
     __m128i prev = load(chain);
     size_t i = 0;
@@ -661,9 +663,12 @@ typedef void (*HwCbc)(const uint8_t*, const char*, char*, size_t, char*);
 
 HwCbc hw_cbc(int rounds, bool encrypt) {
     switch (rounds) {
-        case 10: return encrypt ? hw_cbc_encrypt<10> : hw_cbc_decrypt<10>;
-        case 12: return encrypt ? hw_cbc_encrypt<12> : hw_cbc_decrypt<12>;
-        default: return encrypt ? hw_cbc_encrypt<14> : hw_cbc_decrypt<14>;
+        case 10:
+            return encrypt ? hw_cbc_encrypt<10> : hw_cbc_decrypt<10>;
+        case 12:
+            return encrypt ? hw_cbc_encrypt<12> : hw_cbc_decrypt<12>;
+        default:
+            return encrypt ? hw_cbc_encrypt<14> : hw_cbc_decrypt<14>;
     }
 }
 
@@ -680,7 +685,12 @@ bool CRijndael::HardwareAes() {
 }
 
 CRijndael::CRijndael()
-    : m_bKeyInit(false), m_bTablesOnly(false), m_keylength(0), m_blockSize(0), m_iROUNDS(0), m_chain0(),
+    : m_bKeyInit(false),
+      m_bTablesOnly(false),
+      m_keylength(0),
+      m_blockSize(0),
+      m_iROUNDS(0),
+      m_chain0(),
       m_chain() {}
 
 CRijndael::~CRijndael() {}

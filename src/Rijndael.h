@@ -12,7 +12,7 @@
 namespace Velto {
 
 class CRijndael {
-public:
+  public:
     enum { ECB = 0, CBC = 1, CFB = 2 };
     enum { DEFAULT_BLOCK_SIZE = 16, MAX_BLOCK_SIZE = 32, MAX_ROUNDS = 14, MAX_KC = 8, MAX_BC = 8 };
 
@@ -55,7 +55,7 @@ public:
     // the two paths can be compared; effective from the next call.
     void UseTablesOnly(bool on);
 
-private:
+  private:
     // Standard Rijndael constants over GF(2^8) with polynomial 0x11B, precomputed in Rijndael.cpp.
     static const uint8_t sm_S[256];    // S-box
     static const uint8_t sm_Si[256];   // inverse S-box

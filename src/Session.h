@@ -9,7 +9,7 @@
 namespace Velto {
 
 class Session {
-public:
+  public:
     static const unsigned long long kBuiltinTimeout = 1799;  // also "not yet read from configuration"
 
     Session();
@@ -21,7 +21,7 @@ public:
     bool background() const { return bg_ != 0; }
     unsigned long long timeout() const { return tmout_; }
 
-private:
+  private:
     std::string sid_;
     long long last_;
     long long bg_;

@@ -43,17 +43,25 @@ int ThreadProc(Thread* obj) {
     return 0;
 }
 
-int thread_proc(Thread* obj) { return ThreadProc(obj); }
+int thread_proc(Thread* obj) {
+    return ThreadProc(obj);
+}
 
-PumpInstall::PumpInstall(WaitPump* pump) : prev_(t_pump) { t_pump = pump; }
+PumpInstall::PumpInstall(WaitPump* pump) : prev_(t_pump) {
+    t_pump = pump;
+}
 
-PumpInstall::~PumpInstall() { t_pump = prev_; }
+PumpInstall::~PumpInstall() {
+    t_pump = prev_;
+}
 
 WaitScope::WaitScope() {
     if (t_wait_depth++ == 0) t_wait_start = t_last_pump = Clock::now();
 }
 
-WaitScope::~WaitScope() { --t_wait_depth; }
+WaitScope::~WaitScope() {
+    --t_wait_depth;
+}
 
 void wait_tick() {
     if (t_pump == nullptr || t_wait_depth == 0 || t_pumping) return;

@@ -12,11 +12,11 @@
 namespace Velto {
 
 class Thread {
-public:
+  public:
     virtual void init() = 0;
     virtual void run() = 0;
 
-protected:
+  protected:
     ~Thread() = default;  // never deleted through the base
 };
 
@@ -25,11 +25,11 @@ int ThreadProc(Thread* obj);    // calls obj->run(); returns 0
 int thread_proc(Thread* obj);   // the same entry under its second name
 
 class WaitPump {
-public:
+  public:
     // Moves what is waiting to durable storage; never waits on the network itself.
     virtual void pump() = 0;
 
-protected:
+  protected:
     ~WaitPump() = default;
 };
 
@@ -38,19 +38,19 @@ const int kPumpEveryMs = 20;
 
 // Installs pump for the calling thread for the life of the object.
 class PumpInstall {
-public:
+  public:
     explicit PumpInstall(WaitPump* pump);
     ~PumpInstall();
     PumpInstall(const PumpInstall&) = delete;
     PumpInstall& operator=(const PumpInstall&) = delete;
 
-private:
+  private:
     WaitPump* prev_;
 };
 
 // Marks a wait (nested scopes count as one, from the outermost).
 class WaitScope {
-public:
+  public:
     WaitScope();
     ~WaitScope();
     WaitScope(const WaitScope&) = delete;

@@ -21,7 +21,8 @@
 namespace Velto {
 
 // Never destroyed: the background thread may still encode while the host exits.
-const std::string& base64_chars = *new std::string("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/");
+const std::string& base64_chars =
+    *new std::string("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/");
 
 namespace {
 
@@ -162,7 +163,7 @@ void encipher(const unsigned char* data, size_t len, Sink& sink) {
 // encryption is one long dependency chain that leaves most of the core idle, and encoding the
 // finished piece while the next one is under way hides part of the Base64 work behind it.
 class Base64Sink {
-public:
+  public:
     explicit Base64Sink(char* out) : out_(out) {}
     char* buffer() { return pieces_[next_]; }
     void take(size_t n) {
@@ -177,7 +178,7 @@ public:
     }
     char* end() const { return out_; }
 
-private:
+  private:
     char* out_;
     char pieces_[2][kPiece];
     int next_ = 0;
@@ -186,13 +187,13 @@ private:
 
 // The raw cipher bytes into out.
 class RawSink {
-public:
+  public:
     explicit RawSink(char* out) : out_(out) {}
     char* buffer() { return out_; }
     void take(size_t n) { out_ += n; }
     void finish() {}
 
-private:
+  private:
     char* out_;
 };
 

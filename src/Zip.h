@@ -18,7 +18,8 @@ int AES_Encode(const unsigned char* data, int len, unsigned char* out);
 // As AES_Encode without Base64: out (n bytes) receives the raw enciphered bytes, outLen = n.
 int AES_Encode2(const unsigned char* data, int len, unsigned char* out, int& outLen);
 // Decodes Base64 b64 and deciphers the m bytes into out (m + 1 bytes, zero-terminated); padding is
-// left in place. out must hold 3 * ceil(strlen(b64) / 4) + 1 bytes, the most the decoder can yield. Returns 0 or -1 for null pointers; throws when m is 0 or not a multiple of 16.
+// left in place. out must hold 3 * ceil(strlen(b64) / 4) + 1 bytes, the most the decoder can yield. Returns 0
+// or -1 for null pointers; throws when m is 0 or not a multiple of 16.
 int AES_Decode(const char* b64, unsigned char* out);
 
 std::string base64_encode(const unsigned char* bytes, unsigned int len);

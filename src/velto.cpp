@@ -2,7 +2,6 @@
 // foreground/background changes and the two test entry points. They run on the host's threads; the
 // API lock serialises them, and none lets an exception out (every failure is a result code).
 #include "velto.h"
-#include "velto_test.h"
 
 #include <curl/curl.h>
 
@@ -24,6 +23,7 @@
 #include "Session.h"
 #include "Thread.h"
 #include "Util.h"
+#include "velto_test.h"
 
 namespace {
 
@@ -466,11 +466,12 @@ int data_err_trace(const char* desc, int fatal, const char* label, const char* s
 }
 
 int data_experience(const char* category, const char* action, const char* properties) {
-    return record_call("data_experience", Velto::KIND_EXPERIENCE, "experience", "experience", [&](OwnKeys& own) {
-        if (!own_text(own, "category", category, 1, kMaxName)) return false;
-        if (!own_text(own, "act", action, 1, kMaxName)) return false;
-        return own_optional_text(own, "properties", properties, 0, kMaxProperties);
-    });
+    return record_call("data_experience", Velto::KIND_EXPERIENCE, "experience", "experience",
+                       [&](OwnKeys& own) {
+                           if (!own_text(own, "category", category, 1, kMaxName)) return false;
+                           if (!own_text(own, "act", action, 1, kMaxName)) return false;
+                           return own_optional_text(own, "properties", properties, 0, kMaxProperties);
+                       });
 }
 
 int data_changestate(int foreground) {

@@ -47,7 +47,7 @@ TEST(Api, BeforeInit) {
         EXPECT_EQ(106, data_base_ext("k", "v"));
         EXPECT_EQ(0, data_changestate(1));    // already in the foreground
         EXPECT_EQ(106, data_changestate(0));  // the "bg" event is refused
-        data_stop();  // safe, and does not keep a later data_init from starting
+        data_stop();                          // safe, and does not keep a later data_init from starting
         EXPECT_EQ(207, data_event("c", "a", nullptr, 0));
         EXPECT_FALSE(vtest::file_exists(root + "/sdk.log"));
         ASSERT_EQ(0, data_init(root.c_str(), "brand"));

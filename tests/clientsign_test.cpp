@@ -191,7 +191,8 @@ std::string binary_chain(uint32_t n, bool cyclic) {
 // A dictionary of strings in libplist's binary form.
 std::string binary_dict(const Prefs& values) {
     plist_t dict = plist_new_dict();
-    for (const auto& kv : values) plist_dict_set_item(dict, kv.first.c_str(), plist_new_string(kv.second.c_str()));
+    for (const auto& kv : values)
+        plist_dict_set_item(dict, kv.first.c_str(), plist_new_string(kv.second.c_str()));
     char* bin = nullptr;
     uint32_t len = 0;
     plist_to_bin(dict, &bin, &len);
@@ -239,11 +240,16 @@ const PrefsCase kPrefsCases[] = {
     {"StoredIdCleaned",
      [] { return xml_plist("<dict><key>client ID</key><string>my id\xC3\xA9xyz1</string></dict>"); },
      "{my0id00xyz1}"},
-    {"BinaryFile", [] { return binary_dict({{"client ID", "{binary-id-01}"}, {"x", "y"}}); }, "{binary-id-01}"},
+    {"BinaryFile",
+     [] {
+         return binary_dict({{"client ID", "{binary-id-01}"}, {"x", "y"}});
+     },
+     "{binary-id-01}"},
     {"ShallowNestingKept",
      [] {
-         return xml_plist("<dict><key>a</key><array><dict/><array><dict><key>b</key><true/></dict></array></array>"
-                          "<key>client ID</key><string>{shallow-id-1}</string></dict>");
+         return xml_plist(
+             "<dict><key>a</key><array><dict/><array><dict><key>b</key><true/></dict></array></array>"
+             "<key>client ID</key><string>{shallow-id-1}</string></dict>");
      },
      "{shallow-id-1}"},
     {"NulInsideId",
@@ -255,11 +261,16 @@ const PrefsCase kPrefsCases[] = {
     {"IntegerId", [] { return xml_plist("<dict><key>client ID</key><integer>12345678901</integer></dict>"); },
      nullptr},
     {"DictionaryId",
-     [] { return xml_plist("<dict><key>client ID</key><dict><key>a</key><string>0123456789</string></dict></dict>"); },
+     [] {
+         return xml_plist(
+             "<dict><key>client ID</key><dict><key>a</key><string>0123456789</string></dict></dict>");
+     },
      nullptr},
-    {"RootIsArray", [] { return xml_plist("<array><string>client ID</string><string>0123456789</string></array>"); },
+    {"RootIsArray",
+     [] { return xml_plist("<array><string>client ID</string><string>0123456789</string></array>"); },
      nullptr},
-    {"TruncatedXml", [] { return std::string(kXmlHead) + "<dict><key>client ID</key><string>0123"; }, nullptr},
+    {"TruncatedXml", [] { return std::string(kXmlHead) + "<dict><key>client ID</key><string>0123"; },
+     nullptr},
     {"BinaryJunk", [] { return std::string("\x00\xff\x13\x37junk\x80\x81", 10); }, nullptr},
     {"BinaryHeaderJunkTable", [] { return "bplist00" + std::string(40, '\xEE'); }, nullptr},
     {"OverOneMiB",
@@ -329,10 +340,12 @@ TEST_F(LinuxLeaves, NewFileCreatedAndReadBack) {
 }
 
 TEST_F(LinuxLeaves, ShortIdReplacedOtherKeysKept) {
-    write_prefs(home_.path(), binary_dict({{"client ID", "012345678"}, {"Client Sign", "x"}, {"other", "keep me"}}));
+    write_prefs(home_.path(),
+                binary_dict({{"client ID", "012345678"}, {"Client Sign", "x"}, {"other", "keep me"}}));
     std::string id = Velto::client_sign(leaves_);
     expect_new_id(id);
-    EXPECT_EQ((Prefs{{"client ID", id}, {"Client Sign", "x"}, {"other", "keep me"}}), read_prefs(home_.path()));
+    EXPECT_EQ((Prefs{{"client ID", id}, {"Client Sign", "x"}, {"other", "keep me"}}),
+              read_prefs(home_.path()));
 }
 
 }  // namespace

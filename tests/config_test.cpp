@@ -3,7 +3,6 @@
 #include "Config.h"
 
 #include <gtest/gtest.h>
-
 #include <stdlib.h>
 
 #include <climits>
@@ -52,7 +51,7 @@ TEST(ConfigStore, DefaultsKeepOtherKeysAndPassTheirOwnRules) {
     EXPECT_EQ(0, conf.load_default());
     for (const char* key : {"ROOT_DIR", "TID", "data_event"}) EXPECT_EQ("x", conf.get_str(key)) << key;
     const Velto::StrMap defaults = conf.snapshot();
-    EXPECT_EQ(26u, defaults.size());  // 23 defaults and the three kept keys
+    EXPECT_EQ(26u, defaults.size());                 // 23 defaults and the three kept keys
     const std::string text = conf.save_conf(false);  // as the file would hold them
     for (const auto& kv : defaults) {
         if (!kv.second.empty() && kv.second != "x") conf.set(kv.first, "junk");
@@ -65,14 +64,18 @@ TEST(ConfigStore, DefaultsKeepOtherKeysAndPassTheirOwnRules) {
 TEST(ConfigEndpoint, EnvironmentHostOnlyWhenWellFormed) {
     const std::string built_in = std::string("https://") + VELTO_COLLECT_HOST + "/v1/conf";
     const std::pair<const char*, bool> cases[] = {
-        {"127.0.0.1:8443", true}, {"collect.example.com", true}, {"h:65535", true}, {"", false},
-        {"a b", false},           {"h:0", false},                {"h:65536", false}, {"h:", false},
-        {":80", false},           {"h/x", false},                {"h:80x", false},
+        {"127.0.0.1:8443", true}, {"collect.example.com", true},
+        {"h:65535", true},        {"", false},
+        {"a b", false},           {"h:0", false},
+        {"h:65536", false},       {"h:", false},
+        {":80", false},           {"h/x", false},
+        {"h:80x", false},
     };
     for (const auto& c : cases) {
         setenv("VELTO_COLLECT_HOST", c.first, 1);
         Velto::read_collect_host_env();
-        EXPECT_EQ(c.second ? "https://" + std::string(c.first) + "/v1/conf" : built_in, Velto::conf_endpoint())
+        EXPECT_EQ(c.second ? "https://" + std::string(c.first) + "/v1/conf" : built_in,
+                  Velto::conf_endpoint())
             << c.first;
         Velto::set_conf_endpoint_host("");
     }

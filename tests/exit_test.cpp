@@ -98,7 +98,8 @@ std::string run_host(const std::string& mode, int delay_us, const std::string& c
 }
 
 // Every mode after every delay; fails with the number and the list of runs that did not end with 3.
-void expect_clean_exits(const std::string& collect_host, const std::function<void(const std::string&)>& prepare) {
+void expect_clean_exits(const std::string& collect_host,
+                        const std::function<void(const std::string&)>& prepare) {
     ASSERT_TRUE(vtest::file_exists(host_path())) << host_path();
     std::vector<std::string> bad;
     size_t runs = 0, hung = 0;

@@ -301,7 +301,8 @@ TEST(Rijndael, HardwareAndTablePathsMatchEachOtherAndOpenSsl) {
 TEST(Rijndael, CallerChainCbcContinuesAndLeavesTheObjectChain) {
     std::mt19937 rng(16);
     for (bool tables : {false, true}) {
-        const Bytes key = random_bytes(rng, 32), iv = random_bytes(rng, 16), plain = random_bytes(rng, 16 * 37);
+        const Bytes key = random_bytes(rng, 32), iv = random_bytes(rng, 16),
+                    plain = random_bytes(rng, 16 * 37);
         const Bytes whole = keyed_run(key, iv, true, plain, CRijndael::CBC);
         CRijndael r;
         r.UseTablesOnly(tables);

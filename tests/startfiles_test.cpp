@@ -28,11 +28,13 @@ const int kBoundMs = 60000;  // sanitizer builds start slowly
 // The process fails only for its own failures, not for those of earlier cases of the same test.
 bool run_on(const std::string& root, const std::function<void(const std::string&)>& body) {
     return vtest::run_scenario([&](const std::string&) {
-        const ::testing::TestResult& result = *::testing::UnitTest::GetInstance()->current_test_info()->result();
+        const ::testing::TestResult& result =
+            *::testing::UnitTest::GetInstance()->current_test_info()->result();
         const int before = result.total_part_count();
         body(root);
         bool failed = false;
-        for (int i = before; i < result.total_part_count(); ++i) failed |= result.GetTestPartResult(i).failed();
+        for (int i = before; i < result.total_part_count(); ++i)
+            failed |= result.GetTestPartResult(i).failed();
         fflush(stdout);
         fflush(stderr);
         _exit(failed ? 1 : 0);
@@ -84,7 +86,8 @@ std::string uploaded_text(const vcollect::TlsRequest& request) {
 
 const std::string kA = R"({"category":"a","dtype":"event"})";
 const std::string kB = R"({"category":"b","dtype":"event"})";
-const std::string kC = R"({"category":"c","dtype":"event","label":"long enough to fill several cipher blocks"})";
+const std::string kC =
+    R"({"category":"c","dtype":"event","label":"long enough to fill several cipher blocks"})";
 const std::string kD = R"({"category":"d","dtype":"event"})";
 
 // A journal is restored over "sdk.msg" only when complete and every line is a record; any other is
@@ -102,8 +105,8 @@ TEST(StartFiles, JournalRestoredOnlyWhenComplete) {
         {"torn last line", msg_line(now, kC) + msg_line(now + 1, kD).substr(0, 40), false},
         {"last line feed missing", journal.substr(0, journal.size() - 1), false},
         {"zero-filled", std::string(4096, '\0'), false},
-        {"a line that does not decode", std::to_string(now) + ",not-a-cipher-text-at-all\n" + msg_line(now, kD),
-         false},
+        {"a line that does not decode",
+         std::to_string(now) + ",not-a-cipher-text-at-all\n" + msg_line(now, kD), false},
         {"a line that is no record", msg_line(now, kC) + msg_line(now, "plain text, no record"), false},
     };
     // A fresh configuration that uploads nothing: the files stay as the start left them.
@@ -142,7 +145,8 @@ TEST(StartFiles, TornLastMessageLineEnded) {
         ASSERT_EQ(3u, records.size()) << vtest::read_file(root + "/sdk.msg");
         EXPECT_EQ(kA, records[0]);
         EXPECT_EQ(kB, records[1]);
-        EXPECT_TRUE(has(records[2], R"("act":"after")") && has(records[2], R"("category":"torn")")) << records[2];
+        EXPECT_TRUE(has(records[2], R"("act":"after")") && has(records[2], R"("category":"torn")"))
+            << records[2];
     }
 }
 
@@ -152,14 +156,16 @@ class ConfCollector {
   public:
     ConfCollector() {
         EXPECT_TRUE(server_.ok());
-        server_.set_reply("/v1/conf",
-                          R"({"status":0,"conf":{"CONF_UPD_GAP":"24","COLLECT_ON":"ON","COLLECT_WAY":"REAL",)"
-                          R"("SEND_ENDPOINTS":"OFF","SEND_BEGINPOINTS":"OFF","SEND_GAP":"60","SEND_NUM":"100",)"
-                          R"("SEND_SIZE":"100","ZIP_DATA":"ON","CON_TIMEOUT":"3000","CONF_URL":")" +
-                              server_.url() + R"("}})");
+        server_.set_reply(
+            "/v1/conf", R"({"status":0,"conf":{"CONF_UPD_GAP":"24","COLLECT_ON":"ON","COLLECT_WAY":"REAL",)"
+                        R"("SEND_ENDPOINTS":"OFF","SEND_BEGINPOINTS":"OFF","SEND_GAP":"60","SEND_NUM":"100",)"
+                        R"("SEND_SIZE":"100","ZIP_DATA":"ON","CON_TIMEOUT":"3000","CONF_URL":")" +
+                            server_.url() + R"("}})");
         setenv("VELTO_COLLECT_HOST", server_.host_port().c_str(), 1);
     }
-    bool fetched() const { return any([](const vcollect::TlsRequest& r) { return r.path == "/v1/conf"; }); }
+    bool fetched() const {
+        return any([](const vcollect::TlsRequest& r) { return r.path == "/v1/conf"; });
+    }
     bool delivered(const std::string& category) const {
         return any([&](const vcollect::TlsRequest& r) {
             return has(uploaded_text(r), R"("category":")" + category + "\"");
@@ -205,7 +211,8 @@ TEST(StartConf, CutShortConfigurationFile) {
         ASSERT_EQ(0, give_base_info());
         ASSERT_EQ(0, data_event("fresh", "after", nullptr, 0));
         stop_and_wait();
-        EXPECT_TRUE(collector.fetched() && collector.delivered("fresh")) << vtest::read_file(root + "/sdk.log");
+        EXPECT_TRUE(collector.fetched() && collector.delivered("fresh"))
+            << vtest::read_file(root + "/sdk.log");
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);

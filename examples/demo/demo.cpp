@@ -16,7 +16,9 @@
 
 namespace {
 
-void show(const char* call, int result) { printf("  %-58s -> %d\n", call, result); }
+void show(const char* call, int result) {
+    printf("  %-58s -> %d\n", call, result);
+}
 
 bool log_says(const std::string& log_path, const char* text) {
     std::ifstream in(log_path);

@@ -19,10 +19,12 @@ int main() {
     setenv("HOME", home.path().c_str(), 1);
     vcollect::RawServer silent(vcollect::RawMode::kSilent);
     const long long now = Velto::os_time();
-    vtest::write_file(root.path() + "/MSG_PRE_{a}" + Velto::Util::ltoa(now), vtest::msg_line(now, "{\"a\":\"b\"}"));
+    vtest::write_file(root.path() + "/MSG_PRE_{a}" + Velto::Util::ltoa(now),
+                      vtest::msg_line(now, "{\"a\":\"b\"}"));
     vtest::write_conf(root.path(), silent.url(), {{"CON_TIMEOUT", "59999"}, {"SEND_BEGINPOINTS", "ON"}});
     if (data_init(root.path().c_str(), "brand") != 0 ||
-        data_base_info("tid1", 42, "1.0", 8, "uip1", "en", "mac", "10.15", 64, "en-US", 0, "src", "u1") != 0 ||
+        data_base_info("tid1", 42, "1.0", 8, "uip1", "en", "mac", "10.15", 64, "en-US", 0, "src", "u1") !=
+            0 ||
         !vtest::wait_until([&] { return silent.open_connections() > 0; }, 20000)) {
         fprintf(stderr, "wait_latency: the library did not start its upload\n");
         return 1;

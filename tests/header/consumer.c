@@ -13,7 +13,8 @@
 int (*const init_fn)(const char*, const char*) = data_init;
 void (*const stop_fn)(void) = data_stop;
 int (*const base_info_fn)(const char*, long long, const char*, int, const char*, const char*, const char*,
-                          const char*, int, const char*, long long, const char*, const char*) = data_base_info;
+                          const char*, int, const char*, long long, const char*,
+                          const char*) = data_base_info;
 int (*const base_info2_fn)(const char*) = data_base_info2;
 int (*const base_ext_fn)(const char*, const char*) = data_base_ext;
 int (*const event_fn)(const char*, const char*, const char*, long long) = data_event;

@@ -17,7 +17,7 @@ namespace vtest {
 
 // A directory under $TMPDIR removed (recursively) when the object goes.
 class TempDir {
-public:
+  public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir&) = delete;
@@ -25,7 +25,7 @@ public:
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
 
-private:
+  private:
     std::string path_;
 };
 
@@ -43,7 +43,10 @@ bool run_scenario(const std::function<void(const std::string& root)>& body, int 
 
 }  // namespace vtest
 
-#define RUN_SCENARIO(...) \
-    EXPECT_TRUE(::vtest::run_scenario([&](const std::string& root) { (void)root; __VA_ARGS__ }))
+#define RUN_SCENARIO(...)                                            \
+    EXPECT_TRUE(::vtest::run_scenario([&](const std::string& root) { \
+        (void)root;                                                  \
+        __VA_ARGS__                                                  \
+    }))
 
 #endif
