@@ -8,6 +8,8 @@ PACKAGES=(
   libcurl4-openssl-dev zlib1g-dev uuid-dev libplist-dev libssl-dev libcpp-httplib-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   binutils ca-certificates dpkg-dev
+  clang clang-format libclang-rt-14-dev llvm valgrind
+  libsqlite3-dev sqlite3 chromium fonts-dejavu-core
 )
 
 missing=()
