@@ -1,19 +1,25 @@
 // Tests of the developer tools as integrators run them: velto-decode on a root directory the library
 // filled and on damaged files, and velto-collector taking the library's real uploads over http:// and
-// https:// and answering garbage with 400 while it keeps serving. The tools run as child processes.
+// https:// and answering garbage with 400 while it keeps serving, and its database, JSON API and event
+// stream. The tools run as child processes.
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "HttpClient.h"
@@ -171,14 +177,20 @@ sockaddr_in loopback(int port) {
 
 class CollectorTest : public ::testing::Test {
   protected:
-    void start(const std::string& conf_file = "") {
+    // The collector's command line, on two fresh ports.
+    std::vector<std::string> args(const std::string& conf_file = "") {
         pick_two_ports();
         std::vector<std::string> args = {
             tool("velto-collector"),    "--https-port", std::to_string(https_port_), "--http-port",
             std::to_string(http_port_), "--records",    dir_.file("records.jsonl"),  "--cert-dir",
             dir_.file("cert")};
+        args.insert(args.end(), {"--db", db()});
         if (!conf_file.empty()) args.insert(args.end(), {"--conf", conf_file});
-        proc_.reset(new ToolProcess(args, dir_.file("out.txt"), dir_.file("err.txt")));
+        return args;
+    }
+    void start(const std::string& conf_file = "") {
+        unlink(dir_.file("out.txt").c_str());  // a restart waits for its own "listening on"
+        proc_.reset(new ToolProcess(args(conf_file), dir_.file("out.txt"), dir_.file("err.txt")));
         ASSERT_TRUE(vtest::wait_until([this] { return vtest::has(out(), "listening on"); }, 20000))
             << out() << err();
     }
@@ -200,6 +212,7 @@ class CollectorTest : public ::testing::Test {
         proc_->signal(SIGTERM);
         return proc_->wait(20000);
     }
+    std::string db() const { return dir_.file("collector.db"); }
     std::string out() { return vtest::read_file(dir_.file("out.txt")); }
     std::string err() { return vtest::read_file(dir_.file("err.txt")); }
     std::vector<std::string> records() { return lines_of(vtest::read_file(dir_.file("records.jsonl"))); }
@@ -223,25 +236,64 @@ size_t write_reply(char* data, size_t size, size_t n, void* to) {
     return size * n;
 }
 
-// POSTs body through libcurl (no certificate check, bounded); the reply's status code and body.
-std::pair<long, std::string> post(const std::string& url, const std::string& content_type,
-                                  const std::string& body) {
+// Runs a prepared libcurl request (no certificate check, bounded); the reply's status code and body.
+std::pair<long, std::string> perform(CURL* curl, const std::string& url) {
     std::pair<long, std::string> reply;
-    CURL* curl = curl_easy_init();
-    curl_slist* headers = curl_slist_append(nullptr, ("Content-Type: " + content_type).c_str());
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
-    curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
-    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
     curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
     curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
     curl_easy_setopt(curl, CURLOPT_TIMEOUT, 10L);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &write_reply);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &reply.second);
     if (curl_easy_perform(curl) == CURLE_OK) curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &reply.first);
-    curl_slist_free_all(headers);
     curl_easy_cleanup(curl);
     return reply;
+}
+
+std::pair<long, std::string> post(const std::string& url, const std::string& content_type,
+                                  const std::string& body) {
+    CURL* curl = curl_easy_init();
+    curl_slist* headers = curl_slist_append(nullptr, ("Content-Type: " + content_type).c_str());
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    const auto reply = perform(curl, url);
+    curl_slist_free_all(headers);
+    return reply;
+}
+
+std::pair<long, std::string> get(const std::string& url) {
+    return perform(curl_easy_init(), url);
+}
+
+// Runs sql on the SQLite database at path with text parameters; the first column of every row.
+std::vector<std::string> sql_column(const std::string& path, const std::string& sql,
+                                    const std::vector<std::string>& params = {}) {
+    std::vector<std::string> out;
+    sqlite3* db = nullptr;
+    sqlite3_stmt* st = nullptr;
+    if (sqlite3_open(path.c_str(), &db) == SQLITE_OK &&
+        sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr) == 0) {
+        for (size_t i = 0; i < params.size(); ++i)
+            sqlite3_bind_text(st, static_cast<int>(i + 1), params[i].c_str(), -1, SQLITE_TRANSIENT);
+        while (sqlite3_step(st) == SQLITE_ROW) {
+            const unsigned char* text = sqlite3_column_text(st, 0);
+            out.emplace_back(text ? reinterpret_cast<const char*>(text) : "<null>");
+        }
+    }
+    sqlite3_finalize(st);
+    sqlite3_close(db);
+    return out;
+}
+
+// The value at path ("$.records[0].label") of json as SQLite's JSON functions read it: text as it
+// decodes, numbers and objects as JSON; "<invalid>" when json is not valid JSON.
+std::string json_at(const std::string& json, const std::string& path) {
+    const auto v = sql_column(":memory:",
+                              "SELECT CASE json_valid(?1) WHEN 1 THEN json_extract(?1, ?2) ELSE "
+                              "'<invalid>' END",
+                              {json, path});
+    return v.empty() ? "<no result>" : v[0];
 }
 
 // Writes bytes to a fresh connection and reads (bounded) until the server closes it.
@@ -322,6 +374,27 @@ TEST_F(CollectorTest, TakesTheLibrarysUploadsOverHttpAndHttps) {
         Velto::StrMap rec;
         EXPECT_TRUE(apitest::parse_record(line.substr(at + 2, line.size() - at - 3), rec)) << line;
     }
+    // The same records through the API, with the fields the page shows filled in.
+    const std::string listed = get(http("/api/records?order=asc")).second;
+    ASSERT_EQ("8", json_at(listed, "$.total")) << listed;
+    for (int i = 0; i < 8; ++i) {
+        const std::string r = "$.records[" + std::to_string(i) + "].";
+        SCOPED_TRACE(r + "\n" + listed);
+        const std::string kind = json_at(listed, r + "kind");
+        EXPECT_EQ(json_at(listed, r + "record.dtype"), kind);
+        EXPECT_EQ("tools-test", json_at(listed, r + "brand"));
+        EXPECT_EQ("1.0", json_at(listed, r + "pver"));
+        for (const char* filled : {"sid", "cid", "time", "request"})
+            EXPECT_NE("", json_at(listed, r + filled));
+        // The first records of each run go up alone; the rest in batches.
+        EXPECT_EQ(kind == "init" ? "" : "{", json_at(listed, r + "batch").substr(0, 1));
+    }
+    const std::string stats = get(http("/api/stats")).second;
+    const std::pair<const char*, const char*> counts[] = {
+        {"$.records", "8"}, {"$.kinds.init", "2"}, {"$.recent.kinds.screenview", "2"}, {"$.repeats", "0"}};
+    for (const auto& count : counts)
+        EXPECT_EQ(count.second, json_at(stats, count.first)) << count.first << "\n" << stats;
+    EXPECT_EQ(json_at(get(http("/api/requests")).second, "$.total"), json_at(stats, "$.requests"));
 
     EXPECT_EQ(0, stop());
     for (const char* shown : {"conf request  brand=tools-test", "] screenview  category=screen-tls  sid={",
@@ -399,6 +472,211 @@ TEST_F(CollectorTest, ServesTheConfigurationFileGiven) {
 
     ToolProcess bad({tool("velto-collector"), "--https-port", "0"}, dir_.file("o2"), dir_.file("e2"));
     EXPECT_EQ(2, bad.wait(10000));
+}
+
+// ---- velto-collector's database, API and event stream ----
+
+std::string data_form(const std::string& record) {
+    return "data=" + Velto::UrlEncode(fencode(record));
+}
+
+// A records upload as the library sends it: the batch id in "sdk_log", the records in the file part.
+std::string batch_upload(const std::string& batch, const std::vector<std::string>& records) {
+    std::string text;
+    for (const std::string& r : records) text += r + "\n";
+    return multipart({{"sdk_log", batch}, {"file", file_payload(static_cast<uint32_t>(text.size()), text)}});
+}
+
+// The categories of an /api/records reply, in order: "A,B".
+std::string categories(const std::string& reply) {
+    const auto v = sql_column(":memory:",
+                              "SELECT coalesce(group_concat(json_extract(value, '$.category'), ','), '')"
+                              " FROM json_each(?1, '$.records')",
+                              {reply});
+    return v.empty() ? "<no result>" : v[0];
+}
+
+long long now_ms() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+TEST_F(CollectorTest, ApiFiltersCountsRepeatsAndEscapesEveryLabel) {
+    start();
+    const std::string before = std::to_string(now_ms() - 1);
+    const std::vector<std::string> batch = {
+        R"({"category":"A","dtype":"event","label":"<script>","sid":"s1"})",
+        R"({"category":"B","dtype":"screenview","sid":"s1"})",
+        "{\"category\":\"C\",\"dtype\":\"event\",\"label\":\"a\xff\xfe"
+        "b\\u0001\",\"sid\":\"s2\"}",
+    };
+    for (int i = 0; i < 2; ++i)  // the same batch again is a repeat
+        ASSERT_EQ(kOk, post(http("/v1/file"), kMultipart, batch_upload("{b1}", batch)).second);
+    ASSERT_EQ(kOk, post(https("/v1/data"), kForm,
+                        data_form(R"({"act":"went","category":"A","dtype":"event","sid":"s2"})"))
+                       .second);
+
+    const std::string later = std::to_string(now_ms() + 3600000);
+    const struct {
+        std::string query, total, categories;
+    } cases[] = {
+        {"", "4", "A,C,B,A"},  // newest first
+        {"order=asc", "4", "A,B,C,A"},
+        {"kind=event", "3", "A,C,A"},
+        {"category=A", "2", "A,A"},
+        {"sid=s1", "2", "B,A"},
+        {"kind=event&sid=s2&order=asc", "2", "C,A"},
+        {"q=SCRIPT", "1", "A"},
+        {"q=went", "1", "A"},
+        {"q=%25", "0", ""},  // "%" is a literal, not a pattern
+        {"after=2&order=asc", "2", "C,A"},
+        {"limit=1", "4", "A"},
+        {"since=" + before + "&until=" + later, "4", "A,C,B,A"},
+        {"since=" + later, "0", ""},
+        {"until=" + before, "0", ""},
+    };
+    for (const auto& c : cases) {
+        const std::string reply = get(http("/api/records?" + c.query)).second;
+        EXPECT_EQ(c.total, json_at(reply, "$.total")) << c.query << "\n" << reply;
+        EXPECT_EQ(c.categories, categories(reply)) << c.query << "\n" << reply;
+    }
+
+    // Labels come back as they were sent, in valid JSON; bytes that are not UTF-8 as U+FFFD.
+    const std::string listed = get(http("/api/records?order=asc")).second;
+    EXPECT_EQ("<script>", json_at(listed, "$.records[0].label"));
+    for (const char* label : {"$.records[2].label", "$.records[2].record.label"})
+        EXPECT_EQ(
+            "a\xEF\xBF\xBD\xEF\xBF\xBD"
+            "b\x01",
+            json_at(listed, label))
+            << listed;
+    EXPECT_EQ(std::string::npos, listed.find('\xff'));
+
+    // The repeat is a request of its own; its records are not stored or written again.
+    const std::string stats = get(http("/api/stats")).second;
+    const std::pair<const char*, const char*> counts[] = {{"$.records", "4"},  {"$.requests", "3"},
+                                                          {"$.repeats", "1"},  {"$.kinds.event", "3"},
+                                                          {"$.sessions", "2"}, {"$.bad_requests", "0"}};
+    for (const auto& count : counts)
+        EXPECT_EQ(count.second, json_at(stats, count.first)) << count.first << "\n" << stats;
+    const std::string requests = get(http("/api/requests")).second;
+    EXPECT_EQ("repeat", json_at(requests, "$.requests[1].result")) << requests;
+    EXPECT_EQ("{b1}", json_at(requests, "$.requests[1].batch"));
+    EXPECT_EQ("https", json_at(requests, "$.requests[0].scheme"));
+    EXPECT_EQ(4u, records().size());
+
+    const std::string bad_queries[] = {"records?limit=abc",
+                                       "records?since=xyz",
+                                       "records?order=up",
+                                       "records?after=-1",
+                                       "requests?limit=1e3",
+                                       "stats?minutes=0",
+                                       "records?kind=" + std::string(5000, 'k')};
+    for (const std::string& query : bad_queries) {
+        const auto reply = get(http("/api/" + query));
+        EXPECT_EQ(400, reply.first) << query;
+        EXPECT_NE("", json_at(reply.second, "$.error")) << reply.second;
+    }
+    EXPECT_EQ(0, stop());
+    EXPECT_TRUE(vtest::has(out(), "3 records: a batch stored before, not stored again")) << out();
+    EXPECT_EQ(7u, count_with(lines_of(err()), {"bad request: GET http://127.0.0.1:"})) << err();
+}
+
+// A GET /api/stream connection, read through a raw socket.
+class EventStream {
+  public:
+    explicit EventStream(int port) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in addr = loopback(port);
+        timeval limit{0, 100000};
+        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        const std::string request = "GET /api/stream HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+        if (connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0)
+            send(fd_, request.data(), request.size(), MSG_NOSIGNAL);
+    }
+    ~EventStream() { close(fd_); }
+    // Waits (bounded) until text has arrived, or with text "" until the server closed the stream.
+    bool wait_for(const std::string& text, int timeout_ms = 20000) {
+        return vtest::wait_until(
+            [&] {
+                char buf[4096];
+                const ssize_t n = recv(fd_, buf, sizeof buf, 0);
+                if (n > 0) got_.append(buf, static_cast<size_t>(n));
+                return text.empty() ? n == 0 : vtest::has(got_, text);
+            },
+            timeout_ms);
+    }
+    // The data line of the first event called name.
+    std::string data_of(const std::string& name) const {
+        const std::string head = "event: " + name + "\ndata: ";
+        const size_t at = got_.find(head);
+        return at == std::string::npos
+                   ? ""
+                   : got_.substr(at + head.size(), got_.find('\n', at + head.size()) - at - head.size());
+    }
+    const std::string& got() const { return got_; }
+
+  private:
+    int fd_;
+    std::string got_;
+};
+
+TEST_F(CollectorTest, StreamSendsNewRecordsToEveryClientAndEndsAtShutdown) {
+    start();
+    EventStream first(http_port_), second(http_port_);
+    ASSERT_TRUE(first.wait_for(": connected")) << first.got();
+    ASSERT_TRUE(second.wait_for(": connected")) << second.got();
+    ASSERT_EQ(
+        kOk,
+        post(http("/v1/data"), kForm, data_form(R"({"category":"live","dtype":"event","sid":"s"})")).second);
+    for (EventStream* stream : {&first, &second}) {
+        ASSERT_TRUE(stream->wait_for(R"("sid":"s"}})"
+                                     "\n\n"))
+            << stream->got();  // the record's event, whole
+        EXPECT_EQ("live", json_at(stream->data_of("record"), "$.record.category")) << stream->got();
+        EXPECT_EQ("1", json_at(stream->data_of("request"), "$.records")) << stream->got();
+    }
+    // Open streams do not hold the collector up.
+    proc_->signal(SIGTERM);
+    EXPECT_TRUE(first.wait_for("")) << first.got();
+    EXPECT_EQ(0, proc_->wait(20000));
+}
+
+TEST_F(CollectorTest, DatabaseKeepsEveryAnsweredRecordThroughKillAndRestart) {
+    start();
+    std::atomic<size_t> answered_count{0};
+    std::vector<std::string> answered;  // the sender's until it is joined
+    std::thread sender([&] {
+        for (int i = 0; i < 100000; ++i) {
+            const std::string category = "k" + std::to_string(i);
+            if (post(http("/v1/data"), kForm,
+                     data_form(R"({"category":")" + category + R"(","dtype":"event"})"))
+                    .second != kOk)
+                return;
+            answered.push_back(category);
+            ++answered_count;
+        }
+    });
+    EXPECT_TRUE(vtest::wait_until([&] { return answered_count >= 40; }, 60000));
+    proc_->signal(SIGKILL);
+    proc_->wait(20000);
+    sender.join();
+
+    EXPECT_EQ(std::vector<std::string>{"ok"}, sql_column(db(), "PRAGMA integrity_check"));
+    const std::vector<std::string> stored = sql_column(db(), "SELECT category FROM records");
+    const std::set<std::string> kept(stored.begin(), stored.end());
+    for (const std::string& category : answered) EXPECT_EQ(1u, kept.count(category)) << category;
+
+    start();  // on the same database
+    EXPECT_EQ(std::to_string(stored.size()), json_at(get(http("/api/records?limit=0")).second, "$.total"));
+    EXPECT_EQ(0, stop());
+
+    // A database of a newer collector is refused and left as it is.
+    sql_column(db(), "PRAGMA user_version=7");
+    ToolProcess newer(args(), dir_.file("o2"), dir_.file("e2"));
+    EXPECT_EQ(2, newer.wait(20000));
+    EXPECT_TRUE(vtest::has(vtest::read_file(dir_.file("e2")), "written by a newer velto-collector"));
+    EXPECT_EQ(std::vector<std::string>{"7"}, sql_column(db(), "PRAGMA user_version"));
 }
 
 }  // namespace

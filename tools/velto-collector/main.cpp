@@ -3,12 +3,16 @@
 // talk to it, over https:// (self-signed certificate, made on first start) and plain http:// (the
 // library's own socket client), on 127.0.0.1 only.
 //
-//   velto-collector --https-port N --http-port M --records FILE --cert-dir DIR [--conf FILE.json]
+//   velto-collector --https-port N --http-port M --cert-dir DIR [--db PATH] [--records FILE]
+//                   [--conf FILE.json]
 //   velto-collector --help | --version
 //
-// Every received record is printed as one readable line and appended to FILE as one JSON object per
-// line, for grep and jq. Ctrl-C (SIGINT) or SIGTERM prints a summary by record kind and exits 0.
-// Requests are served on cpp-httplib's worker threads; the main thread only waits for the signal.
+// Every received record is printed as one readable line and stored with the request that carried it
+// in an SQLite database (store.h), kept across runs; with --records it is also appended to FILE as one
+// JSON object per line, for grep and jq. A batch uploaded again is stored once. The plain-HTTP port
+// also serves the page and its JSON API (api.h) with a live event stream (event_stream.h). Ctrl-C
+// (SIGINT) or SIGTERM ends the streams, prints a summary by record kind and exits 0. Requests are
+// served on cpp-httplib's worker threads; the main thread only waits for the signal.
 #include <httplib.h>
 #include <signal.h>
 #include <time.h>
@@ -32,7 +36,11 @@
 
 #include "Util.h"
 #include "Zip.h"
+#include "api.h"
+#include "event_stream.h"
+#include "json_text.h"
 #include "payload.h"
+#include "store.h"
 #include "tls_server.h"
 #include "velto.h"
 
@@ -44,30 +52,33 @@ const size_t kShownValueBytes = 60;  // longer values are cut in the readable li
 struct Options {
     int https_port = 0;
     int http_port = 0;
-    std::string records;
+    std::string records;  // "" = no JSON-lines file
+    std::string db = "velto-collector.db";
     std::string cert_dir;
     std::string conf;  // "" = the built-in configuration
 };
 
 const char kUsage[] =
-    "usage: velto-collector --https-port N --http-port M --records FILE --cert-dir DIR [--conf FILE.json]\n"
+    "usage: velto-collector --https-port N --http-port M --cert-dir DIR [--db PATH] [--records FILE]\n"
+    "                       [--conf FILE.json]\n"
     "  --https-port N   HTTPS port on 127.0.0.1 (libcurl uploads and the configuration request)\n"
-    "  --http-port M    plain-HTTP port on 127.0.0.1 (for CONF_URL values that start with http://)\n"
-    "  --records FILE   received records are appended here, one JSON object per line\n"
+    "  --http-port M    plain-HTTP port on 127.0.0.1 (for CONF_URL values that start with http://);\n"
+    "                   also serves the page (http://127.0.0.1:M/) and its JSON API: /api/records,\n"
+    "                   /api/requests, /api/stats and /api/stream (live events); not on the HTTPS port\n"
     "  --cert-dir DIR   cert.pem and key.pem; a self-signed pair is made when missing\n"
+    "  --db PATH        SQLite database of every request and record, kept across runs\n"
+    "                   (default velto-collector.db in the working directory; :memory: keeps nothing)\n"
+    "  --records FILE   also append received records here, one JSON object per line\n"
     "  --conf FILE      the /v1/conf reply: a whole reply with \"status\", or just the \"conf\" object\n"
     "  --help           this text;  --version  its version, which is the library's\n";
 
 // ---- small text helpers ----
 
-// Length of the valid UTF-8 sequence at s[i], 0 when there is none.
+// Length of the valid UTF-8 sequence at s[i], 0 when there is none or it is a C1 control character.
 size_t utf8_sequence(const std::string& s, size_t i) {
-    const unsigned char c = static_cast<unsigned char>(s[i]);
-    const size_t n = c >= 0xF0 && c <= 0xF4 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 && c < 0xE0 ? 2 : 0;
-    if (n == 0 || i + n > s.size()) return 0;
-    if (c == 0xC2 && static_cast<unsigned char>(s[i + 1]) < 0xA0) return 0;  // C1 control characters
-    for (size_t k = 1; k < n; ++k)
-        if ((static_cast<unsigned char>(s[i + k]) & 0xC0) != 0x80) return 0;
+    const size_t n = vcollect::utf8_sequence_at(s, i);
+    if (n == 2 && static_cast<unsigned char>(s[i]) == 0xC2 && static_cast<unsigned char>(s[i + 1]) < 0xA0)
+        return 0;
     return n;
 }
 
@@ -317,7 +328,7 @@ Upload decode_upload(const std::vector<vcollect::FormPart>& parts) {
 struct Received {
     std::string endpoint;  // "/v1/data" or "/v1/file"
     std::string upload;    // the upload name of a file, "" for single payloads
-    long long at = 0;
+    long long at = 0;      // seconds since the epoch
 };
 
 // What one request produces, gathered first and published in one piece, so that the lines of
@@ -328,6 +339,8 @@ struct Output {
     std::string json;      // lines for the records file
     std::map<std::string, long long> kinds;
     long long unreadable = 0;
+    std::vector<vcollect::RecordRow> rows;  // for the database
+    std::string batch;                      // the batch id of a records upload
 
     void show(const std::string& line) { shown += line + "\n"; }
     void add_json(const Received& from, const std::string& member) {
@@ -338,6 +351,27 @@ struct Output {
     }
 };
 
+// The database row of a record: the fields the page filters and shows, decoded from their JSON
+// escapes, and the whole record written again as valid JSON.
+vcollect::RecordRow record_row(const Members& rec, const Received& from) {
+    const auto field = [&rec](const char* key) {
+        const std::string* v = member(rec, key);
+        return v ? vcollect::json_unescape(*v) : std::string();
+    };
+    vcollect::RecordRow row;
+    row.kind = field("dtype");
+    row.category = field("category");
+    row.action = field("act");
+    row.label = field("label");
+    row.sid = field("sid");
+    row.cid = field("did");
+    row.brand = field("BRAND");
+    row.pver = field("pver");
+    row.batch = from.upload;
+    row.record = vcollect::clean_json_object(rec);
+    return row;
+}
+
 void take_record(const std::string& text, const Received& from, Output& out) {
     Members rec;
     if (!FlatObjectReader(text).read(rec)) {
@@ -345,12 +379,18 @@ void take_record(const std::string& text, const Received& from, Output& out) {
         out.warnings += clock_text(from.at) + " " + from.endpoint +
                         ": a record that is not a flat JSON object: " + printable(text, 200) + "\n";
         out.add_json(from, "\"invalid\":" + vcollect::json_quote(text));
+        // Kept in the database too, so that the page shows what the library sent.
+        vcollect::RecordRow row;
+        row.batch = from.upload;
+        row.record = "{\"invalid\":" + vcollect::json_string(text) + "}";
+        out.rows.push_back(std::move(row));
         return;
     }
     const std::string* kind = member(rec, "dtype");
     ++out.kinds[kind ? *kind : "(no dtype)"];
     out.show(readable_line(rec, from.at));
     out.add_json(from, "\"record\":" + text);
+    out.rows.push_back(record_row(rec, from));
 }
 
 // The library's current configuration, sent when it is asked to report it.
@@ -397,6 +437,7 @@ void take_file(const httplib::Request& req, const std::vector<vcollect::FormPart
     Received from = from_request;
     from.upload = up.name;
     if (up.name == "log") return take_log(up.data, from, out);
+    out.batch = up.name;
 
     std::vector<std::string> lines;
     std::istringstream in(up.data);
@@ -407,49 +448,118 @@ void take_file(const httplib::Request& req, const std::vector<vcollect::FormPart
     for (const std::string& line : lines) take_record(line, from, out);
 }
 
+// The database could not take a request; the upload is answered with 500 so that the library sends
+// it again later.
+struct StoreFailure : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+long long now_ms() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+// The size of a request's body: its Content-Length, else the bytes read.
+int64_t body_size(const httplib::Request& req, size_t read) {
+    const std::string length = req.get_header_value("Content-Length");
+    char* end = nullptr;
+    const long long n = strtoll(length.c_str(), &end, 10);
+    return !length.empty() && *end == '\0' && n >= 0 ? n : static_cast<int64_t>(read);
+}
+
+vcollect::RequestRow request_row(const std::string& scheme, const httplib::Request& req, size_t bytes_read) {
+    vcollect::RequestRow row;
+    row.time = now_ms();
+    row.endpoint = req.path.substr(0, 256);
+    row.peer = req.remote_addr + ":" + std::to_string(req.remote_port);
+    row.scheme = scheme;
+    row.bytes = body_size(req, bytes_read);
+    row.result = "ok";
+    return row;
+}
+
+// A line about the event streams for the terminal. Called while Collector::publish holds its lock,
+// so it takes none: one fprintf keeps the line whole.
+void print_note(const std::string& line) {
+    fprintf(stderr, "%s %s\n", clock_text(time(nullptr)).c_str(), line.c_str());
+    fflush(stderr);
+}
+
 class Collector {
   public:
-    Collector(FILE* records, std::string conf_reply)
-        : records_(records), conf_reply_(std::move(conf_reply)) {}
+    Collector(FILE* records, std::string conf_reply, vcollect::Store& store, vcollect::EventHub& hub)
+        : records_(records), conf_reply_(std::move(conf_reply)), store_(store), hub_(hub) {}
 
     // Answers one request; never throws.
     void serve(const std::string& scheme, const httplib::Request& req, const std::string& body,
-               const std::vector<vcollect::FormPart>& parts, httplib::Response& res);
+               const std::vector<vcollect::FormPart>& parts, size_t bytes_read, httplib::Response& res);
+    // Answers with an error, prints it and stores the request with result "bad: <why>".
     void reject(const std::string& scheme, const httplib::Request& req, const std::string& why,
-                httplib::Response& res, int status = 400);
+                httplib::Response& res, int status = 400, size_t bytes_read = 0);
+    // Prints the line of an API request answered with 400 (not stored: the store keeps uploads).
+    void report_bad_query(const std::string& scheme, const httplib::Request& req, const std::string& why);
     void count_request(const std::string& path);
     void print_summary();
 
   private:
-    void publish(const Output& out);
+    void publish(Output& out, vcollect::RequestRow& request);
+    void print_bad_request(const std::string& scheme, const httplib::Request& req, const std::string& why);
 
-    std::mutex m_;  // guards everything below and the three output streams
-    FILE* records_;
+    std::mutex m_;   // guards everything below, the three output streams and the order of stored events
+    FILE* records_;  // null without --records
     const std::string conf_reply_;
+    vcollect::Store& store_;
+    vcollect::EventHub& hub_;
     std::map<std::string, long long> kinds_;
     std::map<std::string, long long> requests_;
     long long bad_requests_ = 0;
     long long unreadable_ = 0;
+    long long repeats_ = 0;
 };
 
-void Collector::publish(const Output& out) {
+// Stores the request and its records, then shows them and sends them to the event streams, all under
+// one lock so that the terminal, the file and the streams see requests in the order they were stored.
+void Collector::publish(Output& out, vcollect::RequestRow& request) {
     std::lock_guard<std::mutex> hold(m_);
-    for (const auto& k : out.kinds) kinds_[k.first] += k.second;
-    unreadable_ += out.unreadable;
-    fwrite(out.json.data(), 1, out.json.size(), records_);
-    fflush(records_);
-    fputs(out.shown.c_str(), stdout);
-    fflush(stdout);
-    fputs(out.warnings.c_str(), stderr);
-    fflush(stderr);
+    request.batch = out.batch;
+    request.records = static_cast<int64_t>(out.rows.size());
+    bool repeat = false;
+    try {
+        repeat = store_.add(request, out.rows);
+    } catch (const std::exception& e) {
+        throw StoreFailure(std::string("cannot be stored: ") + e.what());
+    }
+    if (repeat) {
+        ++repeats_;
+        printf("%s upload %s  %zu records: a batch stored before, not stored again\n",
+               clock_text(request.time / 1000).c_str(), printable(out.batch).c_str(), out.rows.size());
+        fflush(stdout);
+    } else {
+        for (const auto& k : out.kinds) kinds_[k.first] += k.second;
+        unreadable_ += out.unreadable;
+        if (records_) {
+            fwrite(out.json.data(), 1, out.json.size(), records_);
+            fflush(records_);
+        }
+        fputs(out.shown.c_str(), stdout);
+        fflush(stdout);
+        fputs(out.warnings.c_str(), stderr);
+        fflush(stderr);
+    }
+    hub_.publish("request", vcollect::request_json(request));
+    if (!repeat)
+        for (const vcollect::RecordRow& row : out.rows) hub_.publish("record", vcollect::record_json(row));
 }
 
 void Collector::serve(const std::string& scheme, const httplib::Request& req, const std::string& body,
-                      const std::vector<vcollect::FormPart>& parts, httplib::Response& res) {
+                      const std::vector<vcollect::FormPart>& parts, size_t bytes_read,
+                      httplib::Response& res) {
     try {
+        vcollect::RequestRow request = request_row(scheme, req, bytes_read);
         Received from;
         from.endpoint = req.path;
-        from.at = time(nullptr);
+        from.at = request.time / 1000;
         Output out;
         if (req.path == "/v1/conf")
             take_conf_request(body, from, out);
@@ -457,30 +567,53 @@ void Collector::serve(const std::string& scheme, const httplib::Request& req, co
             take_data(body, from, out);
         else
             take_file(req, parts, from, out);
-        publish(out);
+        publish(out, request);
         res.set_content(req.path == "/v1/conf" ? conf_reply_ : "{\"status\":0}", "application/json");
     } catch (const BadRequest& e) {
-        reject(scheme, req, e.what(), res);
+        reject(scheme, req, e.what(), res, 400, bytes_read);
+    } catch (const StoreFailure& e) {
+        reject(scheme, req, e.what(), res, 500, bytes_read);
     } catch (const std::exception& e) {
-        reject(scheme, req, std::string("cannot be read: ") + e.what(), res);
+        reject(scheme, req, std::string("cannot be read: ") + e.what(), res, 400, bytes_read);
     } catch (...) {
-        reject(scheme, req, "cannot be read", res);
+        reject(scheme, req, "cannot be read", res, 400, bytes_read);
     }
 }
 
+void Collector::print_bad_request(const std::string& scheme, const httplib::Request& req,
+                                  const std::string& why) {
+    fprintf(stderr, "%s bad request: %s %s://127.0.0.1:%d%s from %s:%d: %s\n",
+            clock_text(time(nullptr)).c_str(), printable(req.method, 16).c_str(), scheme.c_str(),
+            req.local_port, printable(req.path, 100).c_str(), req.remote_addr.c_str(), req.remote_port,
+            printable(why, 300).c_str());
+    fflush(stderr);
+}
+
 void Collector::reject(const std::string& scheme, const httplib::Request& req, const std::string& why,
-                       httplib::Response& res, int status) {
+                       httplib::Response& res, int status, size_t bytes_read) {
+    vcollect::RequestRow row = request_row(scheme, req, bytes_read);
+    row.result = "bad: " + why.substr(0, 300);
     {
         std::lock_guard<std::mutex> hold(m_);
         ++bad_requests_;
-        fprintf(stderr, "%s bad request: %s %s://127.0.0.1:%d%s from %s:%d: %s\n",
-                clock_text(time(nullptr)).c_str(), printable(req.method, 16).c_str(), scheme.c_str(),
-                req.local_port, printable(req.path, 100).c_str(), req.remote_addr.c_str(), req.remote_port,
-                why.c_str());
-        fflush(stderr);
+        print_bad_request(scheme, req, why);
+        try {
+            std::vector<vcollect::RecordRow> none;
+            store_.add(row, none);
+            hub_.publish("request", vcollect::request_json(row));
+        } catch (const std::exception& e) {
+            fprintf(stderr, "velto-collector: the bad request cannot be stored: %s\n", e.what());
+            fflush(stderr);
+        }
     }
     res.status = status;
-    res.set_content("{\"status\":1,\"error\":" + vcollect::json_quote(why) + "}", "application/json");
+    res.set_content("{\"status\":1,\"error\":" + vcollect::json_string(why) + "}", "application/json");
+}
+
+void Collector::report_bad_query(const std::string& scheme, const httplib::Request& req,
+                                 const std::string& why) {
+    std::lock_guard<std::mutex> hold(m_);
+    print_bad_request(scheme, req, why);
 }
 
 void Collector::count_request(const std::string& path) {
@@ -496,6 +629,7 @@ void Collector::print_summary() {
     for (const auto& k : kinds_) printf("  %-14s %lld\n", printable(k.first, 30).c_str(), k.second);
     printf("  requests: %lld conf, %lld data, %lld file; %lld bad requests, %lld unreadable records\n",
            requests_["/v1/conf"], requests_["/v1/data"], requests_["/v1/file"], bad_requests_, unreadable_);
+    if (repeats_ > 0) printf("  %lld batches uploaded again (stored once)\n", repeats_);
     fflush(stdout);
 }
 
@@ -510,6 +644,7 @@ void install_routes(httplib::Server& server, Collector& collector, const std::st
             collector.count_request(req.path);
             std::string body;
             std::vector<vcollect::FormPart> parts;
+            size_t bytes_read = 0;
             bool whole = false;
             try {
                 if (req.is_multipart_form_data()) {
@@ -519,11 +654,13 @@ void install_routes(httplib::Server& server, Collector& collector, const std::st
                             return true;
                         },
                         [&](const char* data, size_t n) {
+                            bytes_read += n;
                             if (!parts.empty()) parts.back().data.append(data, n);
                             return true;
                         });
                 } else {
                     whole = reader([&](const char* data, size_t n) {
+                        bytes_read += n;
                         body.append(data, n);
                         return true;
                     });
@@ -533,15 +670,20 @@ void install_routes(httplib::Server& server, Collector& collector, const std::st
             }
             if (!whole)
                 collector.reject(scheme, req,
-                                 "the body could not be read (broken multipart form or cut short)", res);
+                                 body_size(req, bytes_read) > static_cast<int64_t>(kMaxBody)
+                                     ? "the body is larger than the collector takes (" +
+                                           std::to_string(kMaxBody >> 20) + " MiB)"
+                                     : "the body could not be read (broken multipart form or cut short)",
+                                 res, 400, bytes_read);
             else
-                collector.serve(scheme, req, body, parts, res);
+                collector.serve(scheme, req, body, parts, bytes_read, res);
         });
     }
     // Anything else gets the same kind of JSON error, not httplib's empty 404.
-    auto unknown = [&collector, scheme](const httplib::Request& req, httplib::Response& res) {
-        collector.reject(scheme, req, "unknown path (the collector serves /v1/conf, /v1/data and /v1/file)",
-                         res, 404);
+    const std::string known = scheme == "http" ? "POST /v1/conf, /v1/data and /v1/file; GET / and /api/*"
+                                               : "POST /v1/conf, /v1/data and /v1/file";
+    auto unknown = [&collector, scheme, known](const httplib::Request& req, httplib::Response& res) {
+        collector.reject(scheme, req, "unknown path (the collector serves " + known + ")", res, 404);
     };
     server.Get(".*", unknown);
     server.Post(".*", unknown);
@@ -640,6 +782,8 @@ bool parse_args(int argc, char** argv, Options& opt) {
             ok = parse_port(value, opt.http_port);
         else if (flag == "--records")
             opt.records = value;
+        else if (flag == "--db")
+            ok = (opt.db = value).size() > 0;
         else if (flag == "--cert-dir")
             opt.cert_dir = value;
         else if (flag == "--conf")
@@ -651,9 +795,8 @@ bool parse_args(int argc, char** argv, Options& opt) {
             return false;
         }
     }
-    if (opt.https_port == 0 || opt.http_port == 0 || opt.records.empty() || opt.cert_dir.empty()) {
-        fprintf(stderr,
-                "velto-collector: --https-port, --http-port, --records and --cert-dir are required\n");
+    if (opt.https_port == 0 || opt.http_port == 0 || opt.cert_dir.empty()) {
+        fprintf(stderr, "velto-collector: --https-port, --http-port and --cert-dir are required\n");
         return false;
     }
     return true;
@@ -675,20 +818,43 @@ sigset_t block_stop_signals() {
     return stop;
 }
 
+// Where the records go, for the start-up line.
+std::string destinations(const Options& opt) {
+    return "the database " + opt.db + (opt.records.empty() ? "" : " and " + opt.records);
+}
+
 int run(const Options& opt) {
     std::string conf_reply = builtin_conf_reply(opt.https_port);
     if (!opt.conf.empty() && !conf_reply_from_file(opt.conf, conf_reply)) return 2;
-    std::unique_ptr<FILE, int (*)(FILE*)> records(fopen(opt.records.c_str(), "a"), &fclose);
-    if (!records) {
-        fprintf(stderr, "velto-collector: cannot open %s: %s\n", opt.records.c_str(), strerror(errno));
+    std::unique_ptr<FILE, int (*)(FILE*)> records(nullptr, &fclose);
+    if (!opt.records.empty()) {
+        records.reset(fopen(opt.records.c_str(), "a"));
+        if (!records) {
+            fprintf(stderr, "velto-collector: cannot open %s: %s\n", opt.records.c_str(), strerror(errno));
+            return 2;
+        }
+    }
+    std::unique_ptr<vcollect::Store> store;
+    try {
+        store.reset(new vcollect::Store(opt.db));
+    } catch (const vcollect::StoreError& e) {
+        fprintf(stderr, "velto-collector: %s\n", e.what());
         return 2;
     }
     const sigset_t stop = block_stop_signals();
-    Collector collector(records.get(), conf_reply);
+    vcollect::EventHub hub(vcollect::EventHub::Limits(), &print_note);
+    Collector collector(records.get(), conf_reply, *store, hub);
     std::unique_ptr<httplib::SSLServer> tls = make_tls_server(opt.cert_dir);
     httplib::Server plain;
     if (!tls) return 1;
+    // Each open event stream holds a worker thread: room for the streams and the uploads beside them.
+    plain.new_task_queue = [] { return new httplib::ThreadPool(32); };
     install_routes(*tls, collector, "https");
+    // The page and the API first: install_routes ends with catch-all routes.
+    vcollect::install_api(plain, *store, hub,
+                          [&collector](const httplib::Request& req, const std::string& why) {
+                              collector.report_bad_query("http", req, why);
+                          });
     install_routes(plain, collector, "http");
     if (!bind_loopback(*tls, opt.https_port) || !bind_loopback(plain, opt.http_port)) return 1;
     std::thread tls_thread([&] { tls->listen_after_bind(); });
@@ -697,13 +863,15 @@ int run(const Options& opt) {
     for (int i = 0; i < 5000 && !(tls->is_running() && plain.is_running()); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     printf("velto-collector: listening on https://127.0.0.1:%d and http://127.0.0.1:%d; records go to %s\n",
-           opt.https_port, opt.http_port, opt.records.c_str());
+           opt.https_port, opt.http_port, destinations(opt).c_str());
+    printf("velto-collector: the page: http://127.0.0.1:%d/\n", opt.http_port);
     printf("velto-collector: serving %s configuration; stop with Ctrl-C\n",
            opt.conf.empty() ? "the built-in" : opt.conf.c_str());
     fflush(stdout);
 
     int sig = 0;
     sigwait(&stop, &sig);
+    hub.close();  // the servers wait for their worker threads, and open streams hold some
     tls->stop();
     plain.stop();
     tls_thread.join();
