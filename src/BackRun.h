@@ -19,20 +19,20 @@ class BackRun : public Thread {
     void init() override;  // creates the mutex, stop flag = 1
     void run() override;   // the thread body
     // Asks the loop to stop (stop flag 2) and waits at most 60 x 50 microseconds for it.
-    void stop();
+    void stop() EXCLUDES(m_);
 
     // Running flag: 1 while the library accepts records. Read without the lock by the API calls.
     int running() const { return running_.load(std::memory_order_relaxed); }
-    void set_running(int v);
+    void set_running(int v) EXCLUDES(m_);
     int stop_flag() const { return stop_.load(std::memory_order_relaxed); }
-    void set_stop_flag(int v);
+    void set_stop_flag(int v) EXCLUDES(m_);
 
     // Debug mirror: the first line of ROOT_DIR/DEBUG_MODE_SVR_ADDR, and one report row per answer.
     std::string get_svrd();
     void save_debug_msg(std::string& answer);
 
     MsgFile& msg_file() { return msg_; }
-    Mutex& mutex() { return m_; }
+    Mutex& mutex() RETURN_CAPABILITY(m_) { return m_; }
     // In a child process after fork: no thread runs there, so the library is stopped.
     void after_fork_in_child();
 

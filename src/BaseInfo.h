@@ -33,23 +33,24 @@ class BaseInfo {
     static const size_t kComplete = 14;  // fields needed before records are accepted
 
     void init_mutex();  // creates the mutex on first use
-    void clear();
-    void set(const std::string& key, const std::string& value);
-    void copy(StrMap& out);
+    // Each of the following takes the store's lock, which is not recursive.
+    void clear() EXCLUDES(m_);
+    void set(const std::string& key, const std::string& value) EXCLUDES(m_);
+    void copy(StrMap& out) EXCLUDES(m_);
     // A copy of the value; reading a missing key creates it empty (raising the count).
-    std::string operator[](const std::string& key);
-    size_t count();
+    std::string operator[](const std::string& key) EXCLUDES(m_);
+    size_t count() EXCLUDES(m_);
     // Waits up to `seconds` one-second steps for the store to be complete; true when it is.
-    bool wait(int seconds);
-    Mutex& mutex() { return m_; }
+    bool wait(int seconds) EXCLUDES(m_);
+    Mutex& mutex() RETURN_CAPABILITY(m_) { return m_; }
     // Brings view up to date with the store (cheap when nothing changed since it was last brought).
-    void refresh(BaseView& view);
+    void refresh(BaseView& view) EXCLUDES(m_);
 
   private:
     void changed() { version_.fetch_add(1, std::memory_order_release); }
 
     std::atomic<unsigned long long> version_{0};
-    StrMap map_;
+    StrMap map_ GUARDED_BY(m_);
     Mutex m_;
     bool mutex_inited_ = false;
 };

@@ -18,21 +18,23 @@ class Cache {
   public:
     static Cache* obj_;
 
-    void reset();                      // empties the queue and creates the mutex (data_init)
-    void put(const std::string& rec);  // never throws; an allocation failure loses the record
-    void put(std::string&& rec);       // the same, taking the text over without a copy
-    std::string get();                 // oldest record, or "" when empty
+    // Each of these takes the queue's lock, which is not recursive.
+    void reset() EXCLUDES(m_);                      // empties the queue and creates the mutex (data_init)
+    void put(const std::string& rec) EXCLUDES(m_);  // never throws; an allocation failure loses the record
+    void put(std::string&& rec) EXCLUDES(m_);       // the same, taking the text over without a copy
+    std::string get() EXCLUDES(m_);                 // oldest record, or "" when empty
     long long count() const { return count_.load(std::memory_order_relaxed); }  // records waiting
-    bool lock();
-    void unlock();
+    // The queue's lock, held across fork.
+    bool lock() ACQUIRE(m_);
+    void unlock() RELEASE(m_);
 
   private:
-    void grow();
+    void grow() REQUIRES(m_);
 
     Mutex m_;
-    std::vector<std::string> ring_;
-    size_t head_ = 0;  // index of the oldest record
-    size_t size_ = 0;
+    std::vector<std::string> ring_ GUARDED_BY(m_);
+    size_t head_ GUARDED_BY(m_) = 0;  // index of the oldest record
+    size_t size_ GUARDED_BY(m_) = 0;
     std::atomic<long long> count_{0};
 };
 

@@ -47,7 +47,8 @@ bool create_locks() {
 // Around fork every lock of the library is taken, so that the child never inherits one held by a
 // thread that does not exist there. The child has no background thread: it starts out stopped
 // (record calls return 207, data_init 101 when the parent had initialised the library).
-void lock_all_for_fork() {
+// The locks taken here are released by the other two handlers, which the analysis cannot follow.
+void lock_all_for_fork() NO_THREAD_SAFETY_ANALYSIS {
     api_m.lock();
     g_back_run.mutex().lock();
     Log::obj_->mutex().lock();
@@ -57,7 +58,7 @@ void lock_all_for_fork() {
     mutex_registry_lock();
 }
 
-void unlock_all_after_fork() {
+void unlock_all_after_fork() NO_THREAD_SAFETY_ANALYSIS {
     mutex_registry_unlock();
     Cache::obj_->unlock();
     g_base_info.mutex().unlock();

@@ -33,11 +33,11 @@ enum ResultCode {
     RES_EXCEPTION = 301,
 };
 
+extern Mutex& api_m;
 extern BackRun& g_back_run;
 extern std::string& g_test;
 extern BaseInfo& g_base_info;
-extern Session& g_session;
-extern Mutex& api_m;
+extern Session& g_session GUARDED_BY(api_m);
 
 }  // namespace Velto
 

@@ -1,8 +1,8 @@
 // The settings store: typed access to the text-valued settings, the built-in defaults and the
 // configuration endpoint. Read and written by the host's threads (record calls) and the background
 // thread at the same time; every access holds the store's mutex for that access only, and the store
-// never calls into another component (in particular never logs) while holding it: the log calls ins()
-// with its own lock held.
+// never calls into another component (in particular never logs) while holding it: a warning or error
+// line counts itself in the store through ins(), which would take the store's lock a second time.
 //
 // Loading, validating, saving and fetching: at start-up the background thread runs init_conf: the
 // built-in defaults, then the enciphered file "sdk.cf" in the root directory, then the collection
@@ -21,7 +21,6 @@
 #include <cstring>
 #include <fstream>
 #include <iomanip>
-#include <mutex>
 #include <string>
 
 #include "BaseInfo.h"
@@ -139,8 +138,8 @@ namespace {
 // Where the configuration request goes. Allocated once and never freed: the background thread may
 // still read it while the host exits.
 struct ConfEndpoint {
-    std::mutex guard;
-    std::string host;  // empty: the built-in collection host
+    PlainMutex guard;
+    std::string host GUARDED_BY(guard);  // empty: the built-in collection host
 };
 
 ConfEndpoint& endpoint() {
@@ -154,7 +153,7 @@ std::string collect_host() {
     ConfEndpoint& e = endpoint();
     std::string host;
     {
-        std::lock_guard<std::mutex> hold(e.guard);
+        PlainLock hold(e.guard);
         host = e.host;
     }
     return host.empty() ? std::string(VELTO_COLLECT_HOST) : host;
@@ -197,7 +196,7 @@ void read_collect_host_env() {
 
 void set_conf_endpoint_host(const std::string& host) {
     ConfEndpoint& e = endpoint();
-    std::lock_guard<std::mutex> hold(e.guard);
+    PlainLock hold(e.guard);
     e.host = host;
 }
 
@@ -354,9 +353,8 @@ bool refresh_due(long long gap_hours, long long last_fetch, long long now) {
     return gap_seconds < age;
 }
 
-// Opens "sdk.cf" for reading and writing, creating it empty when it is missing, and reads its one
-// token ("" for an empty file, or for a token too long to be ours). False when the file can be
-// neither opened nor created; err then holds the system's reason.
+}  // namespace
+
 bool read_conf_token(const std::string& path, std::string& token, int& err) {
     token.clear();
     std::fstream file(path, std::ios::in | std::ios::out);
@@ -369,6 +367,8 @@ bool read_conf_token(const std::string& path, std::string& token, int& err) {
     if (token.size() > static_cast<size_t>(kMaxTokenBytes)) token.clear();
     return true;
 }
+
+namespace {
 
 void set_aside_conf_file(const std::string& path) {
     const std::string bad = path + ".bad";
@@ -534,20 +534,25 @@ int Config::get_conf_frm_svr(std::string& conf) {
             LOGE << "http_client" << LEND;
             return RES_NO_REPLY;
         }
-        if (status < 200 || status > 299 || Util::json_item(reply, "status") != "0") {
-            LOGE << "get_conf_frm_svr" << LEND;
-            return RES_SVR_REJECT;
-        }
-        conf = Util::json_item(reply, "conf");
-        if (conf.size() < kMinConfText) {
-            conf.clear();
-            return RES_SVR_REJECT;
-        }
-        return RES_OK;
+        return judge_conf_reply(status, reply, conf);
     } catch (...) {
         LOGE << "exception get_conf_frm_svr" << LEND;
         return RES_EXCEPTION;
     }
+}
+
+int judge_conf_reply(long status, const std::string& reply, std::string& conf) {
+    conf.clear();
+    if (status < 200 || status > 299 || Util::json_item(reply, "status") != "0") {
+        LOGE << "get_conf_frm_svr" << LEND;
+        return RES_SVR_REJECT;
+    }
+    conf = Util::json_item(reply, "conf");
+    if (conf.size() < kMinConfText) {
+        conf.clear();
+        return RES_SVR_REJECT;
+    }
+    return RES_OK;
 }
 
 }  // namespace Velto

@@ -30,15 +30,17 @@ class Config {
     // Creates the mutex on first use (data_init).
     void init_mutex();
 
-    std::string get_str(const std::string& key);                 // "" when absent
-    long long get_int(const std::string& key);                   // atol of the value; 0 when absent or empty
-    void set(const std::string& key, long long value);           // "%lld"; empty key ignored
-    void set(const std::string& key, const std::string& value);  // as given; empty key ignored
-    bool has(const std::string& key);                            // presence, whatever the value
-    bool on(const std::string& key);                             // value upper-cased equals "ON"
-    long long ins(const std::string& key);  // increment-and-return; 0 and nothing stored when absent
-    int load_default();                     // the 23 defaults, overwriting
-    StrMap snapshot();                      // a copy of the whole store
+    // Each of the accessors takes the store's lock, which is not recursive.
+    std::string get_str(const std::string& key) EXCLUDES(m_);  // "" when absent
+    long long get_int(const std::string& key) EXCLUDES(m_);    // atol of the value; 0 when absent or empty
+    void set(const std::string& key, long long value) EXCLUDES(m_);           // "%lld"; empty key ignored
+    void set(const std::string& key, const std::string& value) EXCLUDES(m_);  // as given; empty key ignored
+    bool has(const std::string& key) EXCLUDES(m_);                            // presence, whatever the value
+    bool on(const std::string& key) EXCLUDES(m_);                             // value upper-cased equals "ON"
+    // Increment-and-return; 0 and nothing stored when absent.
+    long long ins(const std::string& key) EXCLUDES(m_);
+    int load_default();              // the 23 defaults, overwriting
+    StrMap snapshot() EXCLUDES(m_);  // a copy of the whole store
 
     // Defaults, then "sdk.cf", then the server when due. 0, 203, 204, 206 or 301.
     int init_conf();
@@ -50,17 +52,26 @@ class Config {
     // 0, 204, 205 or 301.
     int get_conf_frm_svr(std::string& conf);
 
-    Mutex& mutex() { return m_; }
+    Mutex& mutex() RETURN_CAPABILITY(m_) { return m_; }
 
   private:
     void note_kind(const std::string& key);
 
-    StrMap map_;
+    StrMap map_ GUARDED_BY(m_);
     Mutex m_;
     bool mutex_inited_ = false;
     std::atomic<unsigned> kinds_off_{0};
     std::string written_;  // what save_conf last wrote to "sdk.cf" (background thread only)
 };
+
+// Opens the configuration file at path for reading and writing, creating it empty when it is missing,
+// and reads its one token ("" for an empty file, or for a token too long to be ours). False when the
+// file can be neither opened nor created; err then holds the system's reason.
+bool read_conf_token(const std::string& path, std::string& token, int& err);
+// Judges the configuration endpoint's reply (status = its HTTP status code): RES_OK with conf = the
+// reply's "conf" member, or RES_SVR_REJECT (conf empty) unless the reply is a 2xx one with "status" 0
+// and a usable "conf".
+int judge_conf_reply(long status, const std::string& reply, std::string& conf);
 
 // The collection server's host: the one built in at compile time (VELTO_COLLECT_HOST), unless the
 // environment variable of the same name, read by data_init, or a test named another.

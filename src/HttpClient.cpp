@@ -71,10 +71,11 @@ const int kPollStepMs = 10;
 const long long kMinTransferMs = 1000;
 
 // Text of an errno value without strerror's shared buffer (either strerror_r flavour).
-inline const char* pick_error_text(int /*xsi_result*/, const char* buf) {
+// Only the overload of the C library's flavour is called.
+[[maybe_unused]] inline const char* pick_error_text(int /*xsi_result*/, const char* buf) {
     return buf;
 }
-inline const char* pick_error_text(const char* gnu_result, const char* /*buf*/) {
+[[maybe_unused]] inline const char* pick_error_text(const char* gnu_result, const char* /*buf*/) {
     return gnu_result;
 }
 std::string errno_text(int err) {
@@ -528,13 +529,18 @@ PostResult post_form(const std::string& data, const char* url, const std::string
     return PostResult::kReplied;
 }
 
+}  // namespace
+
 // A reply counts only with a 2xx status; a server in trouble may still send a body that looks like
 // success.
-bool accepted(const std::string& reply, long status) {
+bool upload_accepted(const std::string& reply, long status) {
     return status >= 200 && status <= 299 && Util::json_item(reply, "status") == "0";
 }
 
-}  // namespace
+std::string upload_reply_data(const std::string& reply, long status) {
+    if (reply.size() <= 2 || status < 200 || status > 299) return "";
+    return Util::json_item(reply, "data");
+}
 
 long http_status_of(const std::string& reply) {
     // "HTTP/1.1 200 OK": the three digits after the first blank of the status line.
@@ -771,7 +777,7 @@ int send_msg(const std::string& data, const char* url, const std::string& field)
                 break;
         }
         if (reply.size() <= 2) return RES_SVR_REJECT;
-        if (accepted(reply, status)) return RES_OK;
+        if (upload_accepted(reply, status)) return RES_OK;
         LOGE << "http_client" << LEND;
         return RES_SVR_REJECT;
     } catch (...) {
@@ -806,7 +812,7 @@ int send_file(const std::string& data, const char* url, const std::string& name)
             return RES_NO_REPLY;
         }
         if (reply.size() <= 2) return RES_SVR_REJECT;
-        if (accepted(reply, status)) return RES_OK;
+        if (upload_accepted(reply, status)) return RES_OK;
         LOGE << "http response: " << reply << LEND;
         return RES_SVR_REJECT;
     } catch (...) {
@@ -828,8 +834,7 @@ std::string send_msg_res(const std::string& data, const char* url, const std::st
             case PostResult::kReplied:
                 break;
         }
-        if (reply.size() <= 2 || status < 200 || status > 299) return "";
-        return Util::json_item(reply, "data");
+        return upload_reply_data(reply, status);
     } catch (...) {
         LOGE << "Exception, send_msg_res" << LEND;
         return "";

@@ -49,6 +49,12 @@ std::string UrlDecode(const std::string& text);
 unsigned char ToHex(unsigned char x);
 unsigned char FromHex(unsigned char c);
 
+// The judging of an upload's reply (status = its HTTP status code, 0 when it has none): accepted when
+// the status is 2xx and the body's "status" member is 0.
+bool upload_accepted(const std::string& reply, long status);
+// send_msg_res's answer: the reply's raw "data" member, "" unless the reply is 2xx and longer than 2.
+std::string upload_reply_data(const std::string& reply, long status);
+
 // Uploads one payload as the form field `field`. 0 success; -1 nothing to send; 204 a reply that is
 // not 2xx or has no "status" 0; 205 no reply.
 int send_msg(const std::string& data, const char* url, const std::string& field);

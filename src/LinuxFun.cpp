@@ -43,10 +43,11 @@ const int kMaxPrefsNesting = 64;
 const size_t kMaxExePathBytes = 64 * 1024;
 
 // The two flavours of strerror_r (GNU returns the text, XSI fills the buffer) behind one call.
-inline const char* strerror_result(const char* text, const char*) {
+// Only the overload of the C library's flavour is called.
+[[maybe_unused]] inline const char* strerror_result(const char* text, const char*) {
     return text;
 }
-inline const char* strerror_result(int, const char* buf) {
+[[maybe_unused]] inline const char* strerror_result(int, const char* buf) {
     return buf;
 }
 
@@ -305,6 +306,11 @@ bool save_dict(const std::string& path, plist_t dict) {
 }
 
 void set_client_id(plist_t dict, const std::string& id) {
+    // A damaged binary file can hold the key more than once. Setting it replaces only the first, and
+    // the XML reader keeps the last one, so the next start would read another value: keep just one.
+    for (uint32_t n = plist_dict_get_size(dict); n > 0 && plist_dict_get_item(dict, kClientIdKey); --n) {
+        plist_dict_remove_item(dict, kClientIdKey);
+    }
     plist_dict_set_item(dict, kClientIdKey, plist_new_string(id.c_str()));
 }
 

@@ -13,7 +13,8 @@
 // text is moved aside into "sdk.log.bak" (under the log's mutex, so no line lands in a half-moved
 // file), "sdk.log" starts afresh and the text is sent as a file upload. A failed upload leaves the
 // text in "sdk.log.bak", which the next call sends first.
-// Nothing that logs is called while the log's mutex is held.
+// The log's mutex is only ever held through Log::Hold; a line logged by the holding thread meanwhile
+// is written right after the hold ends.
 #include "Log.h"
 
 #include <errno.h>
@@ -51,6 +52,9 @@ struct LineState {
     bool building = false;       // a line was begun or text inserted since the last end
     int batch = 0;               // depth of open batches
     bool counting = false;       // counting an error line: lines logged meanwhile are dropped
+    Log* held = nullptr;         // the log whose lock this thread holds
+    std::string held_text;       // lines that thread logged there meanwhile
+    std::vector<size_t> held_starts;
     long long head_sec = LLONG_MIN;
     char head[32] = {};
     size_t head_len = 0;
@@ -115,6 +119,31 @@ int open_append(const std::string& path) {
 
 }  // namespace
 
+Log::Hold::Hold(Log& log) : log_(log) {
+    LineState& st = state();  // may allocate: done before the lock is taken
+    log.m_.lock();
+    outer_ = st.held;
+    st.held = &log;
+    outer_text_.swap(st.held_text);
+    outer_starts_.swap(st.held_starts);
+}
+
+Log::Hold::~Hold() {
+    log_.m_.unlock();
+    try {
+        LineState& st = state();
+        std::string text;
+        std::vector<size_t> starts;
+        text.swap(st.held_text);
+        starts.swap(st.held_starts);
+        st.held = outer_;
+        st.held_text.swap(outer_text_);
+        st.held_starts.swap(outer_starts_);
+        if (!text.empty()) log_.write_lines(text.data(), text.size(), starts.data(), starts.size());
+    } catch (...) {
+    }
+}
+
 Log::Log() : upname_("sdk.log"), fd_(-1), size_(0), dev_(0), ino_(0), checked_ns_(0), lim_(kDefaultLimit) {}
 
 Log::~Log() {
@@ -133,9 +162,8 @@ void Log::init(const char* path) {
     try {
         m_.init();
         if (!path) return;
-        // Reading the client id may log, so it is done before the lock is taken.
         std::string name = get_name_to_svr();
-        MutexLock hold(m_);
+        Hold hold(*this);
         path_ = path;
         upname_ = name;
         reopen_file();
@@ -230,10 +258,20 @@ void Log::set_size_limit(unsigned long long bytes) {
     // Below 1 KiB the log would roll on nearly every line; above 40 MiB the roll would hold too much.
     if (bytes < 1025 || bytes >= 41943040ULL) return;
     try {
-        MutexLock hold(m_);
+        Hold hold(*this);
         lim_ = bytes;
     } catch (...) {
     }
+}
+
+unsigned long long Log::size_limit() {
+    Hold hold(*this);
+    return lim_;
+}
+
+std::string Log::path() {
+    Hold hold(*this);
+    return path_;
 }
 
 void Log::flush() {
@@ -285,7 +323,20 @@ std::string Log::get_name_to_svr() {
 }
 
 void Log::write_lines(const char* text, size_t n, const size_t* starts, size_t count) {
-    MutexLock hold(m_);
+    LineState& st = state();
+    if (st.held != this) {
+        Hold hold(*this);
+        write_lines_held(text, n, starts, count);
+        return;
+    }
+    const size_t base = st.held_text.size();
+    for (size_t i = 0; i < count; ++i) {
+        if (starts[i] <= n) st.held_starts.push_back(base + starts[i]);
+    }
+    st.held_text.append(text, n);
+}
+
+void Log::write_lines_held(const char* text, size_t n, const size_t* starts, size_t count) {
     if (path_.empty()) return;
     follow_file(false);
     if (fd_ < 0) return;
@@ -486,7 +537,7 @@ int Log::send_log() {
         const long long err_count = conf.get_int("LOGERR_NUM");
         long long size = 0;
         {
-            MutexLock hold(m_);
+            Hold hold(*this);
             size = write_pos();
         }
         const bool too_big = size >= threshold;
@@ -498,7 +549,7 @@ int Log::send_log() {
         std::string upload;
         bool moved = false;
         {
-            MutexLock hold(m_);
+            Hold hold(*this);
             close_file();
             moved = move_log_aside(path_, backup_path, upload);
             reopen_file();
@@ -506,7 +557,7 @@ int Log::send_log() {
         if (!moved) return -1;
 
         if (send_file(upload, url.c_str(), kUploadName) != 0) {
-            MutexLock hold(m_);
+            Hold hold(*this);
             reopen_file();
             return -2;
         }
@@ -517,7 +568,7 @@ int Log::send_log() {
     } catch (...) {
         LOGE << "Exception send_log" << LEND;
         try {
-            MutexLock hold(m_);
+            Hold hold(*this);
             reopen_file();
         } catch (...) {
         }

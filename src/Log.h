@@ -13,6 +13,7 @@
 
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include "OsApi.h"
 
@@ -29,7 +30,7 @@ class Log {
     virtual ~Log();
 
     // Registers the mutex; with a path, (re)opens it for appending and remembers it.
-    void init(const char* path);
+    void init(const char* path) EXCLUDES(m_);
 
     // Begin a line of the given level; return *this for the insertions.
     Log& info();
@@ -45,8 +46,8 @@ class Log {
     }
 
     // Sets the size limit to bytes when 1025 <= bytes < 41943040; otherwise keeps it.
-    void set_size_limit(unsigned long long bytes);
-    unsigned long long size_limit() const { return lim_; }
+    void set_size_limit(unsigned long long bytes) EXCLUDES(m_);
+    unsigned long long size_limit() EXCLUDES(m_);
     // Writes what the calling thread has inserted without ending the line. Ended lines are in the
     // file already.
     void flush();
@@ -58,43 +59,63 @@ class Log {
     void end_batch();
 
     // Moves the log aside and uploads it (background thread only). 0, -1 or -2.
-    int send_log();
+    int send_log() EXCLUDES(m_);
     // "sdk_" + the client id without braces and blanks + ".log".
     std::string get_name_to_svr();
 
-    const std::string& path() const { return path_; }
-    Mutex& mutex() { return m_; }
+    std::string path() EXCLUDES(m_);
+    Mutex& mutex() RETURN_CAPABILITY(m_) { return m_; }
 
-    // REQUIRES: mutex held.
-    void reopen_file();
-    void close_file();
+    void reopen_file() REQUIRES(m_);
+    void close_file() REQUIRES(m_);
     // The live log's size (from the file itself); -1 while it is closed.
-    long long write_pos();
+    long long write_pos() REQUIRES(m_);
 
   private:
+    // Holds the log's lock for a scope: the one way the log takes it (the fork handlers aside).
+    // A line that the holding thread logs meanwhile is not written under the hold but as soon as
+    // it ends, so the lock is never taken twice and no line lands amid what the hold protects (a
+    // roll, the move aside for the upload).
+    class SCOPED_CAPABILITY Hold {
+      public:
+        explicit Hold(Log& log) ACQUIRE(log.m_);
+        ~Hold() RELEASE();
+        Hold(const Hold&) = delete;
+        Hold& operator=(const Hold&) = delete;
+
+      private:
+        Log& log_;
+        // A hold of another log that this one is nested in, and the lines kept for it meanwhile.
+        Log* outer_ = nullptr;
+        std::string outer_text_;
+        std::vector<size_t> outer_starts_;
+    };
+
     Log& begin_line(int level);
     Log& write_number(long long n);
     Log& write_text(const char* text, size_t n);
     void ins_err();
-    // Writes the lines that begin at the given offsets of text, rolling before any line that begins
-    // when the file holds the limit.
+    // Writes the lines that begin at the given offsets of text under a hold of its own; when the
+    // calling thread holds the lock already, they are kept and written once that hold ends.
     void write_lines(const char* text, size_t n, const size_t* starts, size_t count);
+    // The same with the lock held, rolling before any line that begins when the file holds the
+    // limit.
+    void write_lines_held(const char* text, size_t n, const size_t* starts, size_t count) REQUIRES(m_);
 
-    // REQUIRES: mutex held.
-    void follow_file(bool force);
-    void sync_size();
-    void roll();
-    bool write_all(const char* data, size_t n);
+    void follow_file(bool force) REQUIRES(m_);
+    void sync_size() REQUIRES(m_);
+    void roll() REQUIRES(m_);
+    bool write_all(const char* data, size_t n) REQUIRES(m_);
 
     Mutex m_;
-    std::string path_;
-    std::string upname_;
-    int fd_;
-    unsigned long long size_;  // the file's size as last seen plus what was written since
-    dev_t dev_;
-    ino_t ino_;
-    long long checked_ns_;  // when the path was last compared with the descriptor
-    unsigned long long lim_;
+    std::string path_ GUARDED_BY(m_);
+    std::string upname_ GUARDED_BY(m_);
+    int fd_ GUARDED_BY(m_);
+    unsigned long long size_ GUARDED_BY(m_);  // the file's size as last seen plus what was written since
+    dev_t dev_ GUARDED_BY(m_);
+    ino_t ino_ GUARDED_BY(m_);
+    long long checked_ns_ GUARDED_BY(m_);  // when the path was last compared with the descriptor
+    unsigned long long lim_ GUARDED_BY(m_);
 };
 
 }  // namespace Velto

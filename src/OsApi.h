@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 
+#include "ThreadAnnotations.h"
 #include "Util.h"
 
 namespace Velto {
@@ -21,11 +22,11 @@ void mutex_registry_unlock();
 
 // A handle on a registered, plain (non-recursive) mutex. A value inside every shared object;
 // init() before first use, idempotent.
-class Mutex {
+class CAPABILITY("mutex") Mutex {
   public:
     void init();
-    bool lock();   // always true
-    int unlock();  // 0
+    bool lock() ACQUIRE();   // always true
+    int unlock() RELEASE();  // 0
     int id() const { return id_; }
     bool created() const { return handle_ != nullptr; }
 
@@ -35,15 +36,38 @@ class Mutex {
 };
 
 // Holds a Velto::Mutex for a scope.
-class MutexLock {
+class SCOPED_CAPABILITY MutexLock {
   public:
-    explicit MutexLock(Mutex& m) : m_(m) { m_.lock(); }
-    ~MutexLock() { m_.unlock(); }
+    explicit MutexLock(Mutex& m) ACQUIRE(m) : m_(m) { m.lock(); }
+    ~MutexLock() RELEASE() { m_.unlock(); }
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;
 
   private:
     Mutex& m_;
+};
+
+// A std::mutex the analysis can see, for the locks that are not in the registry (the registry's own
+// and the few allocated once inside a component).
+class CAPABILITY("mutex") PlainMutex {
+  public:
+    void lock() ACQUIRE() { m_.lock(); }
+    void unlock() RELEASE() { m_.unlock(); }
+
+  private:
+    std::mutex m_;
+};
+
+// Holds a PlainMutex for a scope.
+class SCOPED_CAPABILITY PlainLock {
+  public:
+    explicit PlainLock(PlainMutex& m) ACQUIRE(m) : m_(m) { m.lock(); }
+    ~PlainLock() RELEASE() { m_.unlock(); }
+    PlainLock(const PlainLock&) = delete;
+    PlainLock& operator=(const PlainLock&) = delete;
+
+  private:
+    PlainMutex& m_;
 };
 
 void os_sleep(unsigned int seconds);

@@ -49,7 +49,7 @@ const char kInitPrefix[] = "INIT_EVENT";
 
 // Set by the first data_init that gets that far, so libcurl is initialised once per process even
 // when a data_init fails after it and is called again. Read and written under the API lock.
-bool g_curl_ready = false;
+bool g_curl_ready GUARDED_BY(api_m) = false;
 
 void log_exception(const char* name) noexcept {
     try {
@@ -87,7 +87,7 @@ bool is_running() {
 }
 
 // Stamps a record with one clock reading (session id and time) and renders it.
-std::string stamp_and_render(StrMap& rec) {
+std::string stamp_and_render(StrMap& rec) REQUIRES(api_m) {
     long long now = Velto::os_time();
     rec["sid"] = g_session.GetSID(now);
     rec["ostime"] = Util::ltoa(now);
@@ -102,7 +102,7 @@ std::string stamp_and_render(StrMap& rec) {
 
 // The base fields as last rendered. Used under the API lock only; allocated once and never
 // destroyed, since host threads may still record while the process exits.
-BaseView& g_view = *new BaseView();
+BaseView& g_view GUARDED_BY(api_m) = *new BaseView();
 
 // One key of the call's own; its value is given raw (escaped on the way) or as it stands.
 struct OwnKey {
@@ -191,7 +191,7 @@ std::string render_record(const BaseView& view, OwnKeys& own, const char* prefix
 }
 
 // Refusals of a record call once the API lock is held, in their fixed order.
-int record_gate(RecordKind kind) {
+int record_gate(RecordKind kind) REQUIRES(api_m) {
     if (Config::obj_->kind_off(kind)) return Velto::RES_KIND_OFF;
     g_base_info.refresh(g_view);
     if (g_view.count < BaseInfo::kComplete) return Velto::RES_BASE_INCOMPLETE;
@@ -241,7 +241,7 @@ int base_info_precheck() {
     return Velto::RES_OK;
 }
 
-void queue_init_record() {
+void queue_init_record() REQUIRES(api_m) {
     StrMap rec;
     g_base_info.copy(rec);
     rec["dtype"] = "init";
@@ -255,7 +255,7 @@ void queue_init_record() {
 // in this order on purpose).
 int store_base_info(const char* tid, long long pid, const char* pver, int oszone, const char* uip,
                     const char* plang, const char* ostype, const char* osver, int osbit, const char* oslang,
-                    long long tinstall, const char* psource, const char* uid) {
+                    long long tinstall, const char* psource, const char* uid) REQUIRES(api_m) {
     const char* required[] = {tid, pver, uip, plang, ostype, osver, oslang};
     for (const char* text : required) {
         if (!length_in(text, 1, kMaxName)) return Velto::RES_BAD_ARG;
@@ -429,7 +429,8 @@ int data_base_ext(const char* key, const char* value) {
     });
 }
 
-int data_event(const char* category, const char* action, const char* label, long long value) {
+// Takes the API lock, which is not recursive: data_changestate calls it only after its own hold ends.
+int data_event(const char* category, const char* action, const char* label, long long value) EXCLUDES(api_m) {
     return record_call("data_event", Velto::KIND_EVENT, "event", "event", [&](OwnKeys& own) {
         if (!own_text(own, "category", category, 1, kMaxName)) return false;
         if (!own_text(own, "act", action, 1, kMaxName)) return false;

@@ -221,12 +221,13 @@ void expect_batch(const RawServer& server, size_t n, const std::vector<std::stri
 
 TEST(Delivery, CountThresholdUploadsDeduplicatedRecordsOnce) {
     RUN_SCENARIO({
-        // Left over from an earlier run: counted as pending at start, and one is a duplicate.
+        // Left over from an earlier run: counted as pending at start (the last upload is dated with their
+        // second, however long the start takes), and one is a duplicate.
         const std::string old = "{\"dtype\":\"event\",\"category\":\"old\"}";
-        vtest::write_file(root + "/sdk.msg",
-                          vtest::msg_line(Velto::os_time(), old) + vtest::msg_line(Velto::os_time(), old));
+        const long long written = Velto::os_time();
+        vtest::write_file(root + "/sdk.msg", vtest::msg_line(written, old) + vtest::msg_line(written, old));
         RawServer server;
-        start(server, root, {{"SEND_NUM", "4"}});
+        start(server, root, {{"SEND_NUM", "4"}, {"LAST_SEND", Util::ltoa(written)}});
         ASSERT_EQ(0, event(1));
         ASSERT_TRUE(wait_lines(root + "/sdk.msg", 3));
         std::vector<std::string> recs = file_records(root + "/sdk.msg");
@@ -405,6 +406,10 @@ TEST(Delivery, DebugMirrorOnlyWithSwitchFile) {
             start(server, root);
             ASSERT_EQ(0, event(1));
             ASSERT_TRUE(wait_lines(root + "/sdk.msg", 1));
+            // A record that reaches the file while a slow transfer waits is mirrored afterwards.
+            if (with_switch) {
+                ASSERT_TRUE(vtest::wait_until([&] { return data_records(debug).size() >= 2; }, kWaitMs));
+            }
             stop_and_wait();
             EXPECT_EQ(1u, server.requests().size());  // the initial event's own request
             const std::string report = vtest::read_file(root + "/debug_msg_to_svr.html");

@@ -73,6 +73,13 @@ TEST_F(LogFile, LineFormat) {
     EXPECT_TRUE(is_line(text.substr(a, b - a), "WARN", R"(- \(13\) warned)")) << text;
     EXPECT_TRUE(is_line(text.substr(b), "ERROR", R"(- \(14\) two\n)")) << text;
 
+    // Past 2038 the head still carries the date (a 32-bit time_t would wrap it to 1901).
+    const long long shift = 4116744000LL - Velto::os_time();  // 2100-06-15 12:00 UTC
+    Velto::os_time_shift(shift);
+    log_.info() << "- (15) later" << LEND;
+    Velto::os_time_shift(-shift);
+    EXPECT_EQ("[2100-06-15 ", contents().substr(text.size(), 12)) << contents();
+
     const std::string name = log_.get_name_to_svr();
     EXPECT_TRUE(name.rfind("sdk_", 0) == 0 && name.find_first_of("{} ") == std::string::npos) << name;
     EXPECT_EQ(".log", name.substr(name.size() - 4));

@@ -13,6 +13,16 @@ using Velto::os_time;
 using Velto::os_time_shift;
 using Velto::StrMap;
 
+// The process-wide session, read under the API lock like the library reads it.
+long long session_timeout() {
+    Velto::MutexLock hold(Velto::api_m);
+    return static_cast<long long>(Velto::g_session.timeout());
+}
+bool session_in_background() {
+    Velto::MutexLock hold(Velto::api_m);
+    return Velto::g_session.background();
+}
+
 // Records two screens `gap` seconds apart on the moved clock and tells whether they share a
 // session. A pair is retried when the real clock ticks between the two records.
 bool same_session_after(long long gap) {
@@ -34,7 +44,7 @@ TEST(Session, ForegroundIdleTimeout) {
         apitest::start(root);
         ASSERT_EQ(0, data_screen("warm-up"));
         drain();
-        long long timeout = static_cast<long long>(Velto::g_session.timeout());
+        long long timeout = session_timeout();
         EXPECT_TRUE(same_session_after(timeout));
         EXPECT_FALSE(same_session_after(timeout + 1));
     });
@@ -56,9 +66,9 @@ TEST(Session, ChangeStateEvents) {
         EXPECT_EQ("fg", only_record()["act"]);
         data_stop();  // refused, but the state still changes
         EXPECT_EQ(207, data_changestate(0));
-        EXPECT_TRUE(Velto::g_session.background());
+        EXPECT_TRUE(session_in_background());
         EXPECT_EQ(207, data_changestate(1));
-        EXPECT_FALSE(Velto::g_session.background());
+        EXPECT_FALSE(session_in_background());
     });
 }
 

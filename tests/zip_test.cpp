@@ -1,7 +1,7 @@
 // Tests of the payload envelope: Base64 (against OpenSSL and against the decoders' documented rules
 // on odd input), the padding rule checked by deciphering with OpenSSL under the built-in key and IV,
-// whole envelopes rebuilt with OpenSSL, fencode/fdecode and their stripping rule, zlib, use from
-// several threads, and random bytes under ASan.
+// whole envelopes rebuilt with OpenSSL, fencode/fdecode and their stripping rule, zlib, and use from
+// several threads. Arbitrary bytes into the decoders are the envelope fuzz target's part.
 #include "Zip.h"
 
 #include <gtest/gtest.h>
@@ -206,53 +206,6 @@ TEST(Zip, ZipRoundTripsAndRespectsCapacities) {
     EXPECT_EQ("", Velto::unZip(big.data(), len));
     EXPECT_EQ("", Velto::unZip(uc("not zlib at all"), 15));
     EXPECT_EQ("", Velto::unZip(nullptr, 4));
-}
-
-// Arbitrary bytes into every decoder, with buffers sized exactly as documented, so that ASan sees any
-// write or read past them.
-TEST(Zip, RandomInputStaysInBounds) {
-    std::mt19937 rng(20240601);
-    int deciphered = 0, refused = 0;
-    for (int iter = 0; iter < 3000; iter++) {
-        std::string text;
-        switch (iter % 3) {
-            case 0:  // noise, zero bytes included (they cut the text short)
-                text = random_text(rng, rng() % 200, 0, 255);
-                break;
-            case 1: {  // genuine tokens with a few bytes changed or cut off
-                text = Velto::Util::fencode(random_text(rng, 1 + rng() % 100));
-                for (int k = int(rng() % 3); k > 0; k--) text[rng() % text.size()] = char(rng());
-                if (rng() % 2) text.resize(rng() % text.size());
-                break;
-            }
-            default:  // alphabet only, any length
-                text = random_text(rng, rng() % 120, 0, 63);
-                for (auto& c : text) c = Velto::base64_chars[size_t(c)];
-        }
-        const size_t len = strlen(text.c_str());
-        const size_t capacity = (len + 3) / 4 * 3;
-
-        Bytes out(capacity + 1);
-        const int n = Velto::base64_decode(text.c_str(), out.data());
-        EXPECT_LE(size_t(n), capacity);
-        (void)Velto::base64_decode(text);
-
-        Bytes clear(capacity + 1);
-        try {
-            EXPECT_EQ(0, Velto::AES_Decode(text.c_str(), clear.data()));
-            deciphered++;
-        } catch (const std::exception&) {
-            refused++;
-        }
-        try {
-            (void)Velto::Util::fdecode(text);
-        } catch (const std::exception&) {
-        }
-        (void)Velto::unZip(uc(text), int(text.size()));
-    }
-    // Both the cipher and its length check were reached.
-    EXPECT_GT(deciphered, 100);
-    EXPECT_GT(refused, 100);
 }
 
 // Every length up to a few hundred bytes (the encoder works in pieces of several blocks) and a few

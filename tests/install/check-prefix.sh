@@ -19,7 +19,10 @@ cmake --build "$work/cmake-build" >/dev/null
 
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 [ "$(pkg-config --modversion velto)" = "$version" ]
-cc "$here/consumer.c" -o "$work/consumer-pc" $(pkg-config --cflags --libs velto) -Wl,-rpath,"$libdir"
+# CC and CFLAGS (also read by the CMake build above) name the library's target, -m32 for i386.
+# shellcheck disable=SC2086
+"${CC:-cc}" ${CFLAGS:-} "$here/consumer.c" -o "$work/consumer-pc" $(pkg-config --cflags --libs velto) \
+  -Wl,-rpath,"$libdir"
 [ "$(run "$work/consumer-pc")" = "$expected" ]
 echo "consumer built and ran with find_package and with pkg-config"
 

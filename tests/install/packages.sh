@@ -11,7 +11,9 @@ work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 
 cpack --config "$build/CPackConfig.cmake" -G DEB -B "$work/out" >/dev/null
-arch="$(dpkg --print-architecture)"
+# The packages' architecture: the build's own (i386 from cmake/i386.cmake), else this machine's.
+arch="$(sed -n 's/^set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE "\(.*\)")$/\1/p' "$build/CPackConfig.cmake")"
+[ -n "$arch" ] || arch="$(dpkg --print-architecture)"
 deb() { echo "$work/out/$1_${version}_${arch}.deb"; }
 field() { dpkg-deb -f "$(deb "$1")" "$2"; }
 contents() { dpkg-deb -c "$(deb "$1")" | awk '{print $6}'; }

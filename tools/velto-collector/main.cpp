@@ -35,13 +35,13 @@
 #include <vector>
 
 #include "Util.h"
-#include "Zip.h"
 #include "api.h"
 #include "event_stream.h"
 #include "json_text.h"
 #include "payload.h"
 #include "store.h"
 #include "tls_server.h"
+#include "upload.h"
 #include "velto.h"
 
 namespace {
@@ -245,83 +245,13 @@ std::string readable_line(const Members& rec, long long received) {
 
 // ---- request decoding ----
 
-// A request the collector cannot take; the text goes into the 400 reply and the log line.
-struct BadRequest : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-bool is_base64_text(const std::string& s) {
-    if (s.empty() || s.size() % 4 != 0) return false;
-    const size_t pad = s.find('=');
-    if (pad != std::string::npos &&
-        (pad + 2 < s.size() || s.find_first_not_of('=', pad) != std::string::npos))
-        return false;
-    return s.find_first_not_of(Velto::base64_chars + "=") == std::string::npos;
-}
-
-// Why a form field's payload (Base64 of AES, maybe deflated) did not decode.
-std::string why_form_payload_fails(const std::string& text) {
-    if (!is_base64_text(text)) return "the payload is not Base64";
-    const size_t raw = text.size() / 4 * 3 - (text.size() - text.find_last_not_of('=') - 1);
-    if (raw == 0 || raw % 16 != 0)
-        return "the payload is not whole AES blocks (" + std::to_string(raw) + " bytes)";
-    return "the payload does not inflate (broken zlib stream)";
-}
-
-// The deciphered bytes of a file upload's payload behind its length prefix, padding kept.
-std::string decipher_file_payload(const std::string& payload) {
-    if (payload.size() < 4 + 16)
-        throw BadRequest("the file payload holds " + std::to_string(payload.size()) +
-                         " bytes, less than a length prefix and one AES block");
-    if ((payload.size() - 4) % 16 != 0)
-        throw BadRequest("the file payload is not a length prefix and whole AES blocks");
-    const std::string sealed = payload.substr(4);
-    const std::string b64 = Velto::base64_encode(reinterpret_cast<const unsigned char*>(sealed.data()),
-                                                 static_cast<unsigned>(sealed.size()));
-    std::vector<unsigned char> plain(sealed.size() + 4, 0);
-    if (Velto::AES_Decode(b64.c_str(), plain.data()) != 0)
-        throw BadRequest("the file payload does not decipher");
-    return std::string(reinterpret_cast<const char*>(plain.data()), sealed.size());
-}
-
-uint32_t length_prefix(const std::string& payload) {
-    uint32_t length = 0;
-    for (int i = 0; i < 4; ++i) length = (length << 8) | static_cast<unsigned char>(payload[i]);
-    return length;
-}
-
-// The file content: inflated when it was deflated, else cut to the prefix's length. The prefix must
-// match what arrived, so that a cut or padded upload is caught rather than half read.
-std::string decode_file_content(const std::string& payload) {
-    const std::string plain = decipher_file_payload(payload);
-    const uint32_t length = length_prefix(payload);
-    std::string data;
-    if (vcollect::looks_zlib(plain)) {
-        if (!vcollect::inflate_bytes(plain, data))
-            throw BadRequest("the file payload does not inflate (broken zlib stream)");
-    } else if ((static_cast<uint64_t>(length) + 15) / 16 * 16 == plain.size()) {
-        data = plain.substr(0, length);
-    }
-    if (data.size() != length || length == 0)
-        throw BadRequest("the length prefix says " + std::to_string(length) + " bytes, the payload holds " +
-                         std::to_string(data.empty() ? plain.size() : data.size()));
-    return data;
-}
-
-struct Upload {
-    std::string name;  // the "sdk_log" field: a batch's GUID, or "log"
-    std::string data;  // the decoded file content
-};
-
-Upload decode_upload(const std::vector<vcollect::FormPart>& parts) {
-    const vcollect::FormPart* file = vcollect::find_part(parts, "file");
-    if (!file) throw BadRequest("the multipart form has no \"file\" part");
-    Upload up;
-    if (const vcollect::FormPart* name = vcollect::find_part(parts, "sdk_log"))
-        up.name = vcollect::field_text(*name);
-    up.data = decode_file_content(file->data);
-    return up;
-}
+// The checks of what an upload carries live in tools/collector/upload.h, where the fuzz targets reach
+// them too.
+using vcollect::BadRequest;
+using vcollect::decode_upload;
+using vcollect::is_base64_text;
+using vcollect::Upload;
+using vcollect::why_form_payload_fails;
 
 // ---- the collector ----
 

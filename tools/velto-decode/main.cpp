@@ -21,18 +21,12 @@
 
 #include "Util.h"
 #include "payload.h"
+#include "root_files.h"
 #include "velto.h"
 
 namespace {
 
 using Velto::StrMap;
-
-// The record as a JSON value: the library's records are flat objects already; anything else is
-// shown as a string.
-std::string record_value(const std::string& rec) {
-    if (rec.size() >= 2 && rec.front() == '{' && rec.back() == '}') return rec;
-    return vcollect::json_quote(rec);
-}
 
 std::string base_name(const std::string& path) {
     size_t sep = path.rfind('/');
@@ -48,68 +42,18 @@ bool read_all(const std::string& path, std::string& out) {
     return true;
 }
 
-bool decode_token(const std::string& token, std::string& text) {
-    try {
-        text = Velto::Util::fdecode(token);
-        return !text.empty();
-    } catch (...) {
-        return false;
-    }
-}
-
-// Why the library would skip this message-file line, or "" when it is a valid record.
-std::string check_line(const std::string& line, long long& time, std::string& record) {
-    size_t comma = line.find(',');
-    if (comma == std::string::npos) return "no comma";
-    std::string stamp = line.substr(0, comma), payload = line.substr(comma + 1);
-    if (stamp.size() != 10 || stamp.find_first_not_of("0123456789") != std::string::npos)
-        return "time stamp is not 10 digits";
-    if (payload.size() <= 15) return "payload of 15 characters or fewer";
-    if (!decode_token(payload, record)) return "payload does not decode";
-    time = std::stoll(stamp);
-    return "";
-}
-
-struct FileStats {
-    long long records = 0, invalid = 0, oldest = 0, newest = 0;
-};
+using vcollect::FileStats;
 
 FileStats print_messages(const std::string& path) {
-    FileStats st;
     std::string data;
-    if (!read_all(path, data)) return st;
-    std::istringstream in(data);
-    std::string line, name = base_name(path);
-    for (long long n = 1; std::getline(in, line); ++n) {
-        long long time = 0;
-        std::string record;
-        std::string why = check_line(line, time, record);
-        if (!why.empty()) {
-            ++st.invalid;
-            std::cout << "{\"file\":" << vcollect::json_quote(name) << ",\"line\":" << n
-                      << ",\"invalid\":" << vcollect::json_quote(why) << "}\n";
-            continue;
-        }
-        ++st.records;
-        if (st.oldest == 0 || time < st.oldest) st.oldest = time;
-        if (time > st.newest) st.newest = time;
-        std::cout << "{\"file\":" << vcollect::json_quote(name) << ",\"line\":" << n << ",\"time\":" << time
-                  << ",\"record\":" << record_value(record) << "}\n";
-    }
-    return st;
+    if (!read_all(path, data)) return FileStats();
+    return vcollect::print_messages(base_name(path), data, std::cout);
 }
 
 bool print_config(const std::string& path, StrMap& conf) {
-    std::string data, token, text;
+    std::string data;
     if (!read_all(path, data)) return false;
-    std::istringstream(data) >> token;
-    if (token.empty() || !decode_token(token, text)) {
-        std::cout << "{\"file\":\"sdk.cf\",\"invalid\":"
-                  << vcollect::json_quote(token.empty() ? "empty" : "does not decode") << "}\n";
-        return true;
-    }
-    Velto::Util::json2map(text, conf);
-    std::cout << "{\"file\":\"sdk.cf\",\"config\":" << record_value(text) << "}\n";
+    vcollect::print_config(data, conf, std::cout);
     return true;
 }
 
