@@ -80,7 +80,7 @@ class DeliveryLoop : public WaitPump {
     void mirror(const std::string& item);
     // One idle turn (no record taken). False when the loop has to end.
     // skipped: the turn was a deliberate skip, so the queue need not be empty.
-    bool idle_turn(bool skipped);
+    bool idle_turn(bool skipped, bool stop_seen);
     void handle_record(std::string& item);
     bool send_real_time(const std::string& item);
     bool send_initial(const std::string& item);
@@ -292,6 +292,9 @@ void DeliveryLoop::main_loop() {
             msg_.open();
         }
         if (tick_ > kTickWrap) tick_ = 1;
+        // Read before the queue is looked at: every record queued before data_stop is then in the
+        // queue the loop finds empty, and none queued in between is left behind.
+        const bool stop_seen = owner_.stop_flag() == 2;
         bool skipped = tick_ % kSkipEvery == 0;
         if (skipped) {
             item.clear();
@@ -301,7 +304,7 @@ void DeliveryLoop::main_loop() {
         }
         if (item.empty()) {
             end_batch();
-            if (!idle_turn(skipped)) return;
+            if (!idle_turn(skipped, stop_seen)) return;
         } else if (file_only(item)) {
             begin_batch();
             handle_record(item);
@@ -321,11 +324,11 @@ std::string DeliveryLoop::next_item() {
     return item;
 }
 
-bool DeliveryLoop::idle_turn(bool skipped) {
-    // A stop request ends the loop once the queue is found empty. A skipped turn has not looked at
-    // the queue: leaving then would lose the records still waiting (also when the stop came before
-    // the first turn, which is always a skip).
-    if (owner_.stop_flag() == 2 && !skipped) {
+bool DeliveryLoop::idle_turn(bool skipped, bool stop_seen) {
+    // A stop request ends the loop once the queue is found empty after the request was seen. A
+    // skipped turn has not looked at the queue: leaving then would lose the records still waiting
+    // (also when the stop came before the first turn, which is always a skip).
+    if (stop_seen && !skipped) {
         owner_.set_running(0);
         if (end_switch_) end_of_run_upload();
         LOGI << "to exit" << LEND;
