@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "api_helpers.h"
+#include "child_process.h"
 #include "delivery.h"
 #include "devtools.h"
 
@@ -30,75 +31,14 @@ namespace {
 const char kScript[] = "<script>window.velto_injected=1</script>";
 const char kImage[] = "<img src=x onerror=velto_injected=2>";
 
-// $VELTO_BINARY_DIR (set by CTest), else the build directory above this test's own.
-std::string binary_dir() {
-    if (const char* dir = getenv("VELTO_BINARY_DIR")) return dir;
-    char exe[4096];
-    const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-    const std::string path(exe, n > 0 ? static_cast<size_t>(n) : 0);
-    return path.substr(0, path.rfind("/tests/"));
-}
+using vtest::binary_dir;
 
-// Ports free a moment ago on 127.0.0.1, all different.
-std::vector<int> free_ports(int n) {
-    std::vector<int> fds, ports;
-    for (int i = 0; i < n; ++i) {
-        const int fd = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof addr;
-        bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-        fds.push_back(fd);
-        ports.push_back(ntohs(addr.sin_port));
-    }
-    for (int fd : fds) close(fd);
-    return ports;
-}
-
-// A program in its own process group with its output in a file; the group is ended with the object.
-class GroupProcess {
+// A program in its own process group with its output in one file; the group is ended with the object.
+class GroupProcess : public vtest::ChildProcess {
   public:
     GroupProcess(std::vector<std::string> args, const std::string& log,
-                 const std::vector<std::pair<std::string, std::string>>& env = {}) {
-        std::vector<char*> argv;
-        for (std::string& a : args) argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-        fflush(stdout);
-        if ((pid_ = fork()) != 0) {
-            if (pid_ > 0) setpgid(pid_, pid_);
-            return;
-        }
-        setpgid(0, 0);
-        prctl(PR_SET_PDEATHSIG, SIGKILL);  // nothing left running if the test itself dies
-        for (const auto& kv : env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
-        const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (out >= 0 && dup2(out, 1) >= 0 && dup2(out, 2) >= 0) execv(argv[0], argv.data());
-        _exit(127);
-    }
-    ~GroupProcess() {
-        if (pid_ <= 0) return;
-        kill(-pid_, SIGTERM);  // the collector ends its event streams and exits
-        wait(10000);
-        kill(-pid_, SIGKILL);
-        if (status_ < 0) waitpid(pid_, nullptr, 0);
-    }
-    // The exit code, or -1 when it still runs after timeout_ms or died of a signal.
-    int wait(int timeout_ms) {
-        vtest::wait_until(
-            [this] {
-                int st = 0;
-                if (status_ < 0 && waitpid(pid_, &st, WNOHANG) == pid_) status_ = st;
-                return status_ >= 0;
-            },
-            timeout_ms);
-        return status_ >= 0 && WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
-    }
-
-  private:
-    pid_t pid_ = -1;
-    int status_ = -1;
+                 const std::vector<std::pair<std::string, std::string>>& env = {})
+        : ChildProcess(std::move(args), log, log, env, true) {}
 };
 
 class CollectorPage : public ::testing::Test {
@@ -107,7 +47,7 @@ class CollectorPage : public ::testing::Test {
         if (vbrowser::chromium_path().empty())
             GTEST_SKIP() << "chromium is not installed (/usr/bin/chromium; .ci/install-deps.sh installs it), "
                             "so the collector's page is not tested";
-        const std::vector<int> ports = free_ports(2);
+        const std::vector<int> ports = vtest::free_loopback_ports(2);
         http_port_ = ports[0];
         https_port_ = ports[1];
         collector_.reset(

@@ -25,6 +25,7 @@
 #include "HttpClient.h"
 #include "Zip.h"
 #include "api_helpers.h"
+#include "child_process.h"
 #include "delivery.h"
 
 namespace {
@@ -32,13 +33,9 @@ namespace {
 using Velto::Util::fencode;
 using vtest::lines_of;
 
-// $VELTO_BINARY_DIR/tools/name; without the variable, the build directory above this test's own.
+// A tool of this build.
 std::string tool(const char* name) {
-    if (const char* dir = getenv("VELTO_BINARY_DIR")) return std::string(dir) + "/tools/" + name;
-    char exe[4096];
-    const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-    const std::string path(exe, n > 0 ? static_cast<size_t>(n) : 0);
-    return path.substr(0, path.rfind("/tests/")) + "/tools/" + name;
+    return vtest::binary_dir() + "/tools/" + name;
 }
 
 // How many lines hold every one of parts.
@@ -52,43 +49,7 @@ size_t count_with(const std::vector<std::string>& lines, const std::vector<std::
     return n;
 }
 
-// A tool in a child process with its output in files. Killed if it outlives the object.
-class ToolProcess {
-  public:
-    ToolProcess(std::vector<std::string> args, const std::string& out, const std::string& err) {
-        std::vector<char*> argv;
-        for (std::string& a : args) argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-        fflush(stdout);
-        if ((pid_ = fork()) != 0) return;
-        int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (o >= 0 && e >= 0 && dup2(o, 1) >= 0 && dup2(e, 2) >= 0) execv(argv[0], argv.data());
-        _exit(127);
-    }
-    ~ToolProcess() {
-        if (pid_ > 0 && status_ < 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-    }
-    void signal(int sig) { kill(pid_, sig); }
-    // The exit status, or -1 when the process is still running after timeout_ms or died of a signal.
-    int wait(int timeout_ms) {
-        vtest::wait_until(
-            [this] {
-                int st = 0;
-                if (status_ < 0 && pid_ > 0 && waitpid(pid_, &st, WNOHANG) == pid_) status_ = st;
-                return status_ >= 0;
-            },
-            timeout_ms);
-        return status_ >= 0 && WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
-    }
-
-  private:
-    pid_t pid_ = -1;
-    int status_ = -1;
-};
+using ToolProcess = vtest::ChildProcess;
 
 // Runs velto-decode on path (bounded); out = its standard output.
 int run_decode(const std::string& path, const std::string& scratch, std::string& out) {
@@ -194,19 +155,10 @@ class CollectorTest : public ::testing::Test {
         ASSERT_TRUE(vtest::wait_until([this] { return vtest::has(out(), "listening on"); }, 20000))
             << out() << err();
     }
-    // Two ports that were free a moment ago on 127.0.0.1.
     void pick_two_ports() {
-        int fds[2], *ports[2] = {&https_port_, &http_port_};
-        for (int i = 0; i < 2; ++i) {
-            fds[i] = socket(AF_INET, SOCK_STREAM, 0);
-            sockaddr_in addr = loopback(0);
-            socklen_t len = sizeof addr;
-            bind(fds[i], reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-            getsockname(fds[i], reinterpret_cast<sockaddr*>(&addr), &len);
-            *ports[i] = ntohs(addr.sin_port);
-        }
-        close(fds[0]);
-        close(fds[1]);
+        const std::vector<int> ports = vtest::free_loopback_ports(2);
+        https_port_ = ports[0];
+        http_port_ = ports[1];
     }
     int stop() {
         proc_->signal(SIGTERM);
