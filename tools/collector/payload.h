@@ -15,6 +15,8 @@ namespace vcollect {
 
 // A JSON string literal of arbitrary bytes (control bytes escaped, the rest passed through).
 std::string json_quote(const std::string& s);
+// Appends byte c as it stands inside a JSON string literal (quote, backslash and control bytes escaped).
+void append_json_escaped(std::string& out, unsigned char c);
 
 // One part of a multipart body.
 struct FormPart {

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "payload.h"
+
 namespace vcollect {
 
 namespace {
@@ -111,22 +113,7 @@ std::string json_string(const std::string& s) {
             continue;
         }
         ++i;
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c == '\n') {
-            out += "\\n";
-        } else if (c == '\r') {
-            out += "\\r";
-        } else if (c == '\t') {
-            out += "\\t";
-        } else if (c < 0x20 || c == 0x7f) {
-            char buf[8];
-            snprintf(buf, sizeof buf, "\\u%04x", c);
-            out += buf;
-        } else {
-            out += static_cast<char>(c);
-        }
+        append_json_escaped(out, c);
     }
     return out + "\"";
 }
