@@ -81,11 +81,13 @@ if [ "${1:-}" = "i386" ]; then
 fi
 
 # ---- native (amd64) build -------------------------------------------------------------------------
+# Programs a bare Debian root lacks are named too: file (CPack's shared-library dependency step),
+# openssl (the valgrind pass's TLS server and its certificate).
 PACKAGES=(
   build-essential cmake pkg-config git
   libcurl4-openssl-dev zlib1g-dev uuid-dev libplist-dev libssl-dev libcpp-httplib-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  binutils ca-certificates dpkg-dev
+  binutils ca-certificates dpkg-dev file openssl
   clang clang-format libclang-rt-14-dev llvm valgrind
   libsqlite3-dev sqlite3 chromium fonts-dejavu-core
 )
