@@ -1,13 +1,18 @@
 // The background runner: the library's one thread (g_back_run, started by data_init, asked to stop
-// by data_stop). It loads the configuration, moves records from the pending queue into "sdk.msg",
-// decides when batches are uploaded (at once in real-time mode, at thresholds of age, count or size,
+// by data_stop). It opens "sdk.msg" first, loads the configuration, moves records from the pending
+// queue into "sdk.msg" (also while it waits on the network, and before data_stop returns), sleeps
+// until a record, the stop request or its earliest deadline wakes it, decides when batches are uploaded (at once in real-time mode, at thresholds of age, count or size,
 // at start and at stop), sends the log and the current configuration on request, trims the message
 // file, and mirrors each record to a debug server with an HTML report when a switch file asks for it.
 #include "BackRun.h"
 
+#include <poll.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <climits>
 #include <cstdio>
 #include <deque>
 #include <fstream>
@@ -29,13 +34,24 @@ const long long kRetryPause = 300;   // seconds without uploads after a failed o
 const long long kTickWrap = 60000;   // the tick counter restarts at 1 past this
 const long long kSkipEvery = 333;    // under constant traffic, idle work gets a turn this often
 const long long kHousekeeping = 15;  // roll check and periodic save every this many ticks
-const unsigned int kIdleWaitUs = 500;
+// The longest idle sleep. Deadlines are kept in wall-clock seconds and slept in monotonic time, so
+// a clock set forward (or a machine woken from suspend) is noticed within this.
+const long long kMaxSleepMs = 60000;
+// How soon a message file that could not be opened is tried again.
+const long long kReopenPauseMs = 1000;
+// The longest data_stop waits for the queue to reach the file.
+const auto kStopBound = std::chrono::milliseconds(100);
 const int kInitAttempts = 3;
 const unsigned int kInitRetryPauseMs = 1000;
-// Bounds of what a wait sets aside for later: initial records kept for their own send attempts, and
-// records the debug mirror has not seen yet. Past them, records simply go to the file unmirrored.
-const size_t kMaxHeldInitial = 16;
+// Bounds of what a wait sets aside for later: records kept for a send of their own (the initial
+// record, every record in real-time mode), and records the debug mirror has not seen yet. Past
+// them, records simply go to the file unmirrored.
+const size_t kMaxHeld = 1000;
 const size_t kMaxMirrorBacklog = 1000;
+// How long a record that wants a send of its own waits for it while the loop is busy with another
+// transfer, and how long a stop request waits for a transfer in flight, before the record goes to
+// the file instead.
+const auto kHoldWindow = std::chrono::milliseconds(40);
 
 bool is_initial(const std::string& item) {
     return item.compare(0, kInitPrefixLen, kInitPrefix) == 0;
@@ -44,13 +60,16 @@ bool is_initial(const std::string& item) {
 // ---------------------------------------------------------------------------------------------
 // The loop of one run. Its members are the locals of the thread body; the settings are read once
 // at start so that the per-record path does no settings look-ups. While the loop waits on the
-// network, pump() keeps moving queued records into the file.
+// network, pump() keeps moving queued records into the file; once a stop is requested it also
+// writes the records held back for a send of their own, so that data_stop can return.
 class DeliveryLoop : public WaitPump {
   public:
     explicit DeliveryLoop(BackRun& owner) : owner_(owner), msg_(owner.msg_file()) {}
 
     void run();
     void pump() override;
+    bool pending() const override;
+    long long wake_within_ms() const override;
 
   private:
     // Writes a run of records to the file, and their log lines to the log, in one write each: the
@@ -81,10 +100,19 @@ class DeliveryLoop : public WaitPump {
     // One idle turn (no record taken). False when the loop has to end.
     // skipped: the turn was a deliberate skip, so the queue need not be empty.
     bool idle_turn(bool skipped, bool stop_seen);
+    void sleep_until_due(long long now);
+    long long next_deadline_ms(long long now) const;
     void handle_record(std::string& item);
     bool send_real_time(const std::string& item);
     bool send_initial(const std::string& item);
+    bool pause_unless_saved(unsigned int ms);
     void save_to_file(const std::string& item);
+    bool wants_own_send(const std::string& item) const { return real_time_ || is_initial(item); }
+    void file_from_pump(std::string& item);
+    void file_held(bool initial_too);
+    bool file_in_hand();
+    bool stop_requested() const { return owner_.stop_flag() == 2; }
+    bool stop_seen() const;  // by a wait's pump
     void end_of_run_upload();
     void shut_down();
 
@@ -123,9 +151,18 @@ class DeliveryLoop : public WaitPump {
     long long batch_count_ = 0;  // pending when the batch in flight was set aside
     long long batch_bytes_ = 0;
 
-    std::deque<std::string> held_initial_;
+    typedef std::chrono::steady_clock Clock;
+    std::deque<std::string> held_;  // taken by a wait, waiting for a send of their own
+    // When the oldest of them that is not an initial record goes to the file instead.
+    Clock::time_point held_until_ = Clock::time_point::max();
     std::deque<std::string> mirror_backlog_;
     bool batching_ = false;
+    // The record handle_record is working on (mirroring or sending it). When a stop request is
+    // not answered within the hold window, it is written to the file; it is then not sent again.
+    const std::string* in_hand_ = nullptr;
+    bool in_hand_saved_ = false;
+    Clock::time_point stop_seen_at_;  // when a wait first saw the stop request (epoch: not yet)
+    Clock::time_point next_reopen_;
 };
 
 void DeliveryLoop::begin_batch() {
@@ -153,22 +190,85 @@ void DeliveryLoop::run() {
     shut_down();
 }
 
+bool DeliveryLoop::stop_seen() const {
+    return stop_seen_at_ != Clock::time_point();
+}
+
+bool DeliveryLoop::pending() const {
+    if (Cache::obj_->count() > 0 || (stop_requested() && !owner_.stop_answered())) return true;
+    return !stop_seen() && Clock::now() >= held_until_;
+}
+
+long long DeliveryLoop::wake_within_ms() const {
+    Clock::time_point at;
+    if (stop_seen() && (!held_.empty() || (in_hand_ != nullptr && !in_hand_saved_)))
+        at = stop_seen_at_ + kHoldWindow;
+    else if (!stop_seen() && held_until_ != Clock::time_point::max())
+        at = held_until_;
+    else
+        return -1;
+    return std::max(0LL, static_cast<long long>(
+                             std::chrono::ceil<std::chrono::milliseconds>(at - Clock::now()).count()));
+}
+
+// Runs inside the loop's waits: every record queued meanwhile goes to the file, but for those that
+// want a send of their own, which wait for the end of the transfer within the hold window. Once a
+// stop is requested, the stop is answered as soon as everything is in the file or sent, and the
+// hold window after the request ends the waiting of the held records and of a record in flight.
 void DeliveryLoop::pump() {
     if (!msg_.is_open() && msg_.open() != RES_OK) return;
-    Batch batch(*this);
-    for (std::string item = Cache::obj_->get(); !item.empty(); item = Cache::obj_->get()) {
-        if (is_initial(item)) {
-            if (held_initial_.size() < kMaxHeldInitial) {
-                held_initial_.push_back(std::move(item));
+    // Read before the queue is emptied: every record queued before the request is then written.
+    const bool stopping = stop_requested();
+    if (stopping && !stop_seen()) stop_seen_at_ = Clock::now();
+    const bool file_all = stopping && Clock::now() >= stop_seen_at_ + kHoldWindow;
+    bool answered;
+    {
+        Batch batch(*this);
+        for (std::string item = Cache::obj_->get(); !item.empty(); item = Cache::obj_->get()) {
+            if (!file_all && wants_own_send(item) && held_.size() < kMaxHeld) {
+                if (!is_initial(item)) held_until_ = std::min(held_until_, Clock::now() + kHoldWindow);
+                held_.push_back(std::move(item));
                 continue;
             }
-            item.erase(0, kInitPrefixLen);
+            file_from_pump(item);
         }
-        if (!debug_url_.empty() && mirror_backlog_.size() < kMaxMirrorBacklog)
-            mirror_backlog_.push_back(item);
-        save_to_file(item);
-        if (owner_.stop_flag() == 2) owner_.set_running(0);
+        if (file_all || (!stopping && Clock::now() >= held_until_)) file_held(file_all);
+        answered = stopping && held_.empty() && file_in_hand();
     }
+    if (answered) {
+        owner_.set_running(0);
+        owner_.answer_stop();
+    }
+}
+
+void DeliveryLoop::file_from_pump(std::string& item) {
+    if (is_initial(item)) item.erase(0, kInitPrefixLen);
+    if (!debug_url_.empty() && mirror_backlog_.size() < kMaxMirrorBacklog) mirror_backlog_.push_back(item);
+    save_to_file(item);
+}
+
+// The held records go out with the next batch instead. The initial record keeps waiting for its
+// attempts until a stop request has waited the hold window.
+void DeliveryLoop::file_held(bool initial_too) {
+    std::deque<std::string> kept;
+    for (std::string& item : held_) {
+        if (!initial_too && is_initial(item))
+            kept.push_back(std::move(item));
+        else
+            file_from_pump(item);
+    }
+    held_.swap(kept);
+    held_until_ = Clock::time_point::max();
+}
+
+// True when no record is in hand unwritten: a transfer still in flight once the stop request has
+// waited the hold window leaves its record in the file, whatever the transfer's outcome.
+bool DeliveryLoop::file_in_hand() {
+    if (in_hand_ == nullptr || in_hand_saved_) return true;
+    if (Clock::now() < stop_seen_at_ + kHoldWindow) return false;
+    save_to_file(*in_hand_);
+    in_hand_saved_ = true;
+    return true;
 }
 
 // Steps before the loop. False when the run gives up (running flag 0, stop flag left as it is).
@@ -176,7 +276,21 @@ bool DeliveryLoop::start_up() {
     LOGI << "back thread start ..." << LEND;
     LOGI << "sdk version: " << g_base_info["modver"] << LEND;
 
-    int r = conf_.init_conf();
+    // The message file comes before anything that may wait on the network, so that the records
+    // queued from the first call on reach the disk at once.
+    int r = msg_.open();
+    if (r != 0) {
+        pause_ms(3000);
+        LOGW << "retry to open msg file, last ret: " << r << LEND;
+        r = msg_.open();
+        if (r != 0) {
+            owner_.set_running(0);
+            LOGE << "open_msg_fp, ret: " << r << LEND;
+            return false;
+        }
+    }
+
+    r = conf_.init_conf();
     if (r == RES_EXCEPTION) {
         owner_.set_running(0);
         LOGE << "init_conf exception" << LEND;
@@ -187,17 +301,6 @@ bool DeliveryLoop::start_up() {
     upload_base_ = conf_.get_str("CONF_URL");
     data_url_ = upload_base_ + "/v1/data";
 
-    r = msg_.open();
-    if (r != 0) {
-        os_sleep(3);
-        LOGW << "retry to open msg file, last ret: " << r << LEND;
-        r = msg_.open();
-        if (r != 0) {
-            owner_.set_running(0);
-            LOGE << "open_msg_fp, ret: " << r << LEND;
-            return false;
-        }
-    }
     msg_.check_drop();
 
     read_settings();
@@ -287,9 +390,10 @@ void DeliveryLoop::send_log_and_conf() {
 void DeliveryLoop::main_loop() {
     std::string item;
     while (owner_.stop_flag() != 0) {
-        if (!msg_.is_open()) {
+        if (!msg_.is_open() && std::chrono::steady_clock::now() >= next_reopen_) {
             end_batch();
-            msg_.open();
+            if (msg_.open() != RES_OK)
+                next_reopen_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(kReopenPauseMs);
         }
         if (tick_ > kTickWrap) tick_ = 1;
         // Read before the queue is looked at: every record queued before data_stop is then in the
@@ -316,11 +420,12 @@ void DeliveryLoop::main_loop() {
     end_batch();
 }
 
-// Initial records held back during a wait come first; they were queued before what is left.
+// Records held back during a wait come first; they were queued before what is left.
 std::string DeliveryLoop::next_item() {
-    if (held_initial_.empty()) return Cache::obj_->get();
-    std::string item = std::move(held_initial_.front());
-    held_initial_.pop_front();
+    if (held_.empty()) return Cache::obj_->get();
+    std::string item = std::move(held_.front());
+    held_.pop_front();
+    if (held_.empty()) held_until_ = Clock::time_point::max();
     return item;
 }
 
@@ -330,6 +435,7 @@ bool DeliveryLoop::idle_turn(bool skipped, bool stop_seen) {
     // (also when the stop came before the first turn, which is always a skip).
     if (stop_seen && !skipped) {
         owner_.set_running(0);
+        owner_.answer_stop();  // everything queued before the request is in the file
         if (end_switch_) end_of_run_upload();
         LOGI << "to exit" << LEND;
         return false;
@@ -373,9 +479,37 @@ bool DeliveryLoop::idle_turn(bool skipped, bool stop_seen) {
         Log::obj_->flush();
         if (!real_time_) msg_.flush();
     } else {
-        os_usleep(kIdleWaitUs);
+        sleep_until_due(now);
     }
     return true;
+}
+
+// Nothing to do: sleeps until a record or the stop request rings the doorbell, or the earliest
+// deadline of the loop's own comes.
+void DeliveryLoop::sleep_until_due(long long now) {
+    Doorbell& bell = doorbell();
+    bell.arm();
+    if (held_.empty() && Cache::obj_->count() == 0 && !stop_requested()) {
+        pollfd p = {bell.fd(), POLLIN, 0};
+        poll(&p, 1, static_cast<int>(next_deadline_ms(now)));
+    }
+    bell.disarm();
+}
+
+// Milliseconds until the loop has something to do without being woken: a batch due by age, or
+// due by count or size once the pause after a failed upload ends; another try at opening the file.
+long long DeliveryLoop::next_deadline_ms(long long now) const {
+    long long ms = kMaxSleepMs;
+    if (!msg_.is_open()) ms = kReopenPauseMs;
+    if (pending_bytes_ <= 0) return ms;
+    const bool full = (send_num_ > 0 && pending_count_ >= send_num_) ||
+                      (send_size_ > 0 && pending_bytes_ > size_limit_);
+    long long due = full ? now : LLONG_MAX;  // seconds: the first one at which the batch is due
+    if (send_gap_ > 0 && last_send_ <= LLONG_MAX - gap_ - 1) due = std::min(due, last_send_ + gap_ + 1);
+    if (due == LLONG_MAX) return ms;
+    if (error_time_ <= LLONG_MAX - kRetryPause - 1) due = std::max(due, error_time_ + kRetryPause + 1);
+    if (due <= now) return 0;
+    return std::min(ms, due - now > kMaxSleepMs / 1000 ? kMaxSleepMs : (due - now) * 1000);
 }
 
 void DeliveryLoop::handle_record(std::string& item) {
@@ -383,14 +517,15 @@ void DeliveryLoop::handle_record(std::string& item) {
     bool initial = item.compare(0, kInitPrefixLen, kInitPrefix) == 0;
     if (initial) item.erase(0, kInitPrefixLen);
 
+    in_hand_ = &item;
+    in_hand_saved_ = false;
     if (!debug_url_.empty()) mirror(item);
-
-    if (send_real_time(item)) return;
-    if (initial && send_initial(item)) return;
-    save_to_file(item);
+    const bool sent = !in_hand_saved_ && (send_real_time(item) || (initial && send_initial(item)));
+    if (!sent && !in_hand_saved_) save_to_file(item);
+    in_hand_ = nullptr;
 
     // The queue is still drained; the loop leaves on the next empty item.
-    if (owner_.stop_flag() == 2) owner_.set_running(0);
+    if (stop_requested()) owner_.set_running(0);
 }
 
 void DeliveryLoop::mirror(const std::string& item) {
@@ -427,11 +562,21 @@ bool DeliveryLoop::send_initial(const std::string& item) {
             mark_sent_now(started);
             return true;
         }
-        pause_ms(kInitRetryPauseMs);
+        if (!pause_unless_saved(kInitRetryPauseMs)) break;
     }
     LOGW << "snd init: " << r << LEND;
     error_time_ = os_time();
     return false;
+}
+
+// Pauses between attempts; false (at once) when a stop request wrote the record to the file.
+bool DeliveryLoop::pause_unless_saved(unsigned int ms) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    for (auto now = std::chrono::steady_clock::now(); now < end && !in_hand_saved_;
+         now = std::chrono::steady_clock::now()) {
+        wait_ready(-1, 0, static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(end - now).count()));
+    }
+    return !in_hand_saved_;
 }
 
 void DeliveryLoop::save_to_file(const std::string& item) {
@@ -621,6 +766,7 @@ void write_report(std::fstream& report, const std::string& kept_rows, const std:
 
 void BackRun::init() {
     m_.init();
+    stop_answered_.store(false);
     set_stop_flag(1);
     // A data_stop before the first data_init must not leave the library stopped.
     set_running(1);
@@ -644,8 +790,13 @@ void BackRun::set_stop_flag(int v) {
 
 void BackRun::stop() {
     set_stop_flag(2);
-    // Deliberately short: the host is never held up by a transfer in progress.
-    for (int i = 0; i < 60 && stop_flag() != 0; ++i) os_usleep(50);
+    doorbell().ring();
+    // The host waits for the file, never for a transfer in progress; the loop answers between any
+    // two steps of a wait. Short sleeps growing to a millisecond: a stop usually takes a few.
+    const auto end = std::chrono::steady_clock::now() + kStopBound;
+    for (useconds_t step = 20; !stop_answered() && stop_flag() != 0 && std::chrono::steady_clock::now() < end;
+         step = std::min<useconds_t>(step * 2, 1000))
+        usleep(step);
 }
 
 void BackRun::run() {
@@ -662,6 +813,7 @@ void BackRun::run() {
         } catch (...) {
         }
     }
+    answer_stop();  // the thread ends (or gave up at start): nobody is left to write
 }
 
 std::string BackRun::get_svrd() {

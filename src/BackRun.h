@@ -1,7 +1,8 @@
-// The background runner: the one thread of the library. It loads the configuration, moves records
-// from the pending queue to the message file, uploads batches at thresholds (or each record at once
-// in real-time mode), sends the log and mirrors records to a debug server. One process-wide object,
-// g_back_run; data_init calls init() and starts it, data_stop calls stop().
+// The background runner: the one thread of the library. It opens the message file, loads the
+// configuration, moves records from the pending queue to the message file, uploads batches at
+// thresholds (or each record at once in real-time mode), sends the log and mirrors records to a
+// debug server. It sleeps until a record, a stop request or a deadline of its own wakes it. One
+// process-wide object, g_back_run; data_init calls init() and starts it, data_stop calls stop().
 #ifndef VELTO_BACKRUN_H
 #define VELTO_BACKRUN_H
 
@@ -18,8 +19,13 @@ class BackRun : public Thread {
   public:
     void init() override;  // creates the mutex, stop flag = 1
     void run() override;   // the thread body
-    // Asks the loop to stop (stop flag 2) and waits at most 60 x 50 microseconds for it.
+    // Asks the loop to stop (stop flag 2), wakes it, and waits until every record queued before is
+    // in the message file, or the thread has ended or given up: 100 ms at most, never for the
+    // network (the end-of-run upload comes after).
     void stop() EXCLUDES(m_);
+    // The loop's answer to a stop request: the queue is on disk (or the thread is ending).
+    void answer_stop() { stop_answered_.store(true); }
+    bool stop_answered() const { return stop_answered_.load(); }
 
     // Running flag: 1 while the library accepts records. Read without the lock by the API calls.
     int running() const { return running_.load(std::memory_order_relaxed); }
@@ -41,6 +47,7 @@ class BackRun : public Thread {
     MsgFile msg_;
     std::atomic<int> running_{1};
     std::atomic<int> stop_{0};
+    std::atomic<bool> stop_answered_{false};
 };
 
 }  // namespace Velto

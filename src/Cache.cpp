@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Log.h"
+#include "Thread.h"
 
 namespace Velto {
 
@@ -37,11 +38,14 @@ void Cache::put(std::string&& rec) {
         if (size_ == ring_.size()) grow();
         ring_[(head_ + size_) % ring_.size()] = std::move(rec);
         ++size_;
-        count_.store(static_cast<long long>(size_), std::memory_order_relaxed);
-        return;
+        // Sequentially consistent, and before the doorbell's look: a loop that has armed the bell
+        // either is rung or sees the count.
+        count_.store(static_cast<long long>(size_));
     } catch (...) {
+        LOGW << "Exception, Cache::put" << LEND;
+        return;
     }
-    LOGW << "Exception, Cache::put" << LEND;
+    doorbell().ring();
 }
 
 std::string Cache::get() {

@@ -65,8 +65,6 @@ const size_t kMaxReply = 8u << 20;
 const size_t kMaxPayload = 256u << 20;
 
 const size_t kRecvChunk = 2048;
-// How long one poll of a socket or of libcurl lasts before the wait ticks (and checks its bounds).
-const int kPollStepMs = 10;
 // No transfer may hold the background thread for ever, whatever CON_TIMEOUT says.
 const long long kMinTransferMs = 1000;
 
@@ -89,9 +87,13 @@ long long now_ms() {
         .count();
 }
 
+long long phase_limit_ms(unsigned int timeout_ms) {
+    return std::max(kMinTransferMs, static_cast<long long>(timeout_ms));
+}
+
 // A phase (connecting, sending, a pause in the reply) may be quiet for CON_TIMEOUT, at least a second.
 bool timed_out(long long since, unsigned int timeout_ms) {
-    return now_ms() - since >= std::max(kMinTransferMs, static_cast<long long>(timeout_ms));
+    return now_ms() - since >= phase_limit_ms(timeout_ms);
 }
 
 // The hard bound of one whole transfer (connect, send and receive together): twice the configured
@@ -102,17 +104,20 @@ class Deadline {
         : end_(std::chrono::steady_clock::now() +
                std::chrono::milliseconds(std::max(kMinTransferMs, 2LL * timeout_ms))) {}
     bool passed() const { return std::chrono::steady_clock::now() >= end_; }
+    long long left_ms() const {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - std::chrono::steady_clock::now());
+        return std::max(0LL, static_cast<long long>(left.count()));
+    }
 
   private:
     std::chrono::steady_clock::time_point end_;
 };
 
-// Waits (a short step at most) for the socket to become ready for events, then lets the waiting
-// thread tick, so that records keep reaching the message file meanwhile.
-void wait_for_socket(int fd, short events) {
-    pollfd p = {fd, events, 0};
-    poll(&p, 1, kPollStepMs);
-    wait_tick();
+// How long the next wait of a phase that began at since may last: until the phase's quiet time or
+// the transfer's deadline, whichever comes first.
+int wait_budget_ms(long long since, unsigned int timeout_ms, const Deadline& deadline) {
+    const long long phase_left = since + phase_limit_ms(timeout_ms) - now_ms();
+    return static_cast<int>(std::max(0LL, std::min(phase_left, deadline.left_ms())));
 }
 
 bool starts_with(const char* text, const char* prefix) {
@@ -160,16 +165,13 @@ bool connect_nonblocking(int fd, const sockaddr_in& addr, unsigned int timeout_m
     }
     const long long start = now_ms();
     for (;;) {
-        pollfd p = {fd, POLLIN | POLLOUT, 0};
-        int ready = poll(&p, 1, kPollStepMs);
-        if (ready < 0 && errno == EINTR) continue;
+        const int ready = wait_ready(fd, POLLIN | POLLOUT, wait_budget_ms(start, timeout_ms, deadline));
         if (ready < 0) {
             LOGE << "(select) connect server failed!" << LEND;
             return false;
         }
         if (ready > 0) return true;
         if (timed_out(start, timeout_ms) || deadline.passed()) break;
-        wait_tick();
     }
     LOGE << "(select) connect server timeout!" << LEND;
     return false;
@@ -248,7 +250,7 @@ bool send_all(int fd, const char* data, size_t len, unsigned int timeout_ms, con
             LOGE << texts.timeout << LEND;
             return false;
         }
-        wait_for_socket(fd, POLLOUT);
+        wait_ready(fd, POLLOUT, wait_budget_ms(last, timeout_ms, deadline));
     }
     return true;
 }
@@ -287,7 +289,8 @@ bool recv_all(int fd, std::string& reply, const RequestParam* param, const Deadl
             LOGE << "recv timeout! error: " << errno_text(err) << LEND;
             return false;
         }
-        wait_for_socket(fd, POLLIN);
+        wait_ready(fd, POLLIN,
+                   param ? wait_budget_ms(last, param->timeout_ms, deadline) : static_cast<int>(deadline.left_ms()));
     }
 }
 
@@ -302,7 +305,6 @@ bool exchange(int fd, const std::string& host, int port, const std::string& path
     addr.sin_addr.s_addr = inet_addr(ip.c_str());
     addr.sin_port = htons(static_cast<uint16_t>(port));
     const unsigned int timeout_ms = param ? param->timeout_ms : 0;
-    WaitScope waiting;
     const Deadline deadline(timeout_ms);
     const bool connected = (param && param->block) ? connect_blocking(fd, addr)
                                                    : connect_nonblocking(fd, addr, timeout_ms, deadline);
@@ -362,10 +364,17 @@ struct MultiDeleter {
 };
 typedef std::unique_ptr<CURLM, MultiDeleter> MultiPtr;
 
-// curl_easy_perform, driven step by step so that the waiting thread ticks between the steps and no
-// transfer outlives its deadline, whatever libcurl's own time-outs do.
+// Waits for libcurl's sockets, its own timers or the doorbell, at most until the deadline.
+void poll_transfer(CURLM* multi, const Deadline& deadline) {
+    PumpWait wait;
+    curl_waitfd bell = {wait.fd(), CURL_WAIT_POLLIN, 0};
+    curl_multi_poll(multi, wait.fd() >= 0 ? &bell : nullptr, wait.fd() >= 0 ? 1 : 0,
+                    wait.cap(deadline.left_ms()), nullptr);
+}
+
+// curl_easy_perform, driven step by step so that records queued meanwhile reach the file between
+// the steps and no transfer outlives its deadline, whatever libcurl's own time-outs do.
 CURLcode perform_bounded(CURL* easy, unsigned int timeout_ms) {
-    WaitScope waiting;
     const Deadline deadline(timeout_ms);
     MultiPtr multi(curl_multi_init());
     if (!multi || curl_multi_add_handle(multi.get(), easy) != CURLM_OK) return CURLE_OUT_OF_MEMORY;
@@ -384,8 +393,7 @@ CURLcode perform_bounded(CURL* easy, unsigned int timeout_ms) {
             break;
         }
         if (deadline.passed()) break;
-        curl_multi_poll(multi.get(), nullptr, 0, kPollStepMs, nullptr);
-        wait_tick();
+        poll_transfer(multi.get(), deadline);
     }
     curl_multi_remove_handle(multi.get(), easy);
     return result;

@@ -15,6 +15,7 @@
 #include "ComInc.h"
 #include "Log.h"
 #include "OsImpl.h"
+#include "Thread.h"
 
 namespace Velto {
 
@@ -97,6 +98,7 @@ long long os_time() {
 
 void os_time_shift(long long seconds) {
     g_time_shift.fetch_add(seconds);
+    doorbell().ring();  // the loop sleeps until its next deadline, which the shift may have passed
 }
 
 void set_fault_hook(FaultHook hook) {

@@ -1,12 +1,16 @@
-// Starting the library's one background thread (the runner) on a system thread, and the waits of
-// that thread that keep records moving to disk while it waits.
+// Starting the library's one background thread (the runner) on a system thread, the doorbell that
+// wakes it, and the waits of that thread that keep records moving to disk while it waits.
 #include "Thread.h"
 
+#include <poll.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstdint>
 
 namespace Velto {
 
@@ -15,14 +19,27 @@ namespace {
 typedef std::chrono::steady_clock Clock;
 
 thread_local WaitPump* t_pump = nullptr;
-thread_local int t_wait_depth = 0;
 thread_local bool t_pumping = false;
-thread_local Clock::time_point t_wait_start;
-thread_local Clock::time_point t_last_pump;
 
 void* thread_entry(void* obj) {
     ThreadProc(static_cast<Thread*>(obj));
     return nullptr;
+}
+
+// Runs the calling thread's pump, unless it is the pump that waits (a wait inside pump()).
+void run_pump() {
+    if (t_pump == nullptr || t_pumping) return;
+    t_pumping = true;
+    try {
+        t_pump->pump();
+    } catch (...) {
+        // The pump is best effort; the wait goes on.
+    }
+    t_pumping = false;
+}
+
+bool pump_pending() {
+    return t_pump != nullptr && !t_pumping && t_pump->pending();
 }
 
 }  // namespace
@@ -47,6 +64,35 @@ int thread_proc(Thread* obj) {
     return ThreadProc(obj);
 }
 
+Doorbell::Doorbell() : fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+
+Doorbell& doorbell() {
+    static Doorbell* bell = new Doorbell();  // never destroyed: host threads may ring during exit
+    return *bell;
+}
+
+// Pairs with arm(): the caller's work is stored before armed_ is read, and the sleeper arms before
+// it looks for work, so either the ringer sees the sleeper armed or the sleeper sees the work.
+void Doorbell::ring() {
+    if (!armed_.load() || !armed_.exchange(false)) return;
+    const uint64_t one = 1;
+    ssize_t n;
+    do {
+        n = write(fd_, &one, sizeof one);
+    } while (n < 0 && errno == EINTR);
+}
+
+void Doorbell::arm() {
+    armed_.store(true);
+}
+
+void Doorbell::disarm() {
+    if (armed_.exchange(false)) return;  // nobody rang
+    uint64_t count;
+    while (read(fd_, &count, sizeof count) < 0 && errno == EINTR) {
+    }
+}
+
 PumpInstall::PumpInstall(WaitPump* pump) : prev_(t_pump) {
     t_pump = pump;
 }
@@ -55,36 +101,44 @@ PumpInstall::~PumpInstall() {
     t_pump = prev_;
 }
 
-WaitScope::WaitScope() {
-    if (t_wait_depth++ == 0) t_wait_start = t_last_pump = Clock::now();
+PumpWait::PumpWait() {
+    if (t_pump == nullptr || t_pumping) return;
+    Doorbell& bell = doorbell();
+    bell.arm();
+    armed_ = true;
+    fd_ = bell.fd();
+    // A record queued before the bell was armed did not ring it.
+    if (t_pump->pending()) run_pump();
 }
 
-WaitScope::~WaitScope() {
-    --t_wait_depth;
+PumpWait::~PumpWait() {
+    if (!armed_) return;
+    doorbell().disarm();
+    if (pump_pending()) run_pump();
 }
 
-void wait_tick() {
-    if (t_pump == nullptr || t_wait_depth == 0 || t_pumping) return;
-    const Clock::time_point now = Clock::now();
-    if (now - t_wait_start < std::chrono::milliseconds(kPumpGraceMs)) return;
-    if (now - t_last_pump < std::chrono::milliseconds(kPumpEveryMs)) return;
-    t_last_pump = now;
-    t_pumping = true;
-    try {
-        t_pump->pump();
-    } catch (...) {
-        // The pump is best effort; the wait goes on.
+int PumpWait::cap(long long timeout_ms) const {
+    long long ms = std::max(0LL, timeout_ms);
+    if (armed_) {
+        const long long own = t_pump->wake_within_ms();
+        if (own >= 0) ms = std::min(ms, own);
     }
-    t_pumping = false;
+    return static_cast<int>(std::min(ms, static_cast<long long>(INT32_MAX)));
+}
+
+int wait_ready(int fd, short events, int timeout_ms) {
+    PumpWait wait;
+    pollfd p[2] = {{fd, events, 0}, {wait.fd(), POLLIN, 0}};
+    const int ready = poll(p, 2, wait.cap(timeout_ms));
+    if (ready < 0) return errno == EINTR ? 0 : -1;
+    return ready > 0 ? p[0].revents : 0;
 }
 
 void pause_ms(unsigned int ms) {
-    WaitScope scope;
     const Clock::time_point end = Clock::now() + std::chrono::milliseconds(ms);
     for (Clock::time_point now = Clock::now(); now < end; now = Clock::now()) {
-        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - now).count();
-        usleep(static_cast<useconds_t>(std::min<long long>(left, 10000)));
-        wait_tick();
+        const long long left = std::chrono::duration_cast<std::chrono::milliseconds>(end - now).count();
+        wait_ready(-1, 0, static_cast<int>(std::min<long long>(left + 1, 60000)));
     }
 }
 

@@ -314,7 +314,9 @@ TEST_F(CollectorTest, TakesTheLibrarysUploadsOverHttpAndHttps) {
             EXPECT_TRUE(wait_for_records(
                 {R"("endpoint":"/v1/file","upload":"{)", R"("category":")" + category + tag}, 1))
                 << category << tag;
-    EXPECT_TRUE(wait_for_records({R"("endpoint":"/v1/data","record":{)", R"("dtype":"init")"}, 2));
+    // The initial records go up alone, or in the end-of-run batch when data_stop came before their
+    // attempt finished (data_stop leaves them in the file then).
+    EXPECT_TRUE(wait_for_records({R"("dtype":"init")"}, 2));
     EXPECT_TRUE(wait_for_records({R"("endpoint":"/v1/data","config":{)", R"("CONF_URL":")" + plain_url}, 1));
     const std::vector<std::string> lines = records();
     EXPECT_EQ(9u, lines.size());
@@ -338,8 +340,9 @@ TEST_F(CollectorTest, TakesTheLibrarysUploadsOverHttpAndHttps) {
         EXPECT_EQ("1.0", json_at(listed, r + "pver"));
         for (const char* filled : {"sid", "cid", "time", "request"})
             EXPECT_NE("", json_at(listed, r + filled));
-        // The first records of each run go up alone; the rest in batches.
-        EXPECT_EQ(kind == "init" ? "" : "{", json_at(listed, r + "batch").substr(0, 1));
+        if (kind != "init") {
+            EXPECT_EQ("{", json_at(listed, r + "batch").substr(0, 1));
+        }
     }
     const std::string stats = get(http("/api/stats")).second;
     const std::pair<const char*, const char*> counts[] = {
