@@ -203,6 +203,10 @@ void set_conf_endpoint_host(const std::string& host) {
 namespace {
 
 const char kConfFileName[] = "sdk.cf";
+// The collection host the saved configuration was fetched from, beside it. A configuration from
+// another host (the built-in one, or another VELTO_COLLECT_HOST) is fetched afresh at start; a file
+// without this companion (an older installation) counts as fetched from the current host.
+const char kConfHostName[] = "sdk.cf.host";
 
 // A real configuration file holds a few hundred bytes. A longer token can only be damage or a foreign
 // file; reading it whole would let a stray file make us allocate without bound, so a token above this
@@ -401,6 +405,13 @@ std::string conf_request_body(const StrMap& base) {
     return body;
 }
 
+bool fetched_from_another_host(const std::string& root) {
+    std::ifstream in(root + kConfHostName);
+    std::string host;
+    if (!in.is_open() || !std::getline(in, host)) return false;
+    return host != collect_host();
+}
+
 // The size of the file at path, -1 when it cannot be read.
 long long file_bytes(const std::string& path) {
     struct stat st;
@@ -436,12 +447,16 @@ int Config::init_conf() {
             throw;
         }
         bool loaded = ana_conf(text);
-        if (loaded && !refresh_due(get_int("CONF_UPD_GAP"), get_int("CONF_UPD_TIME"), os_time())) {
+        const std::string root = get_str("ROOT_DIR");
+        const bool other_host = loaded && fetched_from_another_host(root);
+        if (loaded && !other_host && !refresh_due(get_int("CONF_UPD_GAP"), get_int("CONF_UPD_TIME"), os_time())) {
             return RES_OK;
         }
         LOGI << "update conf from svr" << LEND;
         std::string conf;
         int ret = get_conf_frm_svr(conf);
+        // Uploads never go to the host of a configuration the current host did not hand out.
+        if (ret != RES_OK && other_host) set("CONF_URL", default_conf_url());
         if (ret != RES_OK) {
             LOGE << "svr ret: " << ret << LEND;
             return RES_SVR_REJECT;
@@ -451,6 +466,7 @@ int Config::init_conf() {
             return RES_CONF_REJECT;
         }
         save_conf(true);
+        replace_file(root + kConfHostName, collect_host() + "\n");
         LOGI << "update conf from svr end" << LEND;
         return RES_OK;
     } catch (...) {

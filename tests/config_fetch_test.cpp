@@ -105,6 +105,25 @@ TEST_F(ConfFetch, InitConfRefreshesOnlyWhenDue) {
     EXPECT_TRUE(logged("update conf from svr end"));
 }
 
+// A fresh file fetched from another collection host is fetched afresh from the current one, and the
+// uploads never go to the other host's CONF_URL, even when the current host does not answer.
+TEST_F(ConfFetch, InitConfFetchesAfreshFromANewCollectionHost) {
+    server_.set_reply("/v1/conf", reply("0", 10));
+    write_conf_file(Velto::os_time());
+    vtest::write_file(dir_.file("sdk.cf.host"), server_.host_port() + "\n");
+    EXPECT_EQ(0, conf_.init_conf());
+    EXPECT_TRUE(server_.requests().empty());  // fetched from this host: still fresh
+
+    vtest::write_file(dir_.file("sdk.cf.host"), "old.example:443\n");
+    EXPECT_EQ(0, conf_.init_conf());
+    EXPECT_EQ(1u, server_.requests().size());
+    EXPECT_EQ(server_.host_port() + "\n", vtest::read_file(dir_.file("sdk.cf.host")));
+
+    Velto::set_conf_endpoint_host("127.0.0.1:1");  // a new host where nothing listens
+    EXPECT_EQ(204, conf_.init_conf());
+    EXPECT_EQ("https://127.0.0.1:1", conf_.get_str("CONF_URL"));
+}
+
 TEST_F(ConfFetch, InitConfFailures) {
     struct Case {
         std::string reply;
