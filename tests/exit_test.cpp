@@ -63,13 +63,12 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
     return out;
 }
 
-// Runs exit_host once and describes how it ended when that was not status 3 ("" when it was).
-// hung is set when it had to be killed.
-std::string run_host(const std::string& mode, int delay_us, const std::string& collect_host,
-                     const std::function<void(const std::string& root)>& prepare, bool& hung) {
-    vtest::TempDir root, home;
-    prepare(root.path());
-    std::vector<std::string> args = {host_path(), root.path(), mode, std::to_string(delay_us)};
+// Runs exit_host once on root and describes how it ended when that was not status 3 ("" when it
+// was). hung is set when it had to be killed.
+std::string run_host_on(const std::string& root, const std::string& mode, int delay_us, int events,
+                        const std::string& collect_host, bool& hung) {
+    vtest::TempDir home;
+    std::vector<std::string> args = {host_path(), root, mode, std::to_string(delay_us), std::to_string(events)};
     std::vector<std::string> env = child_environment(home.path(), collect_host);
     std::vector<char*> argv = pointers(args), envp = pointers(env);
     const std::string run = mode + " after " + std::to_string(delay_us) + " us: ";
@@ -95,6 +94,13 @@ std::string run_host(const std::string& mode, int delay_us, const std::string& c
     if (WIFSIGNALED(status)) return run + "signal " + std::to_string(WTERMSIG(status));
     if (WEXITSTATUS(status) != kHostStatus) return run + "status " + std::to_string(WEXITSTATUS(status));
     return "";
+}
+
+std::string run_host(const std::string& mode, int delay_us, const std::string& collect_host,
+                     const std::function<void(const std::string& root)>& prepare, bool& hung) {
+    vtest::TempDir root;
+    prepare(root.path());
+    return run_host_on(root.path(), mode, delay_us, 5, collect_host, hung);
 }
 
 // Every mode after every delay; fails with the number and the list of runs that did not end with 3.
@@ -141,6 +147,124 @@ TEST(ExitSafety, DuringRawSocketUpload) {
                           vtest::msg_line(now, R"({"category":"c","dtype":"event"})"));
     });
     EXPECT_FALSE(server.requests().empty()) << "no upload reached the collector";
+}
+
+// ---- a host that returns from main right after data_stop ----
+
+const int kShortEvents = 110;
+const int kShortRuns = 200;
+
+void add_file_records(const std::string& path, std::vector<std::string>& out) {
+    for (const std::string& line : vtest::lines_of(vtest::read_file(path))) {
+        try {
+            if (line.size() > 11) out.push_back(Velto::Util::fdecode(line.substr(11)));
+        } catch (...) {
+            ADD_FAILURE() << "a damaged line in " << path;
+        }
+    }
+}
+
+// The records in the message file and in the set-aside batches of root.
+std::vector<std::string> records_on_disk(const std::string& root) {
+    std::vector<std::string> out;
+    Velto::StrList names;
+    Velto::get_files(root + "/", names);
+    for (const std::string& name : names)
+        if (name == "sdk.msg" || name.compare(0, 8, "MSG_PRE_") == 0) add_file_records(root + "/" + name, out);
+    return out;
+}
+
+// The records the server took: one per "/v1/data" request, every line of each "/v1/file" upload.
+std::vector<std::string> records_delivered(const vcollect::RawServer& server) {
+    std::vector<std::string> out;
+    for (const vcollect::RawRequest& r : server.requests()) {
+        if (r.path() != "/v1/data") continue;
+        std::string rec;
+        if (vcollect::decode_form_payload(vcollect::form_value(vcollect::parse_form(r.body), "data"), rec))
+            out.push_back(rec);
+    }
+    for (const auto& upload : vtest::file_uploads(server))
+        for (const std::string& rec : vtest::lines_of(upload.second)) out.push_back(rec);
+    return out;
+}
+
+// What exit_host recorded (its "init" record and events 1..n) and records do not hold; "" when none.
+std::string missing_records(const std::vector<std::string>& records, int n) {
+    std::vector<bool> seen(static_cast<size_t>(n) + 1, false);
+    for (const std::string& rec : records) {
+        if (vtest::has(rec, "\"dtype\":\"init\"")) seen[0] = true;
+        const size_t at = rec.find("\"dvalue\":\"");
+        if (at == std::string::npos || !vtest::has(rec, "\"act\":\"before\"")) continue;
+        const long value = std::strtol(rec.c_str() + at + 10, nullptr, 10);
+        if (value >= 1 && value <= n) seen[static_cast<size_t>(value)] = true;
+    }
+    std::string missing;
+    for (int i = 0; i <= n; ++i)
+        if (!seen[static_cast<size_t>(i)]) missing += i == 0 ? " init" : " " + std::to_string(i);
+    return missing;
+}
+
+enum class Collector { kAnswers, kHoldsConfiguration, kNone };
+
+// kShortRuns runs of a host that records and returns right after data_stop: every record is in its
+// files or was taken by the collector.
+void expect_short_lived_hosts_lose_nothing(Collector kind) {
+    ASSERT_TRUE(vtest::file_exists(host_path())) << host_path();
+    std::vector<std::string> bad;
+    for (int run = 0; run < kShortRuns && bad.size() < 5; ++run) {
+        vtest::TempDir root;
+        vcollect::RawServer server(kind == Collector::kAnswers ? vcollect::RawMode::kReply
+                                                               : vcollect::RawMode::kSilent);
+        ASSERT_TRUE(server.ok());
+        std::string collect_host = "127.0.0.1:1";  // nothing listens: the fetch is refused
+        if (kind == Collector::kAnswers) vtest::write_conf(root.path(), server.url());
+        if (kind == Collector::kHoldsConfiguration) collect_host = "127.0.0.1:" + std::to_string(server.port());
+        bool hung = false;
+        std::string outcome = run_host_on(root.path(), "stop-return", 0, kShortEvents, collect_host, hung);
+        if (outcome.empty()) {
+            std::vector<std::string> records = records_on_disk(root.path());
+            for (const std::string& rec : records_delivered(server)) records.push_back(rec);
+            const std::string missing = missing_records(records, kShortEvents);
+            if (!missing.empty()) outcome = "missing:" + missing;
+        }
+        if (!outcome.empty()) bad.push_back("run " + std::to_string(run) + ": " + outcome);
+    }
+    std::string list;
+    for (const std::string& b : bad) list += "\n  " + b;
+    EXPECT_TRUE(bad.empty()) << list;
+}
+
+TEST(ShortLivedHost, LosesNothingWhenTheCollectorAnswers) {
+    expect_short_lived_hosts_lose_nothing(Collector::kAnswers);
+}
+
+TEST(ShortLivedHost, LosesNothingWhileTheConfigurationRequestIsHeld) {
+    expect_short_lived_hosts_lose_nothing(Collector::kHoldsConfiguration);
+}
+
+TEST(ShortLivedHost, LosesNothingWithoutACollector) {
+    expect_short_lived_hosts_lose_nothing(Collector::kNone);
+}
+
+// A host that calls exit() right after its last record call, without data_stop, loses what the loop
+// had not taken yet: reported, not asserted (it depends on the scheduler).
+TEST(ShortLivedHost, ExitWithoutStopReport) {
+    const int runs = 50;
+    int whole = 0;
+    long long kept = 0;
+    for (int run = 0; run < runs; ++run) {
+        vtest::TempDir root;
+        vcollect::RawServer server;
+        vtest::write_conf(root.path(), server.url());
+        bool hung = false;
+        ASSERT_EQ("", run_host_on(root.path(), "exit", 0, kShortEvents, "", hung));
+        const std::vector<std::string> records = records_on_disk(root.path());
+        const long long events = static_cast<long long>(records.size());
+        kept += events;
+        whole += missing_records(records, kShortEvents).empty() ? 1 : 0;
+    }
+    printf("exit() without data_stop: %lld of %d records on disk in %d runs; %d runs kept every one\n", kept,
+           runs * (kShortEvents + 1), runs, whole);
 }
 
 }  // namespace

@@ -1,9 +1,10 @@
 /*
  * A host that leaves at a chosen moment, for the exit-safety test (tests/exit_test.cpp).
  *
- *   exit_host ROOT MODE DELAY_US
+ *   exit_host ROOT MODE DELAY_US [EVENTS]
  *
- * Starts the library on ROOT, describes the installation and records a few events; then, for modes
+ * Starts the library on ROOT, describes the installation and records EVENTS events (default 5,
+ * category "exit", action "before", value 1..EVENTS); then, for modes
  * starting with "stop-", calls data_stop. It then keeps recording one event about every millisecond
  * for DELAY_US microseconds (refused once stopped) and ends with status 3: by leaving main
  * ("return", "stop-return") or by exit() ("exit", "stop-exit"). The library's background thread may
@@ -33,8 +34,8 @@ static void sleep_us(long long us) {
 }
 
 int main(int argc, char** argv) {
-    if (argc != 4) {
-        fprintf(stderr, "usage: exit_host ROOT return|exit|stop-return|stop-exit DELAY_US\n");
+    if (argc != 4 && argc != 5) {
+        fprintf(stderr, "usage: exit_host ROOT return|exit|stop-return|stop-exit DELAY_US [EVENTS]\n");
         return kUsage;
     }
     const char* mode = argv[2];
@@ -43,12 +44,13 @@ int main(int argc, char** argv) {
     const int by_exit = strcmp(how, "exit") == 0;
     if (!by_exit && strcmp(how, "return") != 0) return kUsage;
     const long long delay_us = atoll(argv[3]);
+    const int events = argc == 5 ? atoi(argv[4]) : 5;
 
     if (data_init(argv[1], "exithost") != 0) return kUsage;
     if (data_base_info("exithost-linux", 7, "1.0.0", 0, "127.0.0.1", "en-US", "Linux", "Debian 12", 64,
                        "en_US", 0, NULL, NULL) != 0)
         return kUsage;
-    for (int i = 0; i < 5; ++i) {
+    for (int i = 0; i < events; ++i) {
         if (data_event("exit", "before", "seq", i + 1) != 0) return kUsage;
     }
     if (stop) data_stop();
