@@ -491,7 +491,8 @@ void DeliveryLoop::sleep_until_due(long long now) {
     bell.arm();
     if (held_.empty() && Cache::obj_->count() == 0 && !stop_requested()) {
         pollfd p = {bell.fd(), POLLIN, 0};
-        poll(&p, 1, static_cast<int>(next_deadline_ms(now)));
+        // Without a doorbell (no eventfd could be made) the loop falls back to polling.
+        poll(&p, 1, bell.fd() >= 0 ? static_cast<int>(next_deadline_ms(now)) : 1);
     }
     bell.disarm();
 }
@@ -789,7 +790,9 @@ void BackRun::set_stop_flag(int v) {
 }
 
 void BackRun::stop() {
+    const bool thread_runs = stop_flag() != 0;
     set_stop_flag(2);
+    if (!thread_runs) return;  // never started, or already ended
     doorbell().ring();
     // The host waits for the file, never for a transfer in progress; the loop answers between any
     // two steps of a wait. Short sleeps growing to a millisecond: a stop usually takes a few.
