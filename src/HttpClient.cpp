@@ -67,6 +67,7 @@ const size_t kMaxPayload = 256u << 20;
 const size_t kRecvChunk = 2048;
 // No transfer may hold the background thread for ever, whatever CON_TIMEOUT says.
 const long long kMinTransferMs = 1000;
+const long kMaxRedirects = 3;
 
 // Text of an errno value without strerror's shared buffer (either strerror_r flavour).
 // Only the overload of the C library's flavour is called.
@@ -347,7 +348,15 @@ void set_common_options(CURL* curl, const std::string& url, const RequestParam& 
     }
     curl_easy_setopt(curl, CURLOPT_HEADER, 1L);
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    // A few redirects, and only to the web: a server (or anyone on the path) must not send the
+    // library round in circles or to another protocol's port.
     curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(curl, CURLOPT_MAXREDIRS, kMaxRedirects);
+#if LIBCURL_VERSION_NUM >= 0x075500
+    curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+#else
+    curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS));
+#endif
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &curl_recv_data);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, reply);
     curl_easy_setopt(curl, CURLOPT_IPRESOLVE, static_cast<long>(CURL_IPRESOLVE_V4));

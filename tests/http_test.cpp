@@ -177,6 +177,22 @@ TEST_F(TransportTest, CurlModesReachTheHttpsServer) {
     EXPECT_EQ("GET", reqs[2].method);
 }
 
+// A server redirecting to itself gets the request and three redirects; a redirect to another
+// protocol is not followed.
+TEST_F(TransportTest, CurlFollowsAtMostThreeRedirectsAndOnlyToTheWeb) {
+    TlsServer srv;
+    vcollect::RawServer ftp;
+    ASSERT_TRUE(srv.ok() && ftp.ok());
+    srv.set_redirect("/v1/data", srv.url("/v1/data"));
+    srv.set_redirect("/v1/file", "ftp://127.0.0.1:" + std::to_string(ftp.port()) + "/x");
+    Velto::RequestParam p = post_param("a=1", 3);
+    bounded([&] { return Velto::curl_http_post(srv.url("/v1/data"), p, 1); });
+    EXPECT_EQ(4u, srv.requests().size());
+    bounded([&] { return Velto::curl_http_post(srv.url("/v1/file"), p, 1); });
+    EXPECT_EQ(5u, srv.requests().size());
+    EXPECT_EQ(0u, ftp.connections());
+}
+
 TEST(CurlCallbacks, WriteCallbackStopsAtZeroAndAtTheChunkEnd) {
     std::string reply = "<";
     char with_zero[] = {'a', 'b', 'c', '\0', 'd', 'e'};

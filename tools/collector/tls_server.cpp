@@ -122,6 +122,7 @@ struct TlsServer::Impl {
     mutable std::mutex m;
     mutable std::condition_variable cv;
     std::map<std::string, std::string> replies;
+    std::map<std::string, std::string> redirects;
     int delay_ms = 0;
     std::vector<TlsRequest> requests;
 
@@ -153,18 +154,23 @@ struct TlsServer::Impl {
     }
 
     void answer(const std::string& path, TlsRequest rec, httplib::Response& res) {
-        std::string reply;
+        std::string reply, location;
         int delay;
         {
             std::lock_guard<std::mutex> hold(m);
             requests.push_back(std::move(rec));
             reply = replies[path];
+            location = redirects[path];
             delay = delay_ms;
         }
         cv.notify_all();
         auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(delay);
         while (!stopping && std::chrono::steady_clock::now() < until)
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        if (!location.empty()) {
+            res.set_redirect(location);
+            return;
+        }
         res.set_content(reply, "application/json");
     }
 
@@ -274,6 +280,11 @@ void TlsServer::set_reply(const std::string& body) {
 void TlsServer::set_reply(const std::string& path, const std::string& body) {
     std::lock_guard<std::mutex> hold(impl_->m);
     impl_->replies[path] = body;
+}
+
+void TlsServer::set_redirect(const std::string& path, const std::string& location) {
+    std::lock_guard<std::mutex> hold(impl_->m);
+    impl_->redirects[path] = location;
 }
 
 void TlsServer::set_delay_ms(int ms) {

@@ -49,6 +49,8 @@ class TlsServer {
     void set_reply(const std::string& body);                           // every path
     void set_reply(const std::string& path, const std::string& body);  // one path
     void set_delay_ms(int ms);                                         // before each answer
+    // Answers path with "302 Found" and this Location instead of the reply ("" ends it).
+    void set_redirect(const std::string& path, const std::string& location);
 
     std::vector<TlsRequest> requests() const;
     bool wait_for_requests(size_t n, int timeout_ms) const;
