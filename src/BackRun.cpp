@@ -37,7 +37,8 @@ const long long kHousekeeping = 15;  // roll check and periodic save every this 
 // The longest idle sleep. Deadlines are kept in wall-clock seconds and slept in monotonic time, so
 // a clock set forward (or a machine woken from suspend) is noticed within this.
 const long long kMaxSleepMs = 60000;
-// How soon a message file that could not be opened is tried again.
+// How soon a message file that could not be opened, or lines that could not be written, are tried
+// again.
 const long long kReopenPauseMs = 1000;
 // The longest data_stop waits for the queue to reach the file.
 const auto kStopBound = std::chrono::milliseconds(100);
@@ -447,6 +448,7 @@ bool DeliveryLoop::idle_turn(bool skipped, bool stop_seen) {
         return true;
     }
 
+    if (msg_.has_unwritten()) msg_.flush();  // a full disk or a file-size limit may have eased
     if (msg_.size_limit() < pending_bytes_ && msg_.check_drop()) pending_count_ = pending_bytes_ = 0;
 
     long long now = os_time();
@@ -501,7 +503,7 @@ void DeliveryLoop::sleep_until_due(long long now) {
 // due by count or size once the pause after a failed upload ends; another try at opening the file.
 long long DeliveryLoop::next_deadline_ms(long long now) const {
     long long ms = kMaxSleepMs;
-    if (!msg_.is_open()) ms = kReopenPauseMs;
+    if (!msg_.is_open() || msg_.has_unwritten()) ms = kReopenPauseMs;
     if (pending_bytes_ <= 0) return ms;
     const bool full = (send_num_ > 0 && pending_count_ >= send_num_) ||
                       (send_size_ > 0 && pending_bytes_ > size_limit_);

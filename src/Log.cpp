@@ -19,6 +19,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -113,8 +114,20 @@ void append_head(LineState& st, std::string& out) {
     out.append(st.head, st.head_len);
 }
 
+// Never through a link planted at the path; a new file is the owner's only.
 int open_append(const std::string& path) {
-    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
+}
+
+// Under a file-size limit (RLIMIT_FSIZE) a write past it would kill the writing thread's process
+// with SIGXFSZ, and the log is written from the host's threads: lines that would pass it are
+// dropped instead.
+unsigned long long file_size_cap() {
+    struct rlimit r;
+    if (getrlimit(RLIMIT_FSIZE, &r) != 0 || r.rlim_cur == RLIM_INFINITY) return ULLONG_MAX;
+    const unsigned long long limit = r.rlim_cur;
+    const unsigned long long margin = 64 * 1024;  // more than the longest line
+    return limit > 2 * margin ? limit - margin : limit / 2;
 }
 
 }  // namespace
@@ -355,6 +368,7 @@ void Log::write_lines_held(const char* text, size_t n, const size_t* starts, siz
 }
 
 bool Log::write_all(const char* data, size_t n) {
+    if (size_ + n > fsize_cap_) return false;  // the lines are dropped; the file keeps what it has
     while (n > 0 && fd_ >= 0) {
         const ssize_t w = ::write(fd_, data, n);
         if (w < 0) {
@@ -379,6 +393,7 @@ void Log::follow_file(bool force) {
     const long long now = mono_ns();
     if (!force && now - checked_ns_ < kFollowEveryNs) return;
     checked_ns_ = now;
+    fsize_cap_ = file_size_cap();  // the host may lower its limit while it runs
     struct stat ps;
     if (::stat(path_.c_str(), &ps) != 0 || ps.st_ino != ino_ || ps.st_dev != dev_) {
         reopen_file();
@@ -396,6 +411,7 @@ void Log::reopen_file() {
     close_file();
     for (int attempt = 0; attempt < 3 && fd_ < 0; ++attempt) fd_ = open_append(path_);
     if (fd_ < 0) return;
+    fsize_cap_ = file_size_cap();
     struct stat fs;
     if (::fstat(fd_, &fs) == 0) {
         dev_ = fs.st_dev;

@@ -116,6 +116,7 @@ class Log {
     ino_t ino_ GUARDED_BY(m_);
     long long checked_ns_ GUARDED_BY(m_);  // when the path was last compared with the descriptor
     unsigned long long lim_ GUARDED_BY(m_);
+    unsigned long long fsize_cap_ GUARDED_BY(m_) = ~0ULL;  // below the process's file-size limit
 };
 
 }  // namespace Velto

@@ -5,6 +5,10 @@
 // them or once they are past the retention period. Used by the background thread only.
 #include "MsgFile.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -136,6 +140,10 @@ bool reopen(std::fstream& fs, const std::string& msg_path, std::ios::openmode mo
     return fs.is_open();
 }
 
+int open_for_append(const std::string& path) {
+    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
+}
+
 bool reopen_truncated(std::fstream& fs, const std::string& msg_path) {
     return reopen(fs, msg_path, kRewriteMode);
 }
@@ -218,25 +226,36 @@ void end_torn_line(std::fstream& fs) {
 
 int MsgFile::open() {
     try {
-        if (fs_.is_open()) close();
+        close();
         const std::string path = root_dir();
         if (path.empty()) {
             LOGW << "null path, maybe exiting" << LEND;
             return RES_FILE_OPEN;
         }
         const std::string msg_path = path + kMsgName;
-        fs_.clear();
-        fs_.open(msg_path, kAppendMode);
-        if (!fs_.is_open()) {
+        // Created owner-only, and never through a link planted at the name.
+        fd_ = open_for_append(msg_path);
+        if (fd_ >= 0) {
             fs_.clear();
-            fs_.open(msg_path, kRewriteMode);
+            fs_.open(msg_path, kAppendMode);
         }
         if (!fs_.is_open()) {
+            close();
             LOGE << "open msg file: " << path << LEND;
             return RES_FILE_OPEN;
         }
         const int restored = restore_from_journal(fs_, path);
         if (fs_.is_open()) end_torn_line(fs_);
+        // The journal may have replaced the file: the appends follow the name.
+        ::close(fd_);
+        fd_ = fs_.is_open() ? open_for_append(msg_path) : -1;
+        if (fd_ < 0) {
+            close();
+            return restored != RES_OK ? restored : RES_FILE_OPEN;
+        }
+        // A line begun in a file that is gone, or whose end was just added, is written whole again.
+        unwritten_done_ = 0;
+        write_out();
         return restored;
     } catch (...) {
         LOGE << "Exception open_msg_fp" << LEND;
@@ -362,6 +381,7 @@ bool MsgFile::del_repeat(StrList& records) {
 
 int MsgFile::roll_msg(long long begin, long long max_count, long long max_bytes, long long& newest) {
     try {
+        flush();
         StrList records;
         StrList raw_lines;
         const int n = get_msg_list(begin, max_count, max_bytes, records, newest, &raw_lines, nullptr);
@@ -373,6 +393,7 @@ int MsgFile::roll_msg(long long begin, long long max_count, long long max_bytes,
         const std::string msg_path = path + kMsgName;
         if (raw_lines.empty()) {
             LOGI << "roll_msg null" << LEND;
+            unwritten_done_ = 0;
             return reopen_truncated(fs_, msg_path) ? 0 : -1;
         }
         // The journal appears only complete (written aside, flushed, renamed into place): from then
@@ -390,6 +411,7 @@ int MsgFile::roll_msg(long long begin, long long max_count, long long max_bytes,
         fault_point("sdk.msg: emptied for the rewrite");
         fs_.write(kept.data(), static_cast<std::streamsize>(kept.size()));
         fs_.flush();
+        unwritten_done_ = 0;  // a line begun before the rewrite is not in the file any more
         fault_point("sdk.msg: rewritten");
         // An emptied journal is never restored; one that cannot be emptied must not stay either.
         if (!truncate_file(journal_path)) std::remove(journal_path.c_str());
@@ -488,20 +510,13 @@ bool MsgFile::process_msgs(bool has_new) {
 
 bool MsgFile::append(long long time, const std::string& encoded) {
     try {
-        if (!fs_.is_open()) return false;
         char stamp[32];
         const int n = std::snprintf(stamp, sizeof(stamp), "%lld,", time);
-        if (batching_) {
-            batch_.append(stamp, static_cast<size_t>(n));
-            batch_ += encoded;
-            batch_ += '\n';
-            return true;
-        }
-        fs_.write(stamp, n);
-        fs_.write(encoded.data(), static_cast<std::streamsize>(encoded.size()));
-        fs_.put('\n');
-        fs_.flush();
-        return fs_.good();
+        std::string& lines = batching_ ? batch_ : unwritten_;
+        lines.append(stamp, static_cast<size_t>(n));
+        lines += encoded;
+        lines += '\n';
+        return batching_ || write_out();
     } catch (...) {
         return false;
     }
@@ -511,29 +526,86 @@ void MsgFile::begin_batch() {
     batching_ = true;
 }
 
-// The gathered lines go out whole, in one write, and are flushed before the loop goes on.
+// The gathered lines go out whole, in one write, before the loop goes on.
 bool MsgFile::end_batch() {
     batching_ = false;
     if (batch_.empty()) return true;
-    bool ok = false;
     try {
-        if (fs_.is_open()) {
-            fs_.write(batch_.data(), static_cast<std::streamsize>(batch_.size()));
-            fs_.flush();
-            ok = fs_.good();
-        }
+        unwritten_ += batch_;
+        batch_.clear();
+        return write_out();
     } catch (...) {
+        batch_.clear();
+        return false;
     }
-    batch_.clear();
-    return ok;
+}
+
+// Writes the unwritten lines at the file's end. What a failed or partial write leaves stays, whole
+// lines but for the one partly written, which is finished first next time (or written whole again
+// once the file was reopened).
+bool MsgFile::write_out() {
+    while (unwritten_done_ < unwritten_.size()) {
+        if (fd_ < 0) {
+            keep_unwritten_within_bound();
+            return false;
+        }
+        const ssize_t n = ::write(fd_, unwritten_.data() + unwritten_done_, unwritten_.size() - unwritten_done_);
+        if (n > 0) {
+            unwritten_done_ += static_cast<size_t>(n);
+            continue;
+        }
+        if (n < 0 && errno == EINTR) continue;
+        note_write_failure(n < 0 ? errno : ENOSPC);
+        const size_t line_end = unwritten_.rfind('\n', unwritten_done_ == 0 ? 0 : unwritten_done_ - 1);
+        if (unwritten_done_ > 0 && line_end != std::string::npos) {
+            unwritten_.erase(0, line_end + 1);  // whole lines that made it
+            unwritten_done_ -= line_end + 1;
+        }
+        keep_unwritten_within_bound();
+        return false;
+    }
+    unwritten_.clear();
+    unwritten_done_ = 0;
+    if (failing_) {
+        failing_ = false;
+        LOGI << "msg file writable again" << LEND;
+    }
+    return true;
+}
+
+void MsgFile::note_write_failure(int err) {
+    if (failing_) return;
+    failing_ = true;
+    LOGW << "save msg to file failed, errno: " << err << LEND;
+}
+
+// Past the bound the oldest whole lines go (never the one partly written).
+void MsgFile::keep_unwritten_within_bound() {
+    if (unwritten_.size() <= kMaxUnwritten) return;
+    const size_t keep_from = unwritten_done_ > 0 ? unwritten_.find('\n') + 1 : 0;
+    size_t cut = keep_from;
+    long long dropped = 0;
+    while (unwritten_.size() - (cut - keep_from) > kMaxUnwritten) {
+        const size_t end = unwritten_.find('\n', cut);
+        if (end == std::string::npos) break;
+        cut = end + 1;
+        ++dropped;
+    }
+    unwritten_.erase(keep_from, cut - keep_from);
+    LOGW << "msg lines dropped unwritten: " << dropped << LEND;
 }
 
 void MsgFile::flush() {
-    if (fs_.is_open()) fs_.flush();
+    if (!unwritten_.empty()) write_out();
 }
 
 void MsgFile::close() {
     if (batching_) end_batch();
+    if (fd_ >= 0) {
+        write_out();
+        ::close(fd_);
+        fd_ = -1;
+    }
     fs_.clear();
     if (fs_.is_open()) fs_.close();
     fs_.clear();

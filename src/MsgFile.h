@@ -35,21 +35,35 @@ class MsgFile {
     // Sets "sdk.msg" aside (has_new) and uploads every set-aside file; true when none is left pending.
     bool process_msgs(bool has_new);
 
-    // Appends one record line and flushes (the background loop's write). While a batch is open the
-    // lines gather instead and end_batch writes them with one write and one flush.
+    // Appends one record line (the background loop's write). While a batch is open the lines
+    // gather instead and end_batch writes them with one write. Lines that cannot be written (a
+    // full disk, a file-size limit) are kept in memory, up to kMaxUnwritten bytes, and written
+    // first at the next append or flush; the first failure of an episode is logged with its errno.
+    // False when lines are left unwritten.
     bool append(long long time, const std::string& encoded);
     void begin_batch();
     bool end_batch();
-    void flush();
+    void flush();  // also tries the unwritten lines again
     void close();
-    bool is_open() const { return fs_.is_open(); }
+    bool is_open() const { return fd_ >= 0; }
+    bool has_unwritten() const { return !unwritten_.empty(); }
     long long size_limit() const { return size_limit_; }
 
+    static const size_t kMaxUnwritten = 4u << 20;
+
   private:
+    bool write_out();
+    void note_write_failure(int err);
+    void keep_unwritten_within_bound();
+
     long long size_limit_ = kDefaultLimit;
-    std::fstream fs_;
+    std::fstream fs_;  // reads and rewrites
+    int fd_ = -1;      // appends (O_APPEND), opened beside fs_ on the same file
     bool batching_ = false;
     std::string batch_;
+    std::string unwritten_;     // whole lines not yet in the file, oldest first
+    size_t unwritten_done_ = 0;  // bytes of its first line already in the current file
+    bool failing_ = false;       // in an episode of failed writes
 };
 
 }  // namespace Velto

@@ -4,6 +4,7 @@
 
 #include <poll.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -22,6 +23,12 @@ thread_local WaitPump* t_pump = nullptr;
 thread_local bool t_pumping = false;
 
 void* thread_entry(void* obj) {
+    // A write past a file-size limit (RLIMIT_FSIZE) then fails with EFBIG instead of killing the
+    // host with SIGXFSZ; the thread handles the failed write like a full disk.
+    sigset_t fsize;
+    sigemptyset(&fsize);
+    sigaddset(&fsize, SIGXFSZ);
+    pthread_sigmask(SIG_BLOCK, &fsize, nullptr);
     ThreadProc(static_cast<Thread*>(obj));
     return nullptr;
 }

@@ -4,6 +4,7 @@
 #include "BackRun.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <chrono>
@@ -352,6 +353,32 @@ TEST(Delivery, StopWritesEveryQueuedRecordAndUploadsThem) {
             for (int i = 0; i < n; ++i) EXPECT_TRUE(has(written[i], members[i])) << i;
         });
     }
+}
+
+// Under a file-size limit the appends fail: the host lives on (no SIGXFSZ), the failure is logged
+// once, and the records wait in memory until writes succeed again; none is lost.
+TEST(Delivery, FileSizeLimitKeepsRecordsUntilWritesSucceed) {
+    RUN_SCENARIO({
+        RawServer server;
+        start(server, root);
+        rlimit before;
+        ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &before));
+        rlimit small = before;
+        small.rlim_cur = 128 * 1024;
+        ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
+        const int n = 400;  // about twice what fits under the limit
+        for (int i = 0; i < n; ++i) ASSERT_EQ(0, event(i));
+        ASSERT_TRUE(vtest::wait_until(
+            [&] { return has(vtest::read_file(root + "/sdk.log"), "save msg to file failed, errno: 27"); }, kWaitMs));
+        ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &before));
+        for (int i = n; i < n + 10; ++i) ASSERT_EQ(0, event(i));
+        ASSERT_TRUE(wait_lines(root + "/sdk.msg", n + 10));
+        stop_and_wait();
+        const std::vector<std::string> written = file_records(root + "/sdk.msg");
+        ASSERT_EQ(static_cast<size_t>(n + 10), written.size());
+        for (int i = 0; i < n + 10; ++i) EXPECT_TRUE(has(written[i], event_member(i))) << i;
+        EXPECT_EQ(1u, vtest::count_of(vtest::read_file(root + "/sdk.log"), "save msg to file failed"));
+    });
 }
 
 TEST(Delivery, OutageKeepsBatchesAsideAndTheNextRunUploadsThem) {
