@@ -108,6 +108,7 @@ class DeliveryLoop : public WaitPump {
     bool send_initial(const std::string& item);
     bool pause_unless_saved(unsigned int ms);
     void save_to_file(const std::string& item);
+    long long file_cap() const;
     bool wants_own_send(const std::string& item) const { return real_time_ || is_initial(item); }
     void file_from_pump(std::string& item);
     void file_held(bool initial_too);
@@ -149,6 +150,7 @@ class DeliveryLoop : public WaitPump {
     long long file_limit_ = 0;
     long long tick_ = 0;
     long long newest_ = 0;
+    long long saved_since_cap_check_ = 0;
     long long batch_count_ = 0;  // pending when the batch in flight was set aside
     long long batch_bytes_ = 0;
 
@@ -449,7 +451,7 @@ bool DeliveryLoop::idle_turn(bool skipped, bool stop_seen) {
     }
 
     if (msg_.has_unwritten()) msg_.flush();  // a full disk or a file-size limit may have eased
-    if (msg_.size_limit() < pending_bytes_ && msg_.check_drop()) pending_count_ = pending_bytes_ = 0;
+    if (msg_.check_cap(file_cap())) count_pending();
 
     long long now = os_time();
     if (threshold_passed(now) && pending_bytes_ > 0) {
@@ -587,6 +589,15 @@ void DeliveryLoop::save_to_file(const std::string& item) {
     msg_.append(os_time(), Util::fencode(item));
     pending_bytes_ += static_cast<long long>(item.size());
     ++pending_count_;
+    // The file's size is bounded while records flow, not only in idle turns.
+    if (++saved_since_cap_check_ < kSkipEvery) return;
+    saved_since_cap_check_ = 0;
+    if (msg_.check_cap(file_cap())) count_pending();
+}
+
+// MAX_FILE_SIZE as a bound of the file on disk (the message store holds it to its hard cap).
+long long DeliveryLoop::file_cap() const {
+    return file_limit_ > 0 ? file_limit_ : LLONG_MAX;
 }
 
 // At stop: the batch send without saving the configuration (the shutdown saves it).

@@ -7,8 +7,10 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -116,16 +118,6 @@ bool starts_with(const std::string& s, const char* prefix, size_t len) {
     return s.compare(0, len, prefix) == 0;
 }
 
-// The byte length of a file, -1 when it cannot be opened.
-long long file_length(const std::string& path) {
-    FILE* f = std::fopen(path.c_str(), "r");
-    if (!f) return -1;
-    long long length = 0;
-    if (fseeko(f, 0, SEEK_END) == 0) length = static_cast<long long>(ftello(f));
-    std::fclose(f);
-    return length < 0 ? 0 : length;
-}
-
 void drop_oldest(StrList& records, StrList* raw_lines) {
     records.pop_front();
     if (raw_lines && !raw_lines->empty()) raw_lines->pop_front();
@@ -138,6 +130,31 @@ bool reopen(std::fstream& fs, const std::string& msg_path, std::ios::openmode mo
     fs.clear();
     fs.open(msg_path, mode);
     return fs.is_open();
+}
+
+// Reads up to n bytes at offset; the number read.
+size_t read_at(int fd, long long offset, char* out, size_t n) {
+    size_t got = 0;
+    while (got < n) {
+        const ssize_t r = ::pread(fd, out + got, n - got, static_cast<off_t>(offset + static_cast<long long>(got)));
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) break;
+        got += static_cast<size_t>(r);
+    }
+    return got;
+}
+
+// The line feeds in the first `end` bytes of fd, read in bounded pieces.
+long long count_lines(int fd, long long end) {
+    char buf[1 << 16];
+    long long lines = 0;
+    for (long long at = 0; at < end;) {
+        const size_t got = read_at(fd, at, buf, static_cast<size_t>(std::min<long long>(sizeof buf, end - at)));
+        if (got == 0) break;
+        lines += std::count(buf, buf + got, '\n');
+        at += static_cast<long long>(got);
+    }
+    return lines;
 }
 
 int open_for_append(const std::string& path) {
@@ -264,32 +281,59 @@ int MsgFile::open() {
 }
 
 bool MsgFile::check_drop() {
+    return check_cap(size_limit_);
+}
+
+bool MsgFile::check_cap(long long cap) {
     try {
-        const std::string path = root_dir();
-        if (path.empty()) {
+        if (root_dir().empty()) {
             LOGW << "null path, may init" << LEND;
             return false;
         }
-        if (fs_.is_open()) close();
-        const std::string msg_path = path + kMsgName;
-        const long long length = file_length(msg_path);
-        if (length < 0) {
-            open();
-            return false;
-        }
-        bool dropped = false;
-        if (length > size_limit_) {
-            // A hard cap: everything in the file is given up rather than let it grow without bound.
-            LOGW << "to del msg: " << length << LEND;
-            std::remove(msg_path.c_str());
-            dropped = true;
-        }
-        open();
-        return dropped;
+        if (fd_ < 0 && open() != RES_OK) return false;
+        flush();
+        struct stat st;
+        if (::fstat(fd_, &st) != 0 || st.st_size <= std::min(cap, size_limit_)) return false;
+        LOGW << "to del msg: " << static_cast<long long>(st.st_size) << LEND;
+        // Far below the cap, so that the next trim is far away: the bytes written to the disk stay
+        // within a small multiple of the records' own.
+        trim_to(std::min(cap, size_limit_) * 2 / 5);
+        return true;
     } catch (...) {
         open();
         return false;
     }
+}
+
+// Keeps the newest whole lines that fit in keep_bytes as they stand on disk, through a temporary
+// file renamed over "sdk.msg"; the oldest go, counted in the log as a rewrite does.
+void MsgFile::trim_to(long long keep_bytes) {
+    const std::string msg_path = root_dir() + kMsgName;
+    const int in = ::open(msg_path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (in < 0) return;
+    struct stat st;
+    if (::fstat(in, &st) != 0) {
+        ::close(in);
+        return;
+    }
+    const long long size = static_cast<long long>(st.st_size);
+    // From one byte before the cut, so that a line starting right at it is seen whole.
+    const long long from = std::max(0LL, size - keep_bytes - 1);
+    std::string kept(static_cast<size_t>(size - from), '\0');
+    kept.resize(read_at(in, from, &kept[0], kept.size()));
+    long long keep_start = 0;
+    if (from > 0) {  // the first line kept is the first whole one
+        const size_t feed = kept.find('\n');
+        const size_t cut = feed == std::string::npos ? kept.size() : feed + 1;
+        kept.erase(0, cut);
+        keep_start = from + static_cast<long long>(cut);
+    }
+    const long long dropped = count_lines(in, keep_start);
+    ::close(in);
+    LOGI << "roll_msg cnt: " << -dropped << LEND;
+    close();
+    if (!replace_file(msg_path, kept)) LOGE << "msg_fp open" << LEND;
+    open();
 }
 
 int MsgFile::get_msg_list(long long begin, long long max_count, long long max_bytes, StrList& records,

@@ -19,8 +19,11 @@ class MsgFile {
     // (Re)opens "sdk.msg" for reading and appending, restoring it from a journal of 10 bytes or more.
     // 0, 203 (cannot open, or no root) or 210 (exception).
     int open();
-    // Deletes "sdk.msg" when larger than the size limit; true when it did.
+    // When "sdk.msg" is larger on disk than the hard cap, drops its oldest lines down to 40 % of
+    // the cap; true when it did.
     bool check_drop();
+    // The same against cap (at most the hard cap).
+    bool check_cap(long long cap);
     // Reads the valid records written at or after begin (begin < 1: all), keeping at most max_count
     // (> 0) newest and about max_bytes (>= 1). newest = time of the last valid line (now when none).
     // Returns minus the number of dropped lines. A null stream means the object's own.
@@ -52,6 +55,7 @@ class MsgFile {
     static const size_t kMaxUnwritten = 4u << 20;
 
   private:
+    void trim_to(long long keep_bytes);
     bool write_out();
     void note_write_failure(int err);
     void keep_unwritten_within_bound();

@@ -381,6 +381,48 @@ TEST(Delivery, FileSizeLimitKeepsRecordsUntilWritesSucceed) {
     });
 }
 
+// Bytes this process has handed to write(2) so far.
+long long bytes_written() {
+    const std::string io = vtest::read_file("/proc/self/io");
+    const size_t at = io.find("wchar: ");
+    return at == std::string::npos ? -1 : std::atoll(io.c_str() + at + 7);
+}
+
+// Records flat out with nothing uploaded: sdk.msg stays within MAX_FILE_SIZE (checked every 333
+// records), the oldest records go and the newest stay, and the process writes at most three times
+// the records' own bytes, log included.
+TEST(Delivery, BurstStaysWithinTheCapAndWritesLittle) {
+    RUN_SCENARIO({
+        RawServer server;
+        start(server, root, {{"MAX_FILE_SIZE", "64"}});
+        const long long before = bytes_written();
+        const int n = 5000;
+        for (int i = 0; i < n; ++i) {
+            int r;
+            while ((r = event(i)) == 208) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            ASSERT_EQ(0, r);
+        }
+        ASSERT_TRUE(vtest::wait_until(
+            [&] {
+                const std::vector<std::string> recs = file_records(root + "/sdk.msg");
+                return !recs.empty() && has(recs.back(), event_member(n - 1));
+            },
+            kWaitMs));
+        const long long written = bytes_written() - before;
+        stop_and_wait();
+        const std::vector<std::string> kept = file_records(root + "/sdk.msg");
+        const long long line_bytes = vtest::file_size(root + "/sdk.msg") / static_cast<long long>(kept.size());
+        EXPECT_LE(vtest::file_size(root + "/sdk.msg"), 64 * 1024 + 333 * line_bytes);
+        EXPECT_TRUE(has(kept.back(), event_member(n - 1)));
+        EXPECT_FALSE(has(kept.front(), event_member(0)));
+        EXPECT_TRUE(has(vtest::read_file(root + "/sdk.log"), "to del msg: "));
+        const long long record_bytes = static_cast<long long>(kept.back().size()) * n;
+        EXPECT_LE(written, 3 * record_bytes) << written << " bytes written for " << record_bytes;
+        std::printf("burst of %d records: %lld bytes written for %lld bytes of records (%.2f times)\n", n, written,
+                    record_bytes, static_cast<double>(written) / static_cast<double>(record_bytes));
+    });
+}
+
 TEST(Delivery, OutageKeepsBatchesAsideAndTheNextRunUploadsThem) {
     vtest::TempDir shared;
     const std::string root = shared.path();

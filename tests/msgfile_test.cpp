@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstdio>
 #include <string>
 
@@ -107,13 +108,27 @@ TEST_F(MsgStore, JournalOfTenBytesOrMoreReplacesTheFile) {
     }
 }
 
-TEST_F(MsgStore, CheckDropDeletesOnlyAboveTheLimit) {
-    for (long long size : {6291456, 6291457}) {
-        vtest::write_file(file("sdk.msg"), std::string(size - 1, 'x') + "\n");
-        EXPECT_EQ(size > 6291456, store_.check_drop());
-        EXPECT_EQ(size > 6291456 ? 0 : size, vtest::file_size(file("sdk.msg")));  // reopened empty
-    }
-    EXPECT_TRUE(has(log(), "to del msg: 6291457"));
+// Above a cap the oldest lines go, down to 40 % of it, and the newest stay whole; at most the hard
+// cap counts, whatever the cap asked for.
+TEST_F(MsgStore, CapDropsTheOldestLinesFarBelowIt) {
+    std::string lines;
+    for (int i = 0; i < 100; ++i) lines += line(now_, i);
+    const long long size = static_cast<long long>(lines.size());
+    put(lines);
+    EXPECT_FALSE(store_.check_cap(size));
+    EXPECT_TRUE(store_.check_cap(size - 1));
+    const std::string kept = msg();
+    EXPECT_LE(static_cast<long long>(kept.size()), (size - 1) * 2 / 5);
+    const size_t cut = lines.size() - kept.size();
+    ASSERT_FALSE(kept.empty());
+    EXPECT_EQ(kept, lines.substr(cut));  // the newest lines, whole
+    EXPECT_EQ('\n', lines[cut - 1]);
+    EXPECT_TRUE(has(log(), "to del msg: " + std::to_string(size)));
+    EXPECT_TRUE(has(log(), "roll_msg cnt: -" + std::to_string(vtest::count_of(lines.substr(0, cut), "\n"))));
+
+    vtest::write_file(file("sdk.msg"), std::string(6291456, 'x') + "\n");
+    EXPECT_TRUE(store_.check_cap(LLONG_MAX));  // a cap above the hard cap counts as the hard cap
+    EXPECT_EQ(0, vtest::file_size(file("sdk.msg")));  // no whole line fitted
 }
 
 TEST_F(MsgStore, RollByAgeKeepsNewerLinesOrEmptiesTheFile) {
