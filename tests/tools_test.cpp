@@ -10,6 +10,7 @@
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -141,19 +142,19 @@ sockaddr_in loopback(int port) {
 class CollectorTest : public ::testing::Test {
   protected:
     // The collector's command line, on two fresh ports.
-    std::vector<std::string> args(const std::string& conf_file = "") {
+    std::vector<std::string> args(const std::vector<std::string>& extra = {}) {
         pick_two_ports();
         std::vector<std::string> args = {
             tool("velto-collector"),    "--https-port", std::to_string(https_port_), "--http-port",
             std::to_string(http_port_), "--records",    dir_.file("records.jsonl"),  "--cert-dir",
             dir_.file("cert")};
         args.insert(args.end(), {"--db", db()});
-        if (!conf_file.empty()) args.insert(args.end(), {"--conf", conf_file});
+        args.insert(args.end(), extra.begin(), extra.end());
         return args;
     }
-    void start(const std::string& conf_file = "") {
+    void start(const std::vector<std::string>& extra = {}) {
         unlink(dir_.file("out.txt").c_str());  // a restart waits for its own "listening on"
-        proc_.reset(new ToolProcess(args(conf_file), dir_.file("out.txt"), dir_.file("err.txt")));
+        proc_.reset(new ToolProcess(args(extra), dir_.file("out.txt"), dir_.file("err.txt")));
         ASSERT_TRUE(vtest::wait_until([this] { return vtest::has(out(), "listening on"); }, 20000))
             << out() << err();
     }
@@ -357,12 +358,29 @@ TEST_F(CollectorTest, AnswersBadRequestsWith400AndKeepsServing) {
 TEST_F(CollectorTest, ServesTheConfigurationFileGiven) {
     const std::string conf = R"({"CONF_URL":"http://127.0.0.1:9","SEND_GAP":5})";
     vtest::write_file(dir_.file("conf.json"), conf + "\n");
-    start(dir_.file("conf.json"));
+    start({"--conf", dir_.file("conf.json")});
     const auto reply = post(https("/v1/conf"), kForm, "uid=u&brand=b");
     EXPECT_EQ(200, reply.first);
     EXPECT_EQ(R"({"status":0,"conf":)" + conf + "}", reply.second);
     EXPECT_EQ(0, stop());
     EXPECT_TRUE(vtest::has(err(), "the library ignores fewer than 10")) << err();
+
+    // One reply per brand, the default for the others (and for names that are no file name); a file
+    // is read again when it changes.
+    const std::string confs = dir_.file("confs");
+    mkdir(confs.c_str(), 0700);
+    vtest::write_file(confs + "/acme.json", R"({"SEND_GAP":7})");
+    vtest::write_file(confs + "/default.json", R"({"status":0,"conf":{"SEND_GAP":9}})");
+    start({"--conf-dir", confs});
+    const auto conf_of = [this](const std::string& brand) {
+        return post(http("/v1/conf"), kForm, "uid=u&brand=" + brand).second;
+    };
+    EXPECT_EQ(R"({"status":0,"conf":{"SEND_GAP":7}})", conf_of("acme"));
+    for (const char* other : {"other", "..%2Facme", ""})
+        EXPECT_EQ(R"({"status":0,"conf":{"SEND_GAP":9}})", conf_of(other)) << other;
+    vtest::write_file(confs + "/acme.json", R"({"SEND_GAP":12})");
+    EXPECT_EQ(R"({"status":0,"conf":{"SEND_GAP":12}})", conf_of("acme"));
+    EXPECT_EQ(0, stop());
 
     ToolProcess bad({tool("velto-collector"), "--https-port", "0"}, dir_.file("o2"), dir_.file("e2"));
     EXPECT_EQ(2, bad.wait(10000));
@@ -560,6 +578,51 @@ TEST_F(CollectorTest, DatabaseKeepsEveryAnsweredRecordThroughKillAndRestart) {
     EXPECT_EQ(2, newer.wait(20000));
     EXPECT_TRUE(vtest::has(vtest::read_file(dir_.file("e2")), "written by a newer velto-collector"));
     EXPECT_EQ(std::vector<std::string>{"7"}, sql_column(db(), "PRAGMA user_version"));
+
+    // A damaged database is refused at start with one line, not answered with 500 ever after.
+    sql_column(db(), "PRAGMA user_version=2");
+    std::string bytes = vtest::read_file(db());
+    ASSERT_GT(bytes.size(), 8192u);
+    for (size_t i = 4096; i < bytes.size(); i += 97) bytes[i] = static_cast<char>(bytes[i] ^ 0x5a);
+    vtest::write_file(db(), bytes);
+    ToolProcess damaged(args(), dir_.file("o3"), dir_.file("e3"));
+    EXPECT_EQ(2, damaged.wait(20000));
+    const std::string why = vtest::read_file(dir_.file("e3"));
+    EXPECT_TRUE(vtest::has(why, "collector.db is damaged") || vtest::has(why, "collector.db cannot be used"))
+        << why;
+    EXPECT_EQ(1u, lines_of(why).size()) << why;
+}
+
+// Slow clients (a connection that never finishes its TLS handshake, or trickles its headers) each
+// hold a worker of their own until their read deadline; uploads keep flowing beside 200 of them.
+TEST_F(CollectorTest, UploadsFlowWhileTwoHundredSlowConnectionsAreOpen) {
+    start();
+    std::vector<int> slow;
+    for (int i = 0; i < 200; ++i) {
+        const int fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in addr = loopback(i % 2 ? https_port_ : http_port_);
+        ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+        slow.push_back(fd);
+    }
+    std::atomic<bool> done{false};
+    std::thread trickle([&] {
+        const std::string head = "POST /v1/data HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Slow: ";
+        for (size_t at = 0; !done; ++at) {
+            for (size_t i = 0; i < slow.size(); i += 2)
+                send(slow[i], at < head.size() ? &head[at] : "a", 1, MSG_NOSIGNAL);
+            for (int t = 0; t < 20 && !done; ++t) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    });
+    int taken = 0;
+    for (int i = 0; i < 100; ++i) {
+        const std::string url = i % 2 ? https("/v1/data") : http("/v1/data");
+        taken += post(url, kForm, data_form(R"({"category":"flow","dtype":"event"})")).second == kOk;
+    }
+    done = true;
+    trickle.join();
+    for (int fd : slow) close(fd);
+    EXPECT_EQ(100, taken);
+    EXPECT_EQ(0, stop());
 }
 
 }  // namespace

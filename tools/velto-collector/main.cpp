@@ -13,7 +13,9 @@
 // runs the database housekeeping on a thread of its own and waits for SIGINT or SIGTERM, which end
 // the streams, print a summary by record kind and exit 0.
 #include <httplib.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -40,6 +42,7 @@ namespace {
 using namespace vcollect;
 
 const int kMaintenanceMinutes = 10;  // partitions ahead and retention, this often
+const int kListenBacklog = 1024;     // connections the kernel holds until they are accepted
 
 // The HTTPS server on --cert/--key as given, or on the pair in --cert-dir, (re)made when unusable.
 std::unique_ptr<httplib::SSLServer> make_tls_server(const Options& opt) {
@@ -92,8 +95,32 @@ void install_operations(httplib::Server& server, Collector& collector, Store& st
     });
 }
 
+// cpp-httplib (Debian builds it as a shared library) listens with a backlog of 5: a burst of new
+// connections would see dropped SYNs and wait a second or more each. Linux lets listen() be called
+// again on a listening socket to change it; the server keeps its socket to itself, so it is found by
+// its port.
+void widen_backlog(int port) {
+    for (int fd = 3; fd < 4096; ++fd) {
+        int accepting = 0;
+        socklen_t size = sizeof accepting;
+        sockaddr_storage addr{};
+        socklen_t addr_size = sizeof addr;
+        if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &accepting, &size) != 0 || !accepting ||
+            getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &addr_size) != 0)
+            continue;
+        const int bound = addr.ss_family == AF_INET ? ntohs(reinterpret_cast<sockaddr_in*>(&addr)->sin_port)
+                          : addr.ss_family == AF_INET6
+                              ? ntohs(reinterpret_cast<sockaddr_in6*>(&addr)->sin6_port)
+                              : -1;
+        if (bound == port) listen(fd, kListenBacklog);
+    }
+}
+
 bool bind(httplib::Server& server, const std::string& address, int port) {
-    if (server.bind_to_port(address.c_str(), port)) return true;
+    if (server.bind_to_port(address.c_str(), port)) {
+        widen_backlog(port);
+        return true;
+    }
     fprintf(stderr, "velto-collector: cannot listen on %s:%d (in use?)\n", address.c_str(), port);
     return false;
 }
