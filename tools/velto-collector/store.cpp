@@ -271,18 +271,6 @@ Stats Store::stats(int64_t recent_since_ms) {
     return s;
 }
 
-Timeline Store::timeline(int64_t since_ms, int64_t until_ms) {
-    const Deadline d = deadline();
-    auto c = pool_->take(d);
-    Timeline out;
-    for (const Row& row : (*c)->query(
-             "SELECT time / 60000 AS minute, kind, count(*) FROM records WHERE time >= ? AND time <= ?"
-             " GROUP BY minute, kind",
-             {Param::of(since_ms), Param::of(until_ms)}, d))
-        out[{number(row.at(0)) * 60000, row.at(1)}] = number(row.at(2));
-    return out;
-}
-
 bool Store::ping() {
     try {
         const Deadline d = deadline();

@@ -58,9 +58,6 @@ struct Stats {
     std::map<std::string, int64_t> recent_kinds;  // received at or after the "since" given
 };
 
-// Records per minute and kind: {minute (ms since the epoch, a multiple of 60000), kind} -> count.
-typedef std::map<std::pair<int64_t, std::string>, int64_t> Timeline;
-
 // How the database has been doing, for /metrics.
 struct DatabaseCounters {
     std::atomic<int64_t> writes{0}, errors{0}, write_us_total{0};
@@ -89,8 +86,6 @@ class Store {
     // Requests newest first with id > after (when given), at most limit; total = all that match.
     std::vector<RequestRow> requests(int64_t limit, std::optional<int64_t> after, int64_t& total);
     Stats stats(int64_t recent_since_ms);
-    // Records per minute and kind received in [since, until], optionally of one kind only.
-    Timeline timeline(int64_t since_ms, int64_t until_ms);
     // True when the database answers a trivial query within the timeout.
     bool ping();
     // Partitions ahead and retention (Backend::maintain); throws DatabaseError.
