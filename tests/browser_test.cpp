@@ -183,6 +183,20 @@ TEST_F(CollectorPage, RecordsArriveLiveWithTheirCountsAsText) {
     // The markup is text: no element made of it, no script run.
     EXPECT_EQ(std::string("export,") + kScript + ",toolbar,MainWindow,", js(rows("category")));
     EXPECT_EQ(std::string("pdf,") + kImage + ",save,,", js(rows("label")));
+    // The numeric value of each record (an event's dvalue, a timing's duration), and its own time.
+    EXPECT_EQ("1520 ms,2,1,,", js(rows("value")));
+    EXPECT_EQ("true", js("Array.from(document.querySelectorAll('#records tbody td.ostime'))"
+                         ".every(td => /^\\d\\d:\\d\\d:\\d\\d$/.test(td.textContent))"));
+
+    // Export: the filtered records as JSON lines and as CSV, made by the page.
+    js("document.getElementById('export-jsonl').click()");
+    wait_for("(window.lastExport || '').split('\\n').length", "6");
+    EXPECT_EQ("timing", js("JSON.parse(window.lastExport.split('\\n')[0]).kind"));
+    js("document.getElementById('export-csv').click()");
+    EXPECT_EQ("id,time,ostime,kind,category,action,label,value,sid,cid,brand,pver,batch,request",
+              wait_for("window.lastExport.split('\\r\\n')[0]",
+                       "id,time,ostime,kind,category,action,label,value,sid,cid,brand,pver,batch,request"));
+    EXPECT_EQ("7", js("window.lastExport.split('\\r\\n').length"));  // the header, 5 records, the end
     EXPECT_EQ("0", js("document.querySelectorAll('#records tbody script, #records tbody img').length"));
     EXPECT_EQ("undefined", js("typeof window.velto_injected"));
 

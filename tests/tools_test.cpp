@@ -10,6 +10,7 @@
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,11 +27,13 @@
 #include "Zip.h"
 #include "api_helpers.h"
 #include "child_process.h"
+#include "collector_client.h"
 #include "delivery.h"
 
 namespace {
 
 using Velto::Util::fencode;
+using namespace vtest::client;
 using vtest::lines_of;
 
 // A tool of this build.
@@ -139,19 +142,19 @@ sockaddr_in loopback(int port) {
 class CollectorTest : public ::testing::Test {
   protected:
     // The collector's command line, on two fresh ports.
-    std::vector<std::string> args(const std::string& conf_file = "") {
+    std::vector<std::string> args(const std::vector<std::string>& extra = {}) {
         pick_two_ports();
         std::vector<std::string> args = {
             tool("velto-collector"),    "--https-port", std::to_string(https_port_), "--http-port",
             std::to_string(http_port_), "--records",    dir_.file("records.jsonl"),  "--cert-dir",
             dir_.file("cert")};
         args.insert(args.end(), {"--db", db()});
-        if (!conf_file.empty()) args.insert(args.end(), {"--conf", conf_file});
+        args.insert(args.end(), extra.begin(), extra.end());
         return args;
     }
-    void start(const std::string& conf_file = "") {
+    void start(const std::vector<std::string>& extra = {}) {
         unlink(dir_.file("out.txt").c_str());  // a restart waits for its own "listening on"
-        proc_.reset(new ToolProcess(args(conf_file), dir_.file("out.txt"), dir_.file("err.txt")));
+        proc_.reset(new ToolProcess(args(extra), dir_.file("out.txt"), dir_.file("err.txt")));
         ASSERT_TRUE(vtest::wait_until([this] { return vtest::has(out(), "listening on"); }, 20000))
             << out() << err();
     }
@@ -182,41 +185,6 @@ class CollectorTest : public ::testing::Test {
     int https_port_ = 0, http_port_ = 0;
     std::unique_ptr<ToolProcess> proc_;
 };
-
-size_t write_reply(char* data, size_t size, size_t n, void* to) {
-    static_cast<std::string*>(to)->append(data, size * n);
-    return size * n;
-}
-
-// Runs a prepared libcurl request (no certificate check, bounded); the reply's status code and body.
-std::pair<long, std::string> perform(CURL* curl, const std::string& url) {
-    std::pair<long, std::string> reply;
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
-    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
-    curl_easy_setopt(curl, CURLOPT_TIMEOUT, 10L);
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &write_reply);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &reply.second);
-    if (curl_easy_perform(curl) == CURLE_OK) curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &reply.first);
-    curl_easy_cleanup(curl);
-    return reply;
-}
-
-std::pair<long, std::string> post(const std::string& url, const std::string& content_type,
-                                  const std::string& body) {
-    CURL* curl = curl_easy_init();
-    curl_slist* headers = curl_slist_append(nullptr, ("Content-Type: " + content_type).c_str());
-    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
-    curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
-    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-    const auto reply = perform(curl, url);
-    curl_slist_free_all(headers);
-    return reply;
-}
-
-std::pair<long, std::string> get(const std::string& url) {
-    return perform(curl_easy_init(), url);
-}
 
 // Runs sql on the SQLite database at path with text parameters; the first column of every row.
 std::vector<std::string> sql_column(const std::string& path, const std::string& sql,
@@ -261,31 +229,6 @@ void send_raw(int port, const std::string& bytes) {
         }
     }
     close(fd);
-}
-
-const char kMultipart[] = "multipart/form-data; boundary=b0undary";
-const char kForm[] = "application/x-www-form-urlencoded";
-const char kOk[] = R"({"status":0})";
-
-std::string multipart(const std::vector<std::pair<std::string, std::string>>& parts) {
-    std::string body;
-    for (const auto& p : parts) {
-        body += "--b0undary\r\nContent-Disposition: form-data; name=\"" + p.first + "\"";
-        if (p.first == "file") body += "; filename=\"x\"\r\nContent-Type: application/octet-stream";
-        body += "\r\n\r\n" + p.second + "\r\n";
-    }
-    return body + "--b0undary--\r\n";
-}
-
-// A file payload: the 4-byte length prefix, then the enciphered bytes.
-std::string file_payload(uint32_t length, const std::string& plain) {
-    std::vector<unsigned char> sealed(plain.size() + 32);
-    int n = 0;
-    Velto::AES_Encode2(reinterpret_cast<const unsigned char*>(plain.data()), static_cast<int>(plain.size()),
-                       sealed.data(), n);
-    std::string out = {static_cast<char>(length >> 24), static_cast<char>(length >> 16),
-                       static_cast<char>(length >> 8), static_cast<char>(length)};
-    return out + std::string(reinterpret_cast<char*>(sealed.data()), static_cast<size_t>(n));
 }
 
 TEST_F(CollectorTest, TakesTheLibrarysUploadsOverHttpAndHttps) {
@@ -418,29 +361,35 @@ TEST_F(CollectorTest, AnswersBadRequestsWith400AndKeepsServing) {
 TEST_F(CollectorTest, ServesTheConfigurationFileGiven) {
     const std::string conf = R"({"CONF_URL":"http://127.0.0.1:9","SEND_GAP":5})";
     vtest::write_file(dir_.file("conf.json"), conf + "\n");
-    start(dir_.file("conf.json"));
+    start({"--conf", dir_.file("conf.json")});
     const auto reply = post(https("/v1/conf"), kForm, "uid=u&brand=b");
     EXPECT_EQ(200, reply.first);
     EXPECT_EQ(R"({"status":0,"conf":)" + conf + "}", reply.second);
     EXPECT_EQ(0, stop());
     EXPECT_TRUE(vtest::has(err(), "the library ignores fewer than 10")) << err();
 
+    // One reply per brand, the default for the others (and for names that are no file name); a file
+    // is read again when it changes.
+    const std::string confs = dir_.file("confs");
+    mkdir(confs.c_str(), 0700);
+    vtest::write_file(confs + "/acme.json", R"({"SEND_GAP":7})");
+    vtest::write_file(confs + "/default.json", R"({"status":0,"conf":{"SEND_GAP":9}})");
+    start({"--conf-dir", confs});
+    const auto conf_of = [this](const std::string& brand) {
+        return post(http("/v1/conf"), kForm, "uid=u&brand=" + brand).second;
+    };
+    EXPECT_EQ(R"({"status":0,"conf":{"SEND_GAP":7}})", conf_of("acme"));
+    for (const char* other : {"other", "..%2Facme", ""})
+        EXPECT_EQ(R"({"status":0,"conf":{"SEND_GAP":9}})", conf_of(other)) << other;
+    vtest::write_file(confs + "/acme.json", R"({"SEND_GAP":12})");
+    EXPECT_EQ(R"({"status":0,"conf":{"SEND_GAP":12}})", conf_of("acme"));
+    EXPECT_EQ(0, stop());
+
     ToolProcess bad({tool("velto-collector"), "--https-port", "0"}, dir_.file("o2"), dir_.file("e2"));
     EXPECT_EQ(2, bad.wait(10000));
 }
 
 // ---- velto-collector's database, API and event stream ----
-
-std::string data_form(const std::string& record) {
-    return "data=" + Velto::UrlEncode(fencode(record));
-}
-
-// A records upload as the library sends it: the batch id in "sdk_log", the records in the file part.
-std::string batch_upload(const std::string& batch, const std::vector<std::string>& records) {
-    std::string text;
-    for (const std::string& r : records) text += r + "\n";
-    return multipart({{"sdk_log", batch}, {"file", file_payload(static_cast<uint32_t>(text.size()), text)}});
-}
 
 // The categories of an /api/records reply, in order: "A,B".
 std::string categories(const std::string& reply) {
@@ -632,6 +581,51 @@ TEST_F(CollectorTest, DatabaseKeepsEveryAnsweredRecordThroughKillAndRestart) {
     EXPECT_EQ(2, newer.wait(20000));
     EXPECT_TRUE(vtest::has(vtest::read_file(dir_.file("e2")), "written by a newer velto-collector"));
     EXPECT_EQ(std::vector<std::string>{"7"}, sql_column(db(), "PRAGMA user_version"));
+
+    // A damaged database is refused at start with one line, not answered with 500 ever after.
+    sql_column(db(), "PRAGMA user_version=2");
+    std::string bytes = vtest::read_file(db());
+    ASSERT_GT(bytes.size(), 8192u);
+    for (size_t i = 4096; i < bytes.size(); i += 97) bytes[i] = static_cast<char>(bytes[i] ^ 0x5a);
+    vtest::write_file(db(), bytes);
+    ToolProcess damaged(args(), dir_.file("o3"), dir_.file("e3"));
+    EXPECT_EQ(2, damaged.wait(20000));
+    const std::string why = vtest::read_file(dir_.file("e3"));
+    EXPECT_TRUE(vtest::has(why, "collector.db is damaged") || vtest::has(why, "collector.db cannot be used"))
+        << why;
+    EXPECT_EQ(1u, lines_of(why).size()) << why;
+}
+
+// Slow clients (a connection that never finishes its TLS handshake, or trickles its headers) each
+// hold a worker of their own until their read deadline; uploads keep flowing beside 200 of them.
+TEST_F(CollectorTest, UploadsFlowWhileTwoHundredSlowConnectionsAreOpen) {
+    start();
+    std::vector<int> slow;
+    for (int i = 0; i < 200; ++i) {
+        const int fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in addr = loopback(i % 2 ? https_port_ : http_port_);
+        ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+        slow.push_back(fd);
+    }
+    std::atomic<bool> done{false};
+    std::thread trickle([&] {
+        const std::string head = "POST /v1/data HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Slow: ";
+        for (size_t at = 0; !done; ++at) {
+            for (size_t i = 0; i < slow.size(); i += 2)
+                send(slow[i], at < head.size() ? &head[at] : "a", 1, MSG_NOSIGNAL);
+            for (int t = 0; t < 20 && !done; ++t) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    });
+    int taken = 0;
+    for (int i = 0; i < 100; ++i) {
+        const std::string url = i % 2 ? https("/v1/data") : http("/v1/data");
+        taken += post(url, kForm, data_form(R"({"category":"flow","dtype":"event"})")).second == kOk;
+    }
+    done = true;
+    trickle.join();
+    for (int fd : slow) close(fd);
+    EXPECT_EQ(100, taken);
+    EXPECT_EQ(0, stop());
 }
 
 }  // namespace

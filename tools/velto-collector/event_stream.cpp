@@ -45,6 +45,11 @@ void EventHub::publish(const std::string& name, const std::string& data) {
         note_("event stream to " + peer + " dropped: the client does not keep up");
 }
 
+size_t EventHub::open_streams() {
+    std::lock_guard<std::mutex> hold(m_);
+    return clients_.size();
+}
+
 void EventHub::close() {
     {
         std::lock_guard<std::mutex> hold(m_);

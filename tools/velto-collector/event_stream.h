@@ -32,6 +32,8 @@ class EventHub {
 
     // Queues "event: name\ndata: data\n\n" for every client; data must be one line.
     void publish(const std::string& name, const std::string& data);
+    // Streams open now.
+    size_t open_streams();
     // Ends every stream and refuses new ones.
     void close();
     // Answers GET /api/stream: registers the client and streams until it goes away or close().

@@ -1,8 +1,10 @@
 // JSON string writing and reading for velto-collector's store, API and terminal lines.
 #include "json_text.h"
 
+#include <cctype>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "payload.h"
 
@@ -161,6 +163,87 @@ std::string clean_json_object(const std::vector<std::pair<std::string, std::stri
         out += json_string(json_unescape(kv.first)) + ":" + json_string(json_unescape(kv.second));
     }
     return out + "}";
+}
+
+namespace {
+
+// Reads a flat JSON object whose values are all strings; keys and values are kept as written
+// (escapes included). False for anything else, so that only valid JSON reaches the records file.
+class FlatObjectReader {
+  public:
+    explicit FlatObjectReader(const std::string& text) : s_(text) {}
+
+    bool read(FlatMembers& out) {
+        out.clear();
+        skip_blanks();
+        if (!take('{')) return false;
+        skip_blanks();
+        if (take('}')) return at_end();
+        for (;;) {
+            std::string key, value;
+            if (!read_string(key) || !take_after_blanks(':') || !read_string(value)) return false;
+            out.emplace_back(std::move(key), std::move(value));
+            skip_blanks();
+            if (take('}')) return at_end();
+            if (!take(',')) return false;
+        }
+    }
+
+  private:
+    void skip_blanks() {
+        while (i_ < s_.size() && (s_[i_] == ' ' || s_[i_] == '\t' || s_[i_] == '\n' || s_[i_] == '\r')) ++i_;
+    }
+    bool take(char c) {
+        if (i_ >= s_.size() || s_[i_] != c) return false;
+        ++i_;
+        return true;
+    }
+    bool take_after_blanks(char c) {
+        skip_blanks();
+        if (!take(c)) return false;
+        skip_blanks();
+        return true;
+    }
+    bool at_end() {
+        skip_blanks();
+        return i_ == s_.size();
+    }
+    bool read_escape() {
+        if (i_ >= s_.size()) return false;
+        const char c = s_[i_++];
+        if (strchr("\"\\/bfnrt", c)) return true;
+        if (c != 'u' || i_ + 4 > s_.size()) return false;
+        for (int k = 0; k < 4; ++k)
+            if (!isxdigit(static_cast<unsigned char>(s_[i_++]))) return false;
+        return true;
+    }
+    bool read_string(std::string& out) {
+        if (!take('"')) return false;
+        const size_t begin = i_;
+        while (i_ < s_.size() && s_[i_] != '"') {
+            const unsigned char c = static_cast<unsigned char>(s_[i_++]);
+            if (c < 0x20) return false;
+            if (c == '\\' && !read_escape()) return false;
+        }
+        if (i_ >= s_.size()) return false;
+        out = s_.substr(begin, i_++ - begin);
+        return true;
+    }
+
+    const std::string& s_;
+    size_t i_ = 0;
+};
+
+}  // namespace
+
+bool read_flat_object(const std::string& text, FlatMembers& out) {
+    return FlatObjectReader(text).read(out);
+}
+
+const std::string* member(const FlatMembers& m, const char* key) {
+    for (const auto& kv : m)
+        if (kv.first == key) return &kv.second;
+    return nullptr;
 }
 
 }  // namespace vcollect

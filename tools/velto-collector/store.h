@@ -1,22 +1,24 @@
-// velto-collector's SQLite database: every request the collector answered and every record it took,
-// kept across runs so that an integrator can look back at earlier sessions. main.cpp stores what
-// arrives; api.cpp reads it for the page. One connection behind a mutex: safe on any thread.
+// velto-collector's store: every request the collector answered and every record it took, in SQLite
+// (one machine) or PostgreSQL (several collectors sharing one database), kept across runs. main.cpp
+// stores what arrives; api.cpp reads it for the page. Safe on any thread: each call takes a session
+// from the pool (database.h) and gives up with DatabaseError when the database does not answer within
+// the store's timeout, so that an upload is answered 503 and the library sends it again later.
 //
-// WAL journal with synchronous=NORMAL: a transaction the collector committed (it answers the upload
-// only afterwards) survives a kill of the process. The schema carries its version in user_version;
-// a database written by a newer collector, or one that is not the collector's, is refused.
+// A records upload is written in one transaction; its batch id is a unique key in the database, so
+// a batch that two collectors receive at once or one after the other is stored once, and the second
+// copy is kept as a request with result "repeat".
 #ifndef VELTO_COLLECTOR_STORE_H
 #define VELTO_COLLECTOR_STORE_H
 
+#include <atomic>
 #include <cstdint>
 #include <map>
-#include <mutex>
+#include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-struct sqlite3;
+#include "database.h"
 
 namespace vcollect {
 
@@ -56,22 +58,27 @@ struct Stats {
     std::map<std::string, int64_t> recent_kinds;  // received at or after the "since" given
 };
 
-// Opening fails with this; the text is a readable sentence for the terminal.
-struct StoreError : std::runtime_error {
-    using std::runtime_error::runtime_error;
+// How the database has been doing, for /metrics.
+struct DatabaseCounters {
+    std::atomic<int64_t> writes{0}, errors{0}, write_us_total{0};
+    std::atomic<int64_t> write_buckets[6] = {};  // writes that took at most kWriteBucketsMs[i]
 };
+const int kWriteBucketsMs[6] = {5, 10, 25, 100, 500, 2000};
 
 class Store {
   public:
-    // Opens path (":memory:" keeps nothing on disk), creating the schema in a new database.
-    explicit Store(const std::string& path);
+    // Opens the database given to --db (database.h, make_backend) and checks, creates or migrates its
+    // schema. Throws StoreError with a one-line reason when it cannot be used.
+    Store(const std::string& db, int timeout_ms);
     ~Store();
     Store(const Store&) = delete;
     Store& operator=(const Store&) = delete;
 
+    std::string describe() const { return backend_->describe(); }
+
     // Stores a request and its records in one transaction and fills in their ids. A records upload
-    // (request.batch not "") whose batch was stored before is kept as a request with result "repeat"
-    // and no records; the return value is then true. Throws std::runtime_error on a database error.
+    // (request.batch not "", result "ok") whose batch was stored before is kept as a request with
+    // result "repeat" and no records; the return value is then true. Throws DatabaseError.
     bool add(RequestRow& request, std::vector<RecordRow>& records);
 
     // Records matching the filter in id order, at most filter.limit; total = all that match.
@@ -79,13 +86,21 @@ class Store {
     // Requests newest first with id > after (when given), at most limit; total = all that match.
     std::vector<RequestRow> requests(int64_t limit, std::optional<int64_t> after, int64_t& total);
     Stats stats(int64_t recent_since_ms);
+    // True when the database answers a trivial query within the timeout.
+    bool ping();
+    // Partitions ahead and retention (Backend::maintain); throws DatabaseError.
+    void maintain(int keep_days);
+
+    const DatabaseCounters& counters() const { return counters_; }
 
   private:
-    void migrate(const std::string& path);
-    bool batch_stored(const std::string& batch);
+    Deadline deadline() const;
+    void count_write(int64_t started_us, bool ok);
 
-    std::mutex m_;
-    sqlite3* db_ = nullptr;
+    std::unique_ptr<Backend> backend_;
+    std::unique_ptr<ConnectionPool> pool_;
+    const int timeout_ms_;
+    DatabaseCounters counters_;
 };
 
 }  // namespace vcollect

@@ -1,0 +1,227 @@
+// velto-collector on a real PostgreSQL 15 (a cluster of the test's own, pg_cluster.h): two
+// collectors sharing one database store every record once, also a batch that reaches both at once;
+// a collector killed while uploads arrive leaves whole batches only, and the retry completes them;
+// a database stopped and started again while uploads arrive costs 503 replies meanwhile and loses
+// nothing. The API, /healthz and /metrics are checked on the way. Collectors run as child processes.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "api_helpers.h"
+#include "child_process.h"
+#include "collector_client.h"
+#include "delivery.h"
+#include "pg_cluster.h"
+
+namespace {
+
+using namespace vtest::client;
+
+// One velto-collector (plain HTTP on a free loopback port) on the database db.
+class Collector {
+  public:
+    Collector(const std::string& db, const vtest::TempDir& dir, const std::string& name,
+              std::vector<std::string> extra = {})
+        : out_(dir.file(name + ".out")), err_(dir.file(name + ".err")) {
+        port_ = vtest::free_loopback_ports(1)[0];
+        args_ = {vtest::binary_dir() + "/tools/velto-collector", "--http-port", std::to_string(port_), "--db",
+                 db};
+        args_.insert(args_.end(), extra.begin(), extra.end());
+    }
+    bool start() {
+        unlink(out_.c_str());
+        proc_.reset(new vtest::ChildProcess(args_, out_, err_));
+        return vtest::wait_until([this] { return vtest::has(out(), "listening on") || exited(); }, 20000) &&
+               !exited();
+    }
+    void kill() {
+        proc_->signal(SIGKILL);
+        proc_->wait(20000);
+    }
+    int stop() {
+        proc_->signal(SIGTERM);
+        return proc_->wait(20000);
+    }
+    int wait(int ms) { return proc_->wait(ms); }
+    std::string url(const std::string& path) const {
+        return "http://127.0.0.1:" + std::to_string(port_) + path;
+    }
+    std::string out() const { return vtest::read_file(out_); }
+    std::string err() const { return vtest::read_file(err_); }
+
+  private:
+    bool exited() { return proc_->wait(0) >= 0; }
+
+    std::string out_, err_;
+    int port_ = 0;
+    std::vector<std::string> args_;
+    std::unique_ptr<vtest::ChildProcess> proc_;
+};
+
+// n records of one batch: {"category":"<tag>-<i>","dtype":"event",...}.
+std::vector<std::string> batch_records(const std::string& tag, int n) {
+    std::vector<std::string> out;
+    for (int i = 0; i < n; ++i)
+        out.push_back(R"({"category":")" + tag + "-" + std::to_string(i) +
+                      R"(","dtype":"event","dvalue":"1","sid":"{s}"})");
+    return out;
+}
+
+std::string send_batch(const Collector& c, const std::string& batch, int records) {
+    return post(c.url("/v1/file"), kMultipart, batch_upload(batch, batch_records(batch, records))).second;
+}
+
+// Batches whose records are not all there, or there more than once ("" when every one is whole).
+std::string broken_batches(const vtest::PgCluster& pg, const std::string& like, int records) {
+    std::string out;
+    for (const std::string& b :
+         pg.column("SELECT batch || ':' || count(*) FROM records WHERE batch LIKE '" + like +
+                   "' GROUP BY batch HAVING count(*) <> " + std::to_string(records)))
+        out += b + " ";
+    return out;
+}
+
+class CollectorPg : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(pg_.ok()) << pg_.log(); }
+
+    vtest::PgCluster pg_;
+    vtest::TempDir dir_;
+};
+
+TEST_F(CollectorPg, TwoCollectorsShareOneDatabaseAndStoreEachRecordOnce) {
+    Collector a(pg_.url(), dir_, "a"), b(pg_.url(), dir_, "b");
+    ASSERT_TRUE(a.start()) << a.err();
+    ASSERT_TRUE(b.start()) << b.err();
+    // The library's own uploads, one run through each collector.
+    for (const Collector* c : {&a, &b}) {
+        const std::string url = c->url(""), tag = c == &a ? "a" : "b";
+        RUN_SCENARIO({
+            vtest::write_conf(root, url, {{"SEND_BEGINPOINTS", "ON"}, {"SEND_ENDPOINTS", "ON"}});
+            ASSERT_EQ(0, data_init(root.c_str(), "pg-test"));
+            ASSERT_EQ(0, apitest::give_base_info());
+            ASSERT_EQ(0, data_screen(("screen-" + tag).c_str()));
+            ASSERT_EQ(0, data_event(("button-" + tag).c_str(), "click", "save", 3));
+            data_stop();
+            ASSERT_TRUE(vtest::wait_until(
+                [&] { return vtest::has(vtest::read_file(root + "/sdk.log"), "back thread stop ..."); },
+                60000));
+        });
+    }
+    ASSERT_TRUE(vtest::wait_until([&] { return pg_.value("SELECT count(*) FROM records") == "6"; }, 30000))
+        << pg_.value("SELECT count(*) FROM records");
+
+    // The same batches sent to both collectors at once: each stored once, the other copy a repeat.
+    const int batches = 20;
+    std::vector<std::string> replies_a(batches), replies_b(batches);
+    std::thread to_b([&] {
+        for (int i = 0; i < batches; ++i)
+            replies_b[i] = send_batch(b, "{both-" + std::to_string(i) + "}", 10);
+    });
+    for (int i = 0; i < batches; ++i) replies_a[i] = send_batch(a, "{both-" + std::to_string(i) + "}", 10);
+    to_b.join();
+    for (int i = 0; i < batches; ++i) {
+        EXPECT_EQ(kOk, replies_a[i]) << i;
+        EXPECT_EQ(kOk, replies_b[i]) << i;
+    }
+    EXPECT_EQ("200", pg_.value("SELECT count(*) FROM records WHERE batch LIKE '{both-%'"));
+    EXPECT_EQ("", broken_batches(pg_, "{both-%", 10));
+    EXPECT_EQ("20", pg_.value("SELECT count(*) FROM requests WHERE result = 'repeat'"));
+
+    // The API reads the shared database: both runs on either page, text search in any case.
+    const std::string listed = get(b.url("/api/records?q=SCREEN-A")).second;
+    EXPECT_TRUE(vtest::has(listed, R"("total":1})")) << listed;
+    EXPECT_TRUE(vtest::has(listed, R"("category":"screen-a")")) << listed;
+    const std::string stats = get(a.url("/api/stats")).second;
+    EXPECT_TRUE(vtest::has(stats, R"({"records":206,)")) << stats;
+    EXPECT_TRUE(vtest::has(stats, R"("repeats":20,)")) << stats;
+    EXPECT_EQ(200, get(a.url("/healthz")).first);
+    const std::string metrics = get(a.url("/metrics")).second + get(b.url("/metrics")).second;
+    EXPECT_TRUE(vtest::has(metrics, "velto_requests_total{endpoint=\"/v1/file\",result=\"repeat\"}"))
+        << metrics;
+    EXPECT_TRUE(vtest::has(metrics, "velto_database_write_seconds_count ")) << metrics;
+    EXPECT_EQ(0, a.stop());
+    EXPECT_EQ(0, b.stop());
+
+    // A database that holds another program's tables is refused, with one line saying why.
+    pg_.column("CREATE DATABASE other");
+    pg_.column("CREATE TABLE accounts (id INTEGER)", "other");
+    Collector foreign(pg_.url("other"), dir_, "foreign");
+    EXPECT_FALSE(foreign.start());
+    EXPECT_EQ(2, foreign.wait(20000));
+    EXPECT_TRUE(vtest::has(foreign.err(), "holds tables of another program")) << foreign.err();
+    EXPECT_EQ(1u, vtest::lines_of(foreign.err()).size()) << foreign.err();
+}
+
+TEST_F(CollectorPg, KilledCollectorLeavesWholeBatchesAndTheRetryCompletesThem) {
+    Collector c(pg_.url(), dir_, "c");
+    ASSERT_TRUE(c.start()) << c.err();
+    const int records = 50;
+    std::atomic<int> answered{0}, attempted{0};
+    std::thread sender([&] {
+        for (int i = 0; i < 100000; ++i) {
+            attempted = i + 1;
+            if (send_batch(c, "{kill-" + std::to_string(i) + "}", records) != kOk) return;
+            ++answered;
+        }
+    });
+    EXPECT_TRUE(vtest::wait_until([&] { return answered >= 30; }, 60000));
+    c.kill();
+    sender.join();
+    EXPECT_EQ("", broken_batches(pg_, "{kill-%", records));
+    EXPECT_LE(std::to_string(answered.load()), pg_.value("SELECT count(DISTINCT batch) FROM records"));
+
+    // The library sends every batch it had no {"status":0} for again; all of them end up whole.
+    ASSERT_TRUE(c.start()) << c.err();
+    for (int i = answered; i < attempted; ++i)
+        EXPECT_EQ(kOk, send_batch(c, "{kill-" + std::to_string(i) + "}", records)) << i;
+    EXPECT_EQ(std::to_string(attempted.load()),
+              pg_.value("SELECT count(DISTINCT batch) FROM records WHERE batch LIKE '{kill-%'"));
+    EXPECT_EQ("", broken_batches(pg_, "{kill-%", records));
+    EXPECT_EQ(0, c.stop());
+}
+
+TEST_F(CollectorPg, DatabaseStoppedAndStartedMeanwhileGives503AndLosesNothing) {
+    Collector c(pg_.url(), dir_, "c", {"--db-timeout", "1000"});
+    ASSERT_TRUE(c.start()) << c.err();
+    std::atomic<bool> stop{false};
+    std::atomic<int> answered{0}, unavailable{0};
+    std::thread sender([&] {
+        // Each batch is sent until it is taken, as the library does.
+        for (int i = 0; !stop; ++i) {
+            for (int attempt = 0; attempt < 1000 && !stop; ++attempt) {
+                const auto reply = post(c.url("/v1/file"), kMultipart,
+                                        batch_upload("{stop-" + std::to_string(i) + "}",
+                                                     batch_records("s" + std::to_string(i), 10)));
+                if (reply.second == kOk) break;
+                if (reply.first == 503) ++unavailable;
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            }
+            ++answered;
+        }
+    });
+    EXPECT_TRUE(vtest::wait_until([&] { return answered >= 20; }, 60000));
+    ASSERT_TRUE(pg_.stop());
+    EXPECT_TRUE(vtest::wait_until([&] { return unavailable > 0; }, 30000));
+    EXPECT_EQ(503, get(c.url("/healthz")).first);
+    ASSERT_TRUE(pg_.start()) << pg_.log();
+    const int before = answered;
+    EXPECT_TRUE(vtest::wait_until([&] { return answered >= before + 20; }, 60000));
+    stop = true;
+    sender.join();
+
+    EXPECT_EQ(200, get(c.url("/healthz")).first);
+    const int stored = atoi(pg_.value("SELECT count(DISTINCT batch) FROM records").c_str());
+    EXPECT_GE(stored, answered - 1);  // the last one may have been cut short by the stop
+    EXPECT_EQ("", broken_batches(pg_, "{stop-%", 10));
+    EXPECT_TRUE(vtest::has(get(c.url("/metrics")).second, "result=\"unavailable\"}"));
+    EXPECT_EQ(0, c.stop());
+    EXPECT_TRUE(vtest::has(c.out(), "uploads answered 503 (database unavailable)")) << c.out();
+}
+
+}  // namespace

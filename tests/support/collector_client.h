@@ -1,0 +1,95 @@
+// A small HTTP client for the tests that drive velto-collector (tools, collector_pg): requests over
+// libcurl (no certificate check, bounded), and the bodies the library sends: a record form, a file
+// payload and a batch upload.
+#ifndef VELTO_TESTS_COLLECTOR_CLIENT_H
+#define VELTO_TESTS_COLLECTOR_CLIENT_H
+
+#include <curl/curl.h>
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "HttpClient.h"
+#include "Util.h"
+#include "Zip.h"
+
+namespace vtest {
+namespace client {
+
+inline size_t write_reply(char* data, size_t size, size_t n, void* to) {
+    static_cast<std::string*>(to)->append(data, size * n);
+    return size * n;
+}
+
+// Runs a prepared libcurl request (no certificate check, bounded); the reply's status code and body.
+inline std::pair<long, std::string> perform(CURL* curl, const std::string& url) {
+    std::pair<long, std::string> reply;
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
+    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT, 10L);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &write_reply);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &reply.second);
+    if (curl_easy_perform(curl) == CURLE_OK) curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &reply.first);
+    curl_easy_cleanup(curl);
+    return reply;
+}
+
+inline std::pair<long, std::string> post(const std::string& url, const std::string& content_type,
+                                         const std::string& body) {
+    CURL* curl = curl_easy_init();
+    curl_slist* headers = curl_slist_append(nullptr, ("Content-Type: " + content_type).c_str());
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    const auto reply = perform(curl, url);
+    curl_slist_free_all(headers);
+    return reply;
+}
+
+inline std::pair<long, std::string> get(const std::string& url) {
+    return perform(curl_easy_init(), url);
+}
+
+const char kMultipart[] = "multipart/form-data; boundary=b0undary";
+const char kForm[] = "application/x-www-form-urlencoded";
+const char kOk[] = R"({"status":0})";
+
+inline std::string multipart(const std::vector<std::pair<std::string, std::string>>& parts) {
+    std::string body;
+    for (const auto& p : parts) {
+        body += "--b0undary\r\nContent-Disposition: form-data; name=\"" + p.first + "\"";
+        if (p.first == "file") body += "; filename=\"x\"\r\nContent-Type: application/octet-stream";
+        body += "\r\n\r\n" + p.second + "\r\n";
+    }
+    return body + "--b0undary--\r\n";
+}
+
+// A file payload: the 4-byte length prefix, then the enciphered bytes.
+inline std::string file_payload(uint32_t length, const std::string& plain) {
+    std::vector<unsigned char> sealed(plain.size() + 32);
+    int n = 0;
+    Velto::AES_Encode2(reinterpret_cast<const unsigned char*>(plain.data()), static_cast<int>(plain.size()),
+                       sealed.data(), n);
+    std::string out = {static_cast<char>(length >> 24), static_cast<char>(length >> 16),
+                       static_cast<char>(length >> 8), static_cast<char>(length)};
+    return out + std::string(reinterpret_cast<char*>(sealed.data()), static_cast<size_t>(n));
+}
+
+inline std::string data_form(const std::string& record) {
+    return "data=" + Velto::UrlEncode(Velto::Util::fencode(record));
+}
+
+// A records upload as the library sends it: the batch id in "sdk_log", the records in the file part.
+inline std::string batch_upload(const std::string& batch, const std::vector<std::string>& records) {
+    std::string text;
+    for (const std::string& r : records) text += r + "\n";
+    return multipart({{"sdk_log", batch}, {"file", file_payload(static_cast<uint32_t>(text.size()), text)}});
+}
+
+}  // namespace client
+}  // namespace vtest
+
+#endif
