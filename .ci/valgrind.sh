@@ -48,7 +48,9 @@ executables=(api_test records_test baseinfo_test session_test backrun_test start
   upload_test logupload_test config_fetch_test tools_test)
 excluded='^(Api\.ForkedChildrenNeverDeadlock|Delivery\.RealTimeSendsEachRecordAndFallsBackToTheFile'
 excluded+='|CollectorTest\.TakesTheLibrarysUploadsOverHttpAndHttps'
-excluded+='|CollectorTest\.ServesTheConfigurationFileGiven)$'
+excluded+='|CollectorTest\.ServesTheConfigurationFileGiven'
+# Byte counts of the process and file-size limits: valgrind's own log writes count and can pass them.
+excluded+='|Delivery\.BurstStaysWithinTheCapAndWritesLittle|Delivery\.FileSizeLimitKeepsRecordsUntilWritesSucceed)$'
 
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_FLAGS_DEBUG="-O1 -g" \
   -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" -DVELTO_SANITIZE= -DVELTO_BUILD_BENCH=OFF \

@@ -2,8 +2,9 @@
 // backlog from the pending queue into "sdk.msg", one data_event on the host's thread (median and
 // 99th percentile, from one and four threads), a host recording at 100 000 calls per second, how
 // soon a record reaches the file, one diagnostics log line next to the bare write(2) it cannot beat,
-// and the library's memory and idle cost (CPU and wake-ups). The library is started once for the process against a root directory of its own, with a
-// saved configuration that makes no fetch and no threshold upload.
+// and the library's memory and idle cost (CPU and wake-ups). The library is started once for the process
+// against a root directory of its own, with a saved configuration that makes no fetch and no threshold
+// upload.
 //
 // Each figure is printed with its target ("target_*") and the ratio figure/target ("ratio" < 1: met).
 #include <benchmark/benchmark.h>

@@ -32,21 +32,25 @@ struct StopFigures {
 void write_conf(const std::string& root) {
     const std::string now = Util::ltoa(Velto::os_time());
     Velto::StrMap conf = {
-        {"CONF_UPD_TIME", now},    {"CONF_UPD_GAP", "24"},     {"COLLECT_ON", "ON"},
-        {"COLLECT_WAY", "NOREAL"}, {"SEND_ENDPOINTS", "OFF"},  {"SEND_BEGINPOINTS", "OFF"},
-        {"SEND_GAP", "10079"},     {"SEND_NUM", "99999"},      {"SEND_SIZE", "20479"},
-        {"MAX_RESV_DAY", "7"},     {"MAX_FILE_SIZE", "20479"}, {"MAX_LOG_SIZE", "4000"},
-        {"LOGERR_SEND_LIM", "0"},  {"LOGERR_NUM", "0"},        {"SEND_LOG_ON", "OFF"},
-        {"SEND_CUR_CONF", "OFF"},  {"ZIP_DATA", "ON"},         {"CON_TIMEOUT", "1000"},
-        {"LAST_SEND", now},        {"CONF_URL", "http://127.0.0.1:9"}, {"ENABLE_HTTPS", "OFF"},
-        {"SESSION_TMOUT", "1800"},
+        {"CONF_UPD_TIME", now},     {"CONF_UPD_GAP", "24"},
+        {"COLLECT_ON", "ON"},       {"COLLECT_WAY", "NOREAL"},
+        {"SEND_ENDPOINTS", "OFF"},  {"SEND_BEGINPOINTS", "OFF"},
+        {"SEND_GAP", "10079"},      {"SEND_NUM", "99999"},
+        {"SEND_SIZE", "20479"},     {"MAX_RESV_DAY", "7"},
+        {"MAX_FILE_SIZE", "20479"}, {"MAX_LOG_SIZE", "4000"},
+        {"LOGERR_SEND_LIM", "0"},   {"LOGERR_NUM", "0"},
+        {"SEND_LOG_ON", "OFF"},     {"SEND_CUR_CONF", "OFF"},
+        {"ZIP_DATA", "ON"},         {"CON_TIMEOUT", "1000"},
+        {"LAST_SEND", now},         {"CONF_URL", "http://127.0.0.1:9"},
+        {"ENABLE_HTTPS", "OFF"},    {"SESSION_TMOUT", "1800"},
     };
     std::ofstream(root + "/sdk.cf") << Util::fencode(Util::to_json(conf));
 }
 
 size_t lines_in(const std::string& path) {
     std::ifstream in(path);
-    return static_cast<size_t>(std::count(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>(), '\n'));
+    return static_cast<size_t>(
+        std::count(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>(), '\n'));
 }
 
 // In the child: starts the library, lets it settle, queues `queued` records and times data_stop.
@@ -56,8 +60,8 @@ StopFigures measure_in_child(int queued) {
     if (mkdtemp(tmpl) == nullptr) return f;
     const std::string root = tmpl;
     write_conf(root);
-    if (data_init(root.c_str(), "bench") == 0 &&
-        data_base_info("tid1", 42, "1.0", 8, "uip1", "en", "mac", "10.15", 64, "en-US", 0, "src", "u1") == 0) {
+    if (data_init(root.c_str(), "bench") == 0 && data_base_info("tid1", 42, "1.0", 8, "uip1", "en", "mac",
+                                                                "10.15", 64, "en-US", 0, "src", "u1") == 0) {
         usleep(3500 * 1000);  // the initial record's three refused attempts are over
         const size_t before = lines_in(root + "/sdk.msg");
         for (int i = 0; i < queued; ++i) data_event("menu", "click", "file/open", i + 1);

@@ -1,9 +1,10 @@
 // The background runner: the library's one thread (g_back_run, started by data_init, asked to stop
 // by data_stop). It opens "sdk.msg" first, loads the configuration, moves records from the pending
 // queue into "sdk.msg" (also while it waits on the network, and before data_stop returns), sleeps
-// until a record, the stop request or its earliest deadline wakes it, decides when batches are uploaded (at once in real-time mode, at thresholds of age, count or size,
-// at start and at stop), sends the log and the current configuration on request, trims the message
-// file, and mirrors each record to a debug server with an HTML report when a switch file asks for it.
+// until a record, the stop request or its earliest deadline wakes it, decides when batches are uploaded (at
+// once in real-time mode, at thresholds of age, count or size, at start and at stop), sends the log and the
+// current configuration on request, trims the message file, and mirrors each record to a debug server with an
+// HTML report when a switch file asks for it.
 #include "BackRun.h"
 
 #include <poll.h>
@@ -210,8 +211,8 @@ long long DeliveryLoop::wake_within_ms() const {
         at = held_until_;
     else
         return -1;
-    return std::max(0LL, static_cast<long long>(
-                             std::chrono::ceil<std::chrono::milliseconds>(at - Clock::now()).count()));
+    return std::max(
+        0LL, static_cast<long long>(std::chrono::ceil<std::chrono::milliseconds>(at - Clock::now()).count()));
 }
 
 // Runs inside the loop's waits: every record queued meanwhile goes to the file, but for those that
@@ -507,8 +508,8 @@ long long DeliveryLoop::next_deadline_ms(long long now) const {
     long long ms = kMaxSleepMs;
     if (!msg_.is_open() || msg_.has_unwritten()) ms = kReopenPauseMs;
     if (pending_bytes_ <= 0) return ms;
-    const bool full = (send_num_ > 0 && pending_count_ >= send_num_) ||
-                      (send_size_ > 0 && pending_bytes_ > size_limit_);
+    const bool full =
+        (send_num_ > 0 && pending_count_ >= send_num_) || (send_size_ > 0 && pending_bytes_ > size_limit_);
     long long due = full ? now : LLONG_MAX;  // seconds: the first one at which the batch is due
     if (send_gap_ > 0 && last_send_ <= LLONG_MAX - gap_ - 1) due = std::min(due, last_send_ + gap_ + 1);
     if (due == LLONG_MAX) return ms;

@@ -449,7 +449,8 @@ int Config::init_conf() {
         bool loaded = ana_conf(text);
         const std::string root = get_str("ROOT_DIR");
         const bool other_host = loaded && fetched_from_another_host(root);
-        if (loaded && !other_host && !refresh_due(get_int("CONF_UPD_GAP"), get_int("CONF_UPD_TIME"), os_time())) {
+        if (loaded && !other_host &&
+            !refresh_due(get_int("CONF_UPD_GAP"), get_int("CONF_UPD_TIME"), os_time())) {
             return RES_OK;
         }
         LOGI << "update conf from svr" << LEND;

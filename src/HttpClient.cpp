@@ -106,7 +106,8 @@ class Deadline {
                std::chrono::milliseconds(std::max(kMinTransferMs, 2LL * timeout_ms))) {}
     bool passed() const { return std::chrono::steady_clock::now() >= end_; }
     long long left_ms() const {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - std::chrono::steady_clock::now());
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(end_ - std::chrono::steady_clock::now());
         return std::max(0LL, static_cast<long long>(left.count()));
     }
 
@@ -290,8 +291,9 @@ bool recv_all(int fd, std::string& reply, const RequestParam* param, const Deadl
             LOGE << "recv timeout! error: " << errno_text(err) << LEND;
             return false;
         }
-        wait_ready(fd, POLLIN,
-                   param ? wait_budget_ms(last, param->timeout_ms, deadline) : static_cast<int>(deadline.left_ms()));
+        wait_ready(
+            fd, POLLIN,
+            param ? wait_budget_ms(last, param->timeout_ms, deadline) : static_cast<int>(deadline.left_ms()));
     }
 }
 

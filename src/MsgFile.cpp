@@ -136,7 +136,8 @@ bool reopen(std::fstream& fs, const std::string& msg_path, std::ios::openmode mo
 size_t read_at(int fd, long long offset, char* out, size_t n) {
     size_t got = 0;
     while (got < n) {
-        const ssize_t r = ::pread(fd, out + got, n - got, static_cast<off_t>(offset + static_cast<long long>(got)));
+        const ssize_t r =
+            ::pread(fd, out + got, n - got, static_cast<off_t>(offset + static_cast<long long>(got)));
         if (r < 0 && errno == EINTR) continue;
         if (r <= 0) break;
         got += static_cast<size_t>(r);
@@ -149,7 +150,8 @@ long long count_lines(int fd, long long end) {
     char buf[1 << 16];
     long long lines = 0;
     for (long long at = 0; at < end;) {
-        const size_t got = read_at(fd, at, buf, static_cast<size_t>(std::min<long long>(sizeof buf, end - at)));
+        const size_t got =
+            read_at(fd, at, buf, static_cast<size_t>(std::min<long long>(sizeof buf, end - at)));
         if (got == 0) break;
         lines += std::count(buf, buf + got, '\n');
         at += static_cast<long long>(got);
@@ -593,7 +595,8 @@ bool MsgFile::write_out() {
             keep_unwritten_within_bound();
             return false;
         }
-        const ssize_t n = ::write(fd_, unwritten_.data() + unwritten_done_, unwritten_.size() - unwritten_done_);
+        const ssize_t n =
+            ::write(fd_, unwritten_.data() + unwritten_done_, unwritten_.size() - unwritten_done_);
         if (n > 0) {
             unwritten_done_ += static_cast<size_t>(n);
             continue;

@@ -65,7 +65,7 @@ class MsgFile {
     int fd_ = -1;      // appends (O_APPEND), opened beside fs_ on the same file
     bool batching_ = false;
     std::string batch_;
-    std::string unwritten_;     // whole lines not yet in the file, oldest first
+    std::string unwritten_;      // whole lines not yet in the file, oldest first
     size_t unwritten_done_ = 0;  // bytes of its first line already in the current file
     bool failing_ = false;       // in an episode of failed writes
 };

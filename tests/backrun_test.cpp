@@ -369,7 +369,8 @@ TEST(Delivery, FileSizeLimitKeepsRecordsUntilWritesSucceed) {
         const int n = 400;  // about twice what fits under the limit
         for (int i = 0; i < n; ++i) ASSERT_EQ(0, event(i));
         ASSERT_TRUE(vtest::wait_until(
-            [&] { return has(vtest::read_file(root + "/sdk.log"), "save msg to file failed, errno: 27"); }, kWaitMs));
+            [&] { return has(vtest::read_file(root + "/sdk.log"), "save msg to file failed, errno: 27"); },
+            kWaitMs));
         ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &before));
         for (int i = n; i < n + 10; ++i) ASSERT_EQ(0, event(i));
         ASSERT_TRUE(wait_lines(root + "/sdk.msg", n + 10));
@@ -411,15 +412,16 @@ TEST(Delivery, BurstStaysWithinTheCapAndWritesLittle) {
         const long long written = bytes_written() - before;
         stop_and_wait();
         const std::vector<std::string> kept = file_records(root + "/sdk.msg");
-        const long long line_bytes = vtest::file_size(root + "/sdk.msg") / static_cast<long long>(kept.size());
+        const long long line_bytes =
+            vtest::file_size(root + "/sdk.msg") / static_cast<long long>(kept.size());
         EXPECT_LE(vtest::file_size(root + "/sdk.msg"), 64 * 1024 + 333 * line_bytes);
         EXPECT_TRUE(has(kept.back(), event_member(n - 1)));
         EXPECT_FALSE(has(kept.front(), event_member(0)));
         EXPECT_TRUE(has(vtest::read_file(root + "/sdk.log"), "to del msg: "));
         const long long record_bytes = static_cast<long long>(kept.back().size()) * n;
         EXPECT_LE(written, 3 * record_bytes) << written << " bytes written for " << record_bytes;
-        std::printf("burst of %d records: %lld bytes written for %lld bytes of records (%.2f times)\n", n, written,
-                    record_bytes, static_cast<double>(written) / static_cast<double>(record_bytes));
+        std::printf("burst of %d records: %lld bytes written for %lld bytes of records (%.2f times)\n", n,
+                    written, record_bytes, static_cast<double>(written) / static_cast<double>(record_bytes));
     });
 }
 

@@ -68,7 +68,8 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 std::string run_host_on(const std::string& root, const std::string& mode, int delay_us, int events,
                         const std::string& collect_host, bool& hung) {
     vtest::TempDir home;
-    std::vector<std::string> args = {host_path(), root, mode, std::to_string(delay_us), std::to_string(events)};
+    std::vector<std::string> args = {host_path(), root, mode, std::to_string(delay_us),
+                                     std::to_string(events)};
     std::vector<std::string> env = child_environment(home.path(), collect_host);
     std::vector<char*> argv = pointers(args), envp = pointers(env);
     const std::string run = mode + " after " + std::to_string(delay_us) + " us: ";
@@ -152,7 +153,12 @@ TEST(ExitSafety, DuringRawSocketUpload) {
 // ---- a host that returns from main right after data_stop ----
 
 const int kShortEvents = 110;
+// Every run is a process of its own; under a sanitizer each takes ten times as long.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+const int kShortRuns = 20;
+#else
 const int kShortRuns = 200;
+#endif
 
 // torn_ok: the process may have ended in the middle of an append, which leaves that line torn.
 void add_file_records(const std::string& path, bool torn_ok, std::vector<std::string>& out) {
@@ -220,7 +226,8 @@ void expect_short_lived_hosts_lose_nothing(Collector kind) {
         ASSERT_TRUE(server.ok());
         std::string collect_host = "127.0.0.1:1";  // nothing listens: the fetch is refused
         if (kind == Collector::kAnswers) vtest::write_conf(root.path(), server.url());
-        if (kind == Collector::kHoldsConfiguration) collect_host = "127.0.0.1:" + std::to_string(server.port());
+        if (kind == Collector::kHoldsConfiguration)
+            collect_host = "127.0.0.1:" + std::to_string(server.port());
         bool hung = false;
         std::string outcome = run_host_on(root.path(), "stop-return", 0, kShortEvents, collect_host, hung);
         if (outcome.empty()) {

@@ -127,7 +127,7 @@ TEST_F(MsgStore, CapDropsTheOldestLinesFarBelowIt) {
     EXPECT_TRUE(has(log(), "roll_msg cnt: -" + std::to_string(vtest::count_of(lines.substr(0, cut), "\n"))));
 
     vtest::write_file(file("sdk.msg"), std::string(6291456, 'x') + "\n");
-    EXPECT_TRUE(store_.check_cap(LLONG_MAX));  // a cap above the hard cap counts as the hard cap
+    EXPECT_TRUE(store_.check_cap(LLONG_MAX));         // a cap above the hard cap counts as the hard cap
     EXPECT_EQ(0, vtest::file_size(file("sdk.msg")));  // no whole line fitted
 }
 
