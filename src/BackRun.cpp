@@ -108,7 +108,8 @@ class DeliveryLoop : public WaitPump {
     bool send_real_time(const std::string& item);
     bool send_initial(const std::string& item);
     bool pause_unless_saved(unsigned int ms);
-    void save_to_file(const std::string& item);
+    void save_to_file(const std::string& item, std::string* line = nullptr);
+    void unfile_in_hand();
     long long file_cap() const;
     bool wants_own_send(const std::string& item) const { return real_time_ || is_initial(item); }
     void file_from_pump(std::string& item);
@@ -165,6 +166,7 @@ class DeliveryLoop : public WaitPump {
     // not answered within the hold window, it is written to the file; it is then not sent again.
     const std::string* in_hand_ = nullptr;
     bool in_hand_saved_ = false;
+    std::string in_hand_line_;        // its line in the file, once written there
     Clock::time_point stop_seen_at_;  // when a wait first saw the stop request (epoch: not yet)
     Clock::time_point next_reopen_;
 };
@@ -266,13 +268,21 @@ void DeliveryLoop::file_held(bool initial_too) {
 }
 
 // True when no record is in hand unwritten: a transfer still in flight once the stop request has
-// waited the hold window leaves its record in the file, whatever the transfer's outcome.
+// waited the hold window leaves its record in the file (taken out again if the transfer succeeds
+// while the process still lives).
 bool DeliveryLoop::file_in_hand() {
     if (in_hand_ == nullptr || in_hand_saved_) return true;
     if (Clock::now() < stop_seen_at_ + kHoldWindow) return false;
-    save_to_file(*in_hand_);
+    save_to_file(*in_hand_, &in_hand_line_);
     in_hand_saved_ = true;
     return true;
+}
+
+// The record in hand went out after all: its line leaves the file, so that it is not sent twice.
+void DeliveryLoop::unfile_in_hand() {
+    if (!msg_.remove_line(in_hand_line_)) return;
+    pending_bytes_ = std::max(0LL, pending_bytes_ - static_cast<long long>(in_hand_->size()));
+    pending_count_ = std::max(0LL, pending_count_ - 1);
 }
 
 // Steps before the loop. False when the run gives up (running flag 0, stop flag left as it is).
@@ -527,6 +537,7 @@ void DeliveryLoop::handle_record(std::string& item) {
     in_hand_saved_ = false;
     if (!debug_url_.empty()) mirror(item);
     const bool sent = !in_hand_saved_ && (send_real_time(item) || (initial && send_initial(item)));
+    if (sent && in_hand_saved_) unfile_in_hand();
     if (!sent && !in_hand_saved_) save_to_file(item);
     in_hand_ = nullptr;
 
@@ -585,9 +596,12 @@ bool DeliveryLoop::pause_unless_saved(unsigned int ms) {
     return !in_hand_saved_;
 }
 
-void DeliveryLoop::save_to_file(const std::string& item) {
+void DeliveryLoop::save_to_file(const std::string& item, std::string* line) {
     LOGI << "save msg to file" << LEND;
-    msg_.append(os_time(), Util::fencode(item));
+    const long long now = os_time();
+    std::string encoded = Util::fencode(item);
+    if (line != nullptr) *line = Util::ltoa(now) + "," + encoded;
+    msg_.append(now, encoded);
     pending_bytes_ += static_cast<long long>(item.size());
     ++pending_count_;
     // The file's size is bounded while records flow, not only in idle turns.
@@ -620,8 +634,10 @@ void DeliveryLoop::shut_down() {
     owner_.set_stop_flag(0);
 }
 
+// Every record in "sdk.msg" is unsent (a batch leaves it by a rename before its upload), whatever
+// its time: another process on the root, or a clock set back, may have written it before LAST_SEND.
 bool DeliveryLoop::upload_batch() {
-    std::string pending = msg_.comb_msg(last_send_, 0, 0, newest_, nullptr);
+    std::string pending = msg_.comb_msg(0, 0, 0, newest_, nullptr);
     batch_count_ = pending_count_;
     batch_bytes_ = pending_bytes_;
     return msg_.process_msgs(!pending.empty());

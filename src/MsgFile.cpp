@@ -7,6 +7,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <string_view>
 #include <unordered_set>
 
@@ -32,6 +34,8 @@ const char kJournalName[] = "sdk.msg.bak";
 // A journal that cannot be trusted is kept under this name for a look, never restored.
 const char kBadJournalName[] = "sdk.msg.bak.bad";
 const char kSetAsidePrefix[] = "MSG_PRE_";
+// Advisory locks of the processes that share the root.
+const char kLockName[] = "sdk.lock";
 const size_t kSetAsidePrefixLen = sizeof(kSetAsidePrefix) - 1;
 // A journal shorter than this cannot hold a record line; it is left over from an emptied rewrite.
 const std::streamoff kJournalMinBytes = 10;
@@ -252,6 +256,7 @@ int MsgFile::open() {
             return RES_FILE_OPEN;
         }
         const std::string msg_path = path + kMsgName;
+        RootLock hold(*this, true);  // the journal and the torn line belong to no other process now
         // Created owner-only, and never through a link planted at the name.
         fd_ = open_for_append(msg_path);
         if (fd_ >= 0) {
@@ -294,6 +299,8 @@ bool MsgFile::check_cap(long long cap) {
         }
         if (fd_ < 0 && open() != RES_OK) return false;
         flush();
+        RootLock hold(*this, true);
+        follow_moved_file();
         struct stat st;
         if (::fstat(fd_, &st) != 0 || st.st_size <= std::min(cap, size_limit_)) return false;
         LOGW << "to del msg: " << static_cast<long long>(st.st_size) << LEND;
@@ -428,6 +435,8 @@ bool MsgFile::del_repeat(StrList& records) {
 int MsgFile::roll_msg(long long begin, long long max_count, long long max_bytes, long long& newest) {
     try {
         flush();
+        RootLock hold(*this, true);
+        follow_moved_file();
         StrList records;
         StrList raw_lines;
         const int n = get_msg_list(begin, max_count, max_bytes, records, newest, &raw_lines, nullptr);
@@ -470,21 +479,46 @@ int MsgFile::roll_msg(long long begin, long long max_count, long long max_bytes,
     }
 }
 
-namespace {
-
 // Renames "sdk.msg" to a new set-aside name; new records go to a fresh "sdk.msg" from here on.
-bool set_aside(MsgFile& store, const std::string& root, long long now) {
+bool MsgFile::set_aside(const std::string& root, long long now) {
+    RootLock hold(*this, true);
     const std::string name = kSetAsidePrefix + get_guid() + Util::ltoa(now);
-    store.close();
+    close();
     const bool renamed = rename_file(root, kMsgName, name);
     if (renamed) fault_point("sdk.msg: set aside");
-    store.open();
+    open();
     if (!renamed) {
         LOGE << "rename: " << root << name << LEND;
         return false;
     }
     return true;
 }
+
+namespace {
+
+// A set-aside batch held by this process alone while it uploads or expires it: an exclusive lock
+// on the file itself, taken only if no other process holds it, and only while the name still
+// belongs to the file locked (another process may have uploaded and deleted it meanwhile).
+class BatchLock {
+  public:
+    explicit BatchLock(const std::string& path)
+        : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW)) {
+        if (fd_ < 0 || ::flock(fd_, LOCK_EX | LOCK_NB) != 0) return;
+        struct stat mine, named;
+        held_ = ::fstat(fd_, &mine) == 0 && ::stat(path.c_str(), &named) == 0 &&
+                mine.st_ino == named.st_ino && mine.st_dev == named.st_dev;
+    }
+    ~BatchLock() {
+        if (fd_ >= 0) ::close(fd_);  // releases the lock
+    }
+    BatchLock(const BatchLock&) = delete;
+    BatchLock& operator=(const BatchLock&) = delete;
+    bool held() const { return held_; }
+
+  private:
+    int fd_;
+    bool held_ = false;
+};
 
 // Uploads one set-aside file; it is deleted once the server took it or when it holds no record.
 bool send_set_aside(MsgFile& store, const std::string& path, const std::string& url,
@@ -523,7 +557,7 @@ bool MsgFile::process_msgs(bool has_new) {
         }
         LOGI << "process_msgs: " << (has_new ? 1 : 0) << LEND;
         const long long now = os_time();
-        if (has_new && !set_aside(*this, root, now)) return false;
+        if (has_new && !set_aside(root, now)) return false;
 
         const long long retention =
             static_cast<long long>(std::atoi(conf.get_str("MAX_RESV_DAY").c_str())) * kSecondsPerDay;
@@ -539,6 +573,8 @@ bool MsgFile::process_msgs(bool has_new) {
                 continue;
             }
             const std::string path = root + name;
+            BatchLock batch(path);
+            if (!batch.held()) continue;  // another process is on it, or it is gone
             // Written as a comparison against the cut-off so that no name can overflow the subtraction.
             if (file_time < now - retention) {
                 std::remove(path.c_str());
@@ -590,6 +626,9 @@ bool MsgFile::end_batch() {
 // lines but for the one partly written, which is finished first next time (or written whole again
 // once the file was reopened).
 bool MsgFile::write_out() {
+    if (unwritten_.empty()) return true;
+    RootLock hold(*this, false);
+    follow_moved_file();
     while (unwritten_done_ < unwritten_.size()) {
         if (fd_ < 0) {
             keep_unwritten_within_bound();
@@ -618,6 +657,62 @@ bool MsgFile::write_out() {
         LOGI << "msg file writable again" << LEND;
     }
     return true;
+}
+
+// Another process may have set "sdk.msg" aside or replaced it: the appends follow the name.
+// REQUIRES: the root's lock held.
+void MsgFile::follow_moved_file() {
+    if (fd_ < 0) return;
+    const std::string path = root_dir() + kMsgName;
+    struct stat mine, named;
+    if (::fstat(fd_, &mine) == 0 && ::stat(path.c_str(), &named) == 0 && mine.st_ino == named.st_ino &&
+        mine.st_dev == named.st_dev)
+        return;
+    ::close(fd_);
+    fd_ = open_for_append(path);
+    unwritten_done_ = 0;  // a line begun in the other file is written whole here
+    reopen(fs_, path, kAppendMode);
+}
+
+MsgFile::RootLock::RootLock(MsgFile& store, bool exclusive) : store_(store) {
+    if (store_.lock_depth_++ > 0) return;
+    if (store_.lock_fd_ < 0) {
+        const std::string root = root_dir();
+        if (root.empty()) return;
+        store_.lock_fd_ = ::open((root + kLockName).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    }
+    while (store_.lock_fd_ >= 0 && ::flock(store_.lock_fd_, exclusive ? LOCK_EX : LOCK_SH) != 0 &&
+           errno == EINTR) {
+    }
+}
+
+MsgFile::RootLock::~RootLock() {
+    if (--store_.lock_depth_ > 0 || store_.lock_fd_ < 0) return;
+    ::flock(store_.lock_fd_, LOCK_UN);
+}
+
+bool MsgFile::remove_line(const std::string& line) {
+    try {
+        flush();
+        RootLock hold(*this, true);
+        follow_moved_file();
+        const std::string path = root_dir() + kMsgName;
+        std::ifstream in(path, std::ios::binary);
+        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        const std::string whole = line + "\n";
+        size_t at = text.rfind(whole);
+        while (at != std::string::npos && at > 0 && text[at - 1] != '\n')
+            at = at == 0 ? std::string::npos : text.rfind(whole, at - 1);
+        if (at == std::string::npos) return false;
+        text.erase(at, whole.size());
+        close();
+        const bool replaced = replace_file(path, text);
+        open();
+        return replaced;
+    } catch (...) {
+        open();
+        return false;
+    }
 }
 
 void MsgFile::note_write_failure(int err) {

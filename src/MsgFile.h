@@ -1,7 +1,13 @@
 // The message file store: "sdk.msg" in the root directory holds the records not yet uploaded, one
 // line each ("<10-digit time>,<fencode of the record>"), with the journal "sdk.msg.bak" that lets a
 // rewrite survive a crash. Also sets batches aside as "MSG_PRE_" files and uploads them
-// (process_msgs). Used by the background thread only; no lock of its own.
+// (process_msgs). Used by the background thread only.
+//
+// Several processes may share one root (an application started twice). They agree through
+// advisory locks on "sdk.lock": appends hold it shared and first follow "sdk.msg" to whatever file
+// has the name now; setting a batch aside, trimming, rewriting and restoring the journal hold it
+// exclusively. So no record lands in a batch once it is set aside, and a batch never changes. Each
+// batch is uploaded under a lock of its own, by one process at a time.
 #ifndef VELTO_MSGFILE_H
 #define VELTO_MSGFILE_H
 
@@ -47,6 +53,8 @@ class MsgFile {
     void begin_batch();
     bool end_batch();
     void flush();  // also tries the unwritten lines again
+    // Takes the newest copy of line (without its line feed) out of "sdk.msg"; true when it did.
+    bool remove_line(const std::string& line);
     void close();
     bool is_open() const { return fd_ >= 0; }
     bool has_unwritten() const { return !unwritten_.empty(); }
@@ -55,6 +63,20 @@ class MsgFile {
     static const size_t kMaxUnwritten = 4u << 20;
 
   private:
+    // The root's lock, shared or exclusive, for the life of the object; nested holds of one
+    // process count as one (an exclusive hold covers shared ones inside it).
+    class RootLock {
+      public:
+        RootLock(MsgFile& store, bool exclusive);
+        ~RootLock();
+        RootLock(const RootLock&) = delete;
+        RootLock& operator=(const RootLock&) = delete;
+
+      private:
+        MsgFile& store_;
+    };
+    bool set_aside(const std::string& root, long long now);
+    void follow_moved_file();
     void trim_to(long long keep_bytes);
     bool write_out();
     void note_write_failure(int err);
@@ -65,6 +87,8 @@ class MsgFile {
     int fd_ = -1;      // appends (O_APPEND), opened beside fs_ on the same file
     bool batching_ = false;
     std::string batch_;
+    int lock_fd_ = -1;  // "sdk.lock", kept open
+    int lock_depth_ = 0;
     std::string unwritten_;      // whole lines not yet in the file, oldest first
     size_t unwritten_done_ = 0;  // bytes of its first line already in the current file
     bool failing_ = false;       // in an episode of failed writes
