@@ -431,7 +431,8 @@ std::string get_guid_impl() {
 }
 
 bool write_file_synced_impl(const std::string& path, const char* data, size_t len) {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // Owner-only, and never through a link planted at the temporary name.
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) return false;
     bool ok = write_all(fd, data, len) && fsync(fd) == 0;
     if (close(fd) != 0) ok = false;

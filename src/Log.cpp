@@ -34,6 +34,7 @@
 
 #include "Config.h"
 #include "HttpClient.h"
+#include "OsApi.h"
 
 namespace Velto {
 
@@ -114,9 +115,8 @@ void append_head(LineState& st, std::string& out) {
     out.append(st.head, st.head_len);
 }
 
-// Never through a link planted at the path; a new file is the owner's only.
 int open_append(const std::string& path) {
-    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
+    return open_own_file(path, O_WRONLY | O_APPEND);
 }
 
 // Under a file-size limit (RLIMIT_FSIZE) a write past it would kill the writing thread's process

@@ -164,7 +164,7 @@ long long count_lines(int fd, long long end) {
 }
 
 int open_for_append(const std::string& path) {
-    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
+    return open_own_file(path, O_WRONLY | O_APPEND);
 }
 
 bool reopen_truncated(std::fstream& fs, const std::string& msg_path) {
@@ -679,7 +679,7 @@ MsgFile::RootLock::RootLock(MsgFile& store, bool exclusive) : store_(store) {
     if (store_.lock_fd_ < 0) {
         const std::string root = root_dir();
         if (root.empty()) return;
-        store_.lock_fd_ = ::open((root + kLockName).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+        store_.lock_fd_ = open_own_file(root + kLockName, O_RDWR);
     }
     while (store_.lock_fd_ >= 0 && ::flock(store_.lock_fd_, exclusive ? LOCK_EX : LOCK_SH) != 0 &&
            errno == EINTR) {

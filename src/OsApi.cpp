@@ -3,6 +3,7 @@
 #include "OsApi.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -128,6 +129,20 @@ bool replace_file(const std::string& path, const std::string& bytes) {
         return false;
     }
     fault_point((name + ": replaced").c_str());
+    return true;
+}
+
+int open_own_file(const std::string& path, int flags) {
+    flags |= O_CREAT | O_CLOEXEC | O_NOFOLLOW;
+    int fd = ::open(path.c_str(), flags, 0600);
+    if (fd < 0 && errno == ELOOP && ::unlink(path.c_str()) == 0) fd = ::open(path.c_str(), flags, 0600);
+    return fd;
+}
+
+bool probe_root(const std::string& path) {
+    const int fd = open_own_file(path, O_WRONLY);
+    if (fd < 0) return false;
+    ::close(fd);
     return true;
 }
 

@@ -94,6 +94,12 @@ std::string get_guid();  // "{" + 32 lower-case hex digits + "}"
 // the new one, never a torn one: the bytes go to path + ".tmp", are flushed to the disk, and the
 // temporary file is renamed over path. False (the old file untouched) when any step fails.
 bool replace_file(const std::string& path, const std::string& bytes);
+// Opens one of the library's own files with flags (O_CREAT, O_CLOEXEC and O_NOFOLLOW added),
+// created owner-only (0600) when missing and never through a link: a link planted at the name is
+// removed and the file made in its place. A descriptor, or -1.
+int open_own_file(const std::string& path, int flags);
+// The root directory's probe: opens (creating when missing, never truncating) the file at path.
+bool probe_root(const std::string& path);
 
 // Test seam of the file rewrites: every step of a rewrite that a crash could interrupt (a temporary
 // file written, a rename done, a file emptied) calls fault_point with the step's name. Without a

@@ -337,9 +337,7 @@ int data_init(const char* root, const char* brand) {
         std::string prefix = std::string(root) + "/";
         if (prefix.size() < 4) return Velto::RES_BAD_ROOT;
         // The probe is the only test of the root directory; the empty file is left in place.
-        FILE* probe = fopen((prefix + "tmp").c_str(), "w");
-        if (probe == nullptr) return Velto::RES_BAD_ROOT;
-        fclose(probe);
+        if (!Velto::probe_root(prefix + "tmp")) return Velto::RES_BAD_ROOT;
 
         long long start = Velto::os_time();
         Cache::obj_->reset();

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -422,6 +424,33 @@ TEST(Delivery, BurstStaysWithinTheCapAndWritesLittle) {
         EXPECT_LE(written, 3 * record_bytes) << written << " bytes written for " << record_bytes;
         std::printf("burst of %d records: %lld bytes written for %lld bytes of records (%.2f times)\n", n,
                     written, record_bytes, static_cast<double>(written) / static_cast<double>(record_bytes));
+    });
+}
+
+// Links planted at the library's file names are never followed: their targets stay as they were,
+// and the library's own files are made in their place, owner-only whatever the umask.
+TEST(Delivery, PlantedLinksAreNotFollowed) {
+    RUN_SCENARIO({
+        vtest::TempDir outside;
+        const std::vector<std::string> names = {"tmp", "sdk.msg", "sdk.log", "sdk.lock", "sdk.cf.tmp"};
+        for (const std::string& name : names) {
+            vtest::write_file(outside.file(name), "target of " + name);
+            ASSERT_EQ(0, symlink(outside.file(name).c_str(), (root + "/" + name).c_str()));
+        }
+        umask(0);
+        RawServer server;
+        start(server, root, {{"SEND_NUM", "2"}});
+        for (int i = 0; i < 4; ++i) ASSERT_EQ(0, event(i));
+        ASSERT_TRUE(wait_requests_to(server, "/v1/file", 1));  // a batch set aside by a rename
+        stop_and_wait();
+        for (const std::string& name : names)
+            EXPECT_EQ("target of " + name, vtest::read_file(outside.file(name)));
+        for (const char* own : {"tmp", "sdk.msg", "sdk.log", "sdk.lock"}) {
+            struct stat st;
+            ASSERT_EQ(0, lstat((root + "/" + own).c_str(), &st)) << own;
+            EXPECT_TRUE(S_ISREG(st.st_mode)) << own;
+            EXPECT_EQ(0600u, st.st_mode & 0777u) << own;
+        }
     });
 }
 
