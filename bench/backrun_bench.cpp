@@ -30,6 +30,7 @@
 #include "Log.h"
 #include "OsApi.h"
 #include "Util.h"
+#include "bench_conf.h"
 #include "velto.h"
 
 namespace {
@@ -108,7 +109,7 @@ class Library {
         char tmpl[] = "/tmp/velto-bench-XXXXXX";
         if (mkdtemp(tmpl) == nullptr) return;
         root_ = tmpl;
-        write_conf();
+        vbench::write_quiet_conf(root_);
         rss_before_init_ = rss_kib();
         if (data_init(root_.c_str(), "bench") != 0) return;
         if (data_base_info("tid1", 42, "1.0", 8, "uip1", "en", "mac", "10.15", 64, "en-US", 0, "src", "u1") !=
@@ -128,25 +129,6 @@ class Library {
     const std::string& root() const { return root_; }
 
   private:
-    // Port 9 on loopback refuses at once; thresholds are out of reach.
-    void write_conf() {
-        std::string now = Util::ltoa(Velto::os_time());
-        Velto::StrMap conf = {
-            {"CONF_UPD_TIME", now},     {"CONF_UPD_GAP", "24"},
-            {"COLLECT_ON", "ON"},       {"COLLECT_WAY", "NOREAL"},
-            {"SEND_ENDPOINTS", "OFF"},  {"SEND_BEGINPOINTS", "OFF"},
-            {"SEND_GAP", "10079"},      {"SEND_NUM", "99999"},
-            {"SEND_SIZE", "20479"},     {"MAX_RESV_DAY", "7"},
-            {"MAX_FILE_SIZE", "20479"}, {"MAX_LOG_SIZE", "4000"},
-            {"LOGERR_SEND_LIM", "0"},   {"LOGERR_NUM", "0"},
-            {"SEND_LOG_ON", "OFF"},     {"SEND_CUR_CONF", "OFF"},
-            {"ZIP_DATA", "ON"},         {"CON_TIMEOUT", "1000"},
-            {"LAST_SEND", now},         {"CONF_URL", "http://127.0.0.1:9"},
-            {"ENABLE_HTTPS", "OFF"},    {"SESSION_TMOUT", "1800"},
-        };
-        std::ofstream(root_ + "/sdk.cf") << Util::fencode(Util::to_json(conf));
-    }
-
     // A record as data_event makes it: the base fields plus the call's own.
     static std::string make_record() {
         Velto::StrMap rec;

@@ -15,8 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "OsApi.h"
-#include "Util.h"
+#include "bench_conf.h"
 #include "velto.h"
 
 namespace {
@@ -27,25 +26,6 @@ struct StopFigures {
     double stop_us = -1;
     double on_disk = 0;
 };
-
-// A saved configuration that makes no fetch and no upload (port 9 refuses at once).
-void write_conf(const std::string& root) {
-    const std::string now = Util::ltoa(Velto::os_time());
-    Velto::StrMap conf = {
-        {"CONF_UPD_TIME", now},     {"CONF_UPD_GAP", "24"},
-        {"COLLECT_ON", "ON"},       {"COLLECT_WAY", "NOREAL"},
-        {"SEND_ENDPOINTS", "OFF"},  {"SEND_BEGINPOINTS", "OFF"},
-        {"SEND_GAP", "10079"},      {"SEND_NUM", "99999"},
-        {"SEND_SIZE", "20479"},     {"MAX_RESV_DAY", "7"},
-        {"MAX_FILE_SIZE", "20479"}, {"MAX_LOG_SIZE", "4000"},
-        {"LOGERR_SEND_LIM", "0"},   {"LOGERR_NUM", "0"},
-        {"SEND_LOG_ON", "OFF"},     {"SEND_CUR_CONF", "OFF"},
-        {"ZIP_DATA", "ON"},         {"CON_TIMEOUT", "1000"},
-        {"LAST_SEND", now},         {"CONF_URL", "http://127.0.0.1:9"},
-        {"ENABLE_HTTPS", "OFF"},    {"SESSION_TMOUT", "1800"},
-    };
-    std::ofstream(root + "/sdk.cf") << Util::fencode(Util::to_json(conf));
-}
 
 size_t lines_in(const std::string& path) {
     std::ifstream in(path);
@@ -59,7 +39,7 @@ StopFigures measure_in_child(int queued) {
     char tmpl[] = "/tmp/velto-stop-XXXXXX";
     if (mkdtemp(tmpl) == nullptr) return f;
     const std::string root = tmpl;
-    write_conf(root);
+    vbench::write_quiet_conf(root);
     if (data_init(root.c_str(), "bench") == 0 && data_base_info("tid1", 42, "1.0", 8, "uip1", "en", "mac",
                                                                 "10.15", 64, "en-US", 0, "src", "u1") == 0) {
         usleep(3500 * 1000);  // the initial record's three refused attempts are over
