@@ -51,8 +51,8 @@ const unsigned int kInitRetryPauseMs = 1000;
 const size_t kMaxHeld = 1000;
 const size_t kMaxMirrorBacklog = 1000;
 // How long a record that wants a send of its own waits for it while the loop is busy with another
-// transfer, and how long a stop request waits for a transfer in flight, before the record goes to
-// the file instead.
+// transfer, and how long after data_stop a transfer in flight may still finish before its record
+// goes to the file instead (data_stop waits 100 ms at most).
 const auto kHoldWindow = std::chrono::milliseconds(40);
 
 bool is_initial(const std::string& item) {
@@ -116,7 +116,6 @@ class DeliveryLoop : public WaitPump {
     void file_held(bool initial_too);
     bool file_in_hand();
     bool stop_requested() const { return owner_.stop_flag() == 2; }
-    bool stop_seen() const;  // by a wait's pump
     void end_of_run_upload();
     void shut_down();
 
@@ -166,8 +165,7 @@ class DeliveryLoop : public WaitPump {
     // not answered within the hold window, it is written to the file; it is then not sent again.
     const std::string* in_hand_ = nullptr;
     bool in_hand_saved_ = false;
-    std::string in_hand_line_;        // its line in the file, once written there
-    Clock::time_point stop_seen_at_;  // when a wait first saw the stop request (epoch: not yet)
+    std::string in_hand_line_;  // its line in the file, once written there
     Clock::time_point next_reopen_;
 };
 
@@ -196,20 +194,17 @@ void DeliveryLoop::run() {
     shut_down();
 }
 
-bool DeliveryLoop::stop_seen() const {
-    return stop_seen_at_ != Clock::time_point();
-}
-
 bool DeliveryLoop::pending() const {
-    if (Cache::obj_->count() > 0 || (stop_requested() && !owner_.stop_answered())) return true;
-    return !stop_seen() && Clock::now() >= held_until_;
+    if (Cache::obj_->count() > 0) return true;
+    if (stop_requested()) return !owner_.stop_answered();
+    return Clock::now() >= held_until_;
 }
 
 long long DeliveryLoop::wake_within_ms() const {
     Clock::time_point at;
-    if (stop_seen() && (!held_.empty() || (in_hand_ != nullptr && !in_hand_saved_)))
-        at = stop_seen_at_ + kHoldWindow;
-    else if (!stop_seen() && held_until_ != Clock::time_point::max())
+    if (stop_requested() && in_hand_ != nullptr && !in_hand_saved_)
+        at = owner_.stop_requested_at() + kHoldWindow;
+    else if (!stop_requested() && held_until_ != Clock::time_point::max())
         at = held_until_;
     else
         return -1;
@@ -219,27 +214,25 @@ long long DeliveryLoop::wake_within_ms() const {
 
 // Runs inside the loop's waits: every record queued meanwhile goes to the file, but for those that
 // want a send of their own, which wait for the end of the transfer within the hold window. Once a
-// stop is requested, the stop is answered as soon as everything is in the file or sent, and the
-// hold window after the request ends the waiting of the held records and of a record in flight.
+// stop is requested, everything held goes to the file too, and the stop is answered as soon as the
+// record in flight (if any) is sent, or written once the request has waited the hold window.
 void DeliveryLoop::pump() {
     if (!msg_.is_open() && msg_.open() != RES_OK) return;
     // Read before the queue is emptied: every record queued before the request is then written.
     const bool stopping = stop_requested();
-    if (stopping && !stop_seen()) stop_seen_at_ = Clock::now();
-    const bool file_all = stopping && Clock::now() >= stop_seen_at_ + kHoldWindow;
     bool answered;
     {
         Batch batch(*this);
         for (std::string item = Cache::obj_->get(); !item.empty(); item = Cache::obj_->get()) {
-            if (!file_all && wants_own_send(item) && held_.size() < kMaxHeld) {
+            if (!stopping && wants_own_send(item) && held_.size() < kMaxHeld) {
                 if (!is_initial(item)) held_until_ = std::min(held_until_, Clock::now() + kHoldWindow);
                 held_.push_back(std::move(item));
                 continue;
             }
             file_from_pump(item);
         }
-        if (file_all || (!stopping && Clock::now() >= held_until_)) file_held(file_all);
-        answered = stopping && held_.empty() && file_in_hand();
+        if (stopping || Clock::now() >= held_until_) file_held(stopping);
+        answered = stopping && file_in_hand();
     }
     if (answered) {
         owner_.set_running(0);
@@ -254,7 +247,7 @@ void DeliveryLoop::file_from_pump(std::string& item) {
 }
 
 // The held records go out with the next batch instead. The initial record keeps waiting for its
-// attempts until a stop request has waited the hold window.
+// attempts, unless a stop is requested.
 void DeliveryLoop::file_held(bool initial_too) {
     std::deque<std::string> kept;
     for (std::string& item : held_) {
@@ -272,7 +265,7 @@ void DeliveryLoop::file_held(bool initial_too) {
 // while the process still lives).
 bool DeliveryLoop::file_in_hand() {
     if (in_hand_ == nullptr || in_hand_saved_) return true;
-    if (Clock::now() < stop_seen_at_ + kHoldWindow) return false;
+    if (Clock::now() < owner_.stop_requested_at() + kHoldWindow) return false;
     save_to_file(*in_hand_, &in_hand_line_);
     in_hand_saved_ = true;
     return true;
@@ -821,6 +814,7 @@ void BackRun::set_stop_flag(int v) {
 
 void BackRun::stop() {
     const bool thread_runs = stop_flag() != 0;
+    stop_requested_ns_.store(std::chrono::steady_clock::now().time_since_epoch().count());
     set_stop_flag(2);
     if (!thread_runs) return;  // never started, or already ended
     doorbell().ring();

@@ -7,6 +7,7 @@
 #define VELTO_BACKRUN_H
 
 #include <atomic>
+#include <chrono>
 #include <string>
 
 #include "MsgFile.h"
@@ -26,6 +27,11 @@ class BackRun : public Thread {
     // The loop's answer to a stop request: the queue is on disk (or the thread is ending).
     void answer_stop() { stop_answered_.store(true); }
     bool stop_answered() const { return stop_answered_.load(); }
+    // When data_stop asked (meaningful once the stop flag is 2).
+    std::chrono::steady_clock::time_point stop_requested_at() const {
+        return std::chrono::steady_clock::time_point(
+            std::chrono::steady_clock::duration(stop_requested_ns_.load()));
+    }
 
     // Running flag: 1 while the library accepts records. Read without the lock by the API calls.
     int running() const { return running_.load(std::memory_order_relaxed); }
@@ -48,6 +54,7 @@ class BackRun : public Thread {
     std::atomic<int> running_{1};
     std::atomic<int> stop_{0};
     std::atomic<bool> stop_answered_{false};
+    std::atomic<long long> stop_requested_ns_{0};
 };
 
 }  // namespace Velto
