@@ -50,9 +50,11 @@ const unsigned int kInitRetryPauseMs = 1000;
 // them, records simply go to the file unmirrored.
 const size_t kMaxHeld = 1000;
 const size_t kMaxMirrorBacklog = 1000;
-// How long a record that wants a send of its own waits for it while the loop is busy with another
-// transfer, and how long after data_stop a transfer in flight may still finish before its record
-// goes to the file instead (data_stop waits 100 ms at most).
+// How long a real-time record waits for a send of its own while the loop is busy with another
+// transfer before it goes to the file instead (data_stop writes it at once).
+const auto kRealTimeHold = std::chrono::milliseconds(250);
+// How long after data_stop a transfer in flight may still finish before its record goes to the
+// file instead (data_stop waits 100 ms at most).
 const auto kHoldWindow = std::chrono::milliseconds(40);
 
 bool is_initial(const std::string& item) {
@@ -225,7 +227,7 @@ void DeliveryLoop::pump() {
         Batch batch(*this);
         for (std::string item = Cache::obj_->get(); !item.empty(); item = Cache::obj_->get()) {
             if (!stopping && wants_own_send(item) && held_.size() < kMaxHeld) {
-                if (!is_initial(item)) held_until_ = std::min(held_until_, Clock::now() + kHoldWindow);
+                if (!is_initial(item)) held_until_ = std::min(held_until_, Clock::now() + kRealTimeHold);
                 held_.push_back(std::move(item));
                 continue;
             }
