@@ -287,6 +287,14 @@ int MsgFile::open() {
     }
 }
 
+MsgFile::~MsgFile() {
+    try {
+        close();
+    } catch (...) {
+    }
+    if (lock_fd_ >= 0) ::close(lock_fd_);
+}
+
 bool MsgFile::check_drop() {
     return check_cap(size_limit_);
 }

@@ -20,6 +20,11 @@ namespace Velto {
 
 class MsgFile {
   public:
+    MsgFile() = default;
+    ~MsgFile();
+    MsgFile(const MsgFile&) = delete;
+    MsgFile& operator=(const MsgFile&) = delete;
+
     static const long long kDefaultLimit = 6291456;
 
     // (Re)opens "sdk.msg" for reading and appending, restoring it from a journal of 10 bytes or more.
