@@ -84,6 +84,7 @@ fi
 # Programs a bare Debian root lacks are named too: file (CPack's shared-library dependency step),
 # openssl (the valgrind pass's TLS server and its certificate). postgresql: the collector's PostgreSQL
 # tests start a server of their own from /usr/lib/postgresql/15/bin; libpq-dev: the collector's client.
+# libfaketime: the clock tests set a host's clock back and forth by days.
 PACKAGES=(
   build-essential cmake pkg-config git
   libcurl4-openssl-dev zlib1g-dev uuid-dev libplist-dev libssl-dev libcpp-httplib-dev
@@ -92,6 +93,7 @@ PACKAGES=(
   clang clang-format libclang-rt-14-dev llvm valgrind
   libsqlite3-dev sqlite3 chromium fonts-dejavu-core
   postgresql libpq-dev
+  libfaketime
 )
 
 missing=()

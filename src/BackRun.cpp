@@ -124,6 +124,7 @@ class DeliveryLoop : public WaitPump {
     // Batch send: sets the pending records aside and uploads every set-aside file.
     bool upload_batch();
     void note_batch_sent();
+    void take_future_times_as_now(long long now);
     bool threshold_passed(long long now) const;
     void mark_sent_now(long long now);
 
@@ -460,6 +461,7 @@ bool DeliveryLoop::idle_turn(bool skipped, bool stop_seen) {
     if (msg_.check_cap(file_cap())) count_pending();
 
     long long now = os_time();
+    take_future_times_as_now(now);
     if (threshold_passed(now) && pending_bytes_ > 0) {
         LOGI << "to send, err: " << error_time_ << ", gap: " << gap_ << ", ok: " << last_send_
              << ", send_n: " << send_num_ << ", msg_n: " << pending_count_ << ", send_s: " << size_limit_
@@ -480,7 +482,8 @@ bool DeliveryLoop::idle_turn(bool skipped, bool stop_seen) {
         // small number of seconds (the file format's history depends on it).
         if (retention_ > 0) retention_ = now - retention_;
         LOGI << "chk roll_msg size: " << file_limit_ << ", rev_tm: " << retention_ << LEND;
-        msg_.roll_msg(retention_, 0, file_limit_, newest_);
+        msg_.note_clock(now);
+        msg_.roll_msg(std::min(retention_, msg_.expiry_cutoff(now, 0)), 0, file_limit_, newest_);
     }
 
     if (tick_ % kHousekeeping == 0) {
@@ -549,6 +552,7 @@ void DeliveryLoop::mirror(const std::string& item) {
 // True when the record went out and need not be written to the file.
 bool DeliveryLoop::send_real_time(const std::string& item) {
     long long now = os_time();
+    take_future_times_as_now(now);
     if (!real_time_ || now - error_time_ <= kRetryPause) return false;
     LOGI << "snd real" << LEND;
     int r = send_msg(item, data_url_.c_str(), "data");
@@ -614,7 +618,7 @@ long long DeliveryLoop::file_cap() const {
 void DeliveryLoop::end_of_run_upload() {
     LOGI << "end, to upload" << LEND;
     if (upload_batch()) {
-        conf_.set("LAST_SEND", newest_);
+        conf_.set("LAST_SEND", std::min(newest_, os_time()));
         LOGI << "upload ok" << LEND;
     } else {
         LOGW << "upload fail" << LEND;
@@ -640,11 +644,20 @@ bool DeliveryLoop::upload_batch() {
 
 // The records written while the batch was in flight are in the fresh file and still pending.
 void DeliveryLoop::note_batch_sent() {
-    last_send_ = newest_;
-    conf_.set("LAST_SEND", newest_);
+    const long long now = os_time();
+    take_future_times_as_now(now);
+    last_send_ = std::min(newest_, now);
+    conf_.set("LAST_SEND", last_send_);
     conf_.save_conf(true);
     pending_count_ = std::max(0LL, pending_count_ - batch_count_);
     pending_bytes_ = std::max(0LL, pending_bytes_ - batch_bytes_);
+}
+
+// A clock set back leaves times in the future; each counts as now, so that a pause after a
+// failed upload, or the age threshold, is not stretched by the length of the jump.
+void DeliveryLoop::take_future_times_as_now(long long now) {
+    error_time_ = std::min(error_time_, now);
+    last_send_ = std::min(last_send_, now);
 }
 
 bool DeliveryLoop::threshold_passed(long long now) const {

@@ -18,6 +18,7 @@
 #include <iterator>
 #include <string_view>
 #include <unordered_set>
+#include <vector>
 
 #include "ComInc.h"
 #include "Config.h"
@@ -528,16 +529,22 @@ class BatchLock {
     bool held_ = false;
 };
 
-// Uploads one set-aside file; it is deleted once the server took it or when it holds no record.
+// Uploads one set-aside file; it is deleted once the server took it, when it holds no record, or
+// when its newest record is older than cutoff (a time in the future counts as now).
 bool send_set_aside(MsgFile& store, const std::string& path, const std::string& url,
-                    const std::string& guid) {
+                    const std::string& guid, long long now, long long cutoff) {
     std::string body;
+    long long newest = 0;
     {
         std::fstream file(path, std::ios::in | std::ios::out);
-        long long newest = 0;
         body = store.comb_msg(0, 0, 0, newest, &file);
     }
     if (body.empty()) {
+        std::remove(path.c_str());
+        return true;
+    }
+    if (std::min(newest, now) < cutoff) {
+        LOGW << "msg file expired: " << path << LEND;
         std::remove(path.c_str());
         return true;
     }
@@ -552,7 +559,69 @@ bool send_set_aside(MsgFile& store, const std::string& path, const std::string& 
     return true;
 }
 
+struct SetAside {
+    std::string name;
+    std::string guid;
+    long long time;
+    long long bytes;
+};
+
+// The set-aside files of the root, oldest first by the time in their names.
+std::vector<SetAside> set_aside_files(const std::string& root) {
+    StrList names;
+    get_files(root, names);
+    std::vector<SetAside> files;
+    for (const std::string& name : names) {
+        std::string guid;
+        long long time = 0;
+        struct stat st;
+        if (!starts_with(name, kSetAsidePrefix, kSetAsidePrefixLen)) continue;
+        if (!parse_set_aside_name(name, guid, time)) {
+            LOGW << "msg file: " << name << LEND;
+            continue;
+        }
+        if (::lstat((root + name).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+        files.push_back({name, guid, time, static_cast<long long>(st.st_size)});
+    }
+    std::stable_sort(files.begin(), files.end(),
+                     [](const SetAside& a, const SetAside& b) { return a.time < b.time; });
+    return files;
+}
+
+// While the server does not take them, set-aside files could fill the disk: past the cap the
+// oldest go (each under its own lock, so never one that another process is uploading).
+// The files dropped leave the list.
+void bound_set_aside(const std::string& root, std::vector<SetAside>& files, long long cap) {
+    long long total = 0;
+    for (const SetAside& f : files) total += f.bytes;
+    for (auto it = files.begin(); it != files.end() && total > cap;) {
+        const std::string path = root + it->name;
+        BatchLock batch(path);
+        if (!batch.held()) {
+            ++it;
+            continue;
+        }
+        LOGW << "msg file dropped over cap: " << path << LEND;
+        std::remove(path.c_str());
+        total -= it->bytes;
+        it = files.erase(it);
+    }
+}
+
 }  // namespace
+
+// The cut-off of the retention period: records stamped before it have expired. Never later than
+// the earliest time this run stamped, so that a clock set right during the run does not expire
+// what the run itself wrote under the wrong clock.
+long long MsgFile::expiry_cutoff(long long now, long long retention) const {
+    long long cutoff = 0;
+    if (__builtin_sub_overflow(now, retention, &cutoff)) cutoff = LLONG_MIN;
+    return std::min(cutoff, run_floor_);
+}
+
+void MsgFile::note_clock(long long now) {
+    run_floor_ = std::min(run_floor_, now);
+}
 
 bool MsgFile::process_msgs(bool has_new) {
     try {
@@ -565,30 +634,20 @@ bool MsgFile::process_msgs(bool has_new) {
         }
         LOGI << "process_msgs: " << (has_new ? 1 : 0) << LEND;
         const long long now = os_time();
+        note_clock(now);
         if (has_new && !set_aside(root, now)) return false;
+        std::vector<SetAside> files = set_aside_files(root);
+        bound_set_aside(root, files, kSetAsideCap);
 
         const long long retention =
             static_cast<long long>(std::atoi(conf.get_str("MAX_RESV_DAY").c_str())) * kSecondsPerDay;
+        const long long cutoff = expiry_cutoff(now, retention);
         const std::string url = base + "/v1/file";
-        StrList names;
-        get_files(root, names);
-        for (const std::string& name : names) {
-            if (!starts_with(name, kSetAsidePrefix, kSetAsidePrefixLen)) continue;
-            std::string guid;
-            long long file_time = 0;
-            if (!parse_set_aside_name(name, guid, file_time)) {
-                LOGW << "msg file: " << name << LEND;
-                continue;
-            }
-            const std::string path = root + name;
+        for (const SetAside& file : files) {
+            const std::string path = root + file.name;
             BatchLock batch(path);
             if (!batch.held()) continue;  // another process is on it, or it is gone
-            // Written as a comparison against the cut-off so that no name can overflow the subtraction.
-            if (file_time < now - retention) {
-                std::remove(path.c_str());
-                continue;
-            }
-            if (!send_set_aside(*this, path, url, guid)) return false;
+            if (!send_set_aside(*this, path, url, file.guid, now, cutoff)) return false;
         }
         return true;
     } catch (...) {
@@ -602,6 +661,7 @@ bool MsgFile::append(long long time, const std::string& encoded) {
     try {
         char stamp[32];
         const int n = std::snprintf(stamp, sizeof(stamp), "%lld,", time);
+        note_clock(time);
         std::string& lines = batching_ ? batch_ : unwritten_;
         lines.append(stamp, static_cast<size_t>(n));
         lines += encoded;

@@ -11,6 +11,7 @@
 #ifndef VELTO_MSGFILE_H
 #define VELTO_MSGFILE_H
 
+#include <climits>
 #include <fstream>
 #include <string>
 
@@ -66,6 +67,14 @@ class MsgFile {
     long long size_limit() const { return size_limit_; }
 
     static const size_t kMaxUnwritten = 4u << 20;
+    // The bound of all set-aside batches together; past it the oldest are dropped.
+    static const long long kSetAsideCap = kDefaultLimit;
+
+    // The cut-off before which records have expired, given the retention period in seconds: never
+    // later than the earliest time this run stamped a record or a batch.
+    long long expiry_cutoff(long long now, long long retention) const;
+    // Tells the store a time the clock showed during this run.
+    void note_clock(long long now);
 
   private:
     // The root's lock, shared or exclusive, for the life of the object; nested holds of one
@@ -97,6 +106,7 @@ class MsgFile {
     std::string unwritten_;      // whole lines not yet in the file, oldest first
     size_t unwritten_done_ = 0;  // bytes of its first line already in the current file
     bool failing_ = false;       // in an episode of failed writes
+    long long run_floor_ = LLONG_MAX;  // the earliest time this run stamped
 };
 
 }  // namespace Velto

@@ -208,20 +208,37 @@ TEST_F(MsgStore, FailedUploadKeepsTheFilesAndStopsTheWalk) {
     EXPECT_FALSE(vtest::file_exists(file(a)) || vtest::file_exists(file(b)));
 }
 
+TEST_F(MsgStore, SetAsideFilesBeyondTheirCapLoseTheOldest) {
+    server_.set_reply("{\"status\":1}");
+    std::string content;
+    for (int i = 0; content.size() < Velto::MsgFile::kSetAsideCap * 2 / 5; ++i) content += line(now_, i);
+    const std::string oldest = set_aside("{a}", now_ - 2, content);
+    const std::string older = set_aside("{b}", now_ - 1, content);
+    const std::string newest = set_aside("{c}", now_, content);
+    EXPECT_FALSE(store_.process_msgs(false));
+    EXPECT_FALSE(vtest::file_exists(file(oldest)));
+    EXPECT_TRUE(vtest::file_exists(file(older)) && vtest::file_exists(file(newest)));
+    EXPECT_TRUE(has(log(), "msg file dropped over cap: " + file(oldest)));
+}
+
 TEST_F(MsgStore, ExpiredEmptyAndMalformedSetAsideFiles) {
-    const std::string week_old = set_aside("{a}", now_ - 7 * 86400 - 1, line(now_, 1));
+    // Expiry goes by the newest record, not by the time in the name (a clock set right since).
+    const std::string week_old = set_aside("{a}", now_, line(now_ - 7 * 86400 - 1, 1));
+    const std::string old_name = set_aside("{d}", now_ - 30 * 86400, line(now_, 3));
     const std::string invalid = set_aside("{b}", now_, "12345,not a record\n\n");
     const std::string good = set_aside("x}", now_, line(now_, 1));
     const std::string bad = set_aside("}", now_, line(now_, 2));  // nothing before the brace
     EXPECT_TRUE(store_.process_msgs(false));
     Velto::Config::obj_->set("MAX_RESV_DAY", "0");
-    const std::string past = set_aside("{c}", now_ - 1, line(now_, 1));
+    const std::string past = set_aside("{c}", now_, line(now_ - 1, 1));
     EXPECT_TRUE(store_.process_msgs(false));
-    for (const std::string& name : {week_old, invalid, past, good})
+    for (const std::string& name : {week_old, invalid, past, good, old_name})
         EXPECT_FALSE(vtest::file_exists(file(name))) << name;
     EXPECT_TRUE(vtest::file_exists(file(bad)));
     EXPECT_TRUE(has(log(), "msg file: " + bad));
+    EXPECT_TRUE(has(log(), "msg file expired: " + file(week_old)));
     const auto got = vtest::file_uploads(server_);
-    ASSERT_EQ(1u, got.size());  // only the good one, named by what comes before the time
-    EXPECT_EQ("x}", got[0].first);
+    ASSERT_EQ(2u, got.size());  // oldest name first, each named by what comes before the time
+    EXPECT_EQ("{d}", got[0].first);
+    EXPECT_EQ("x}", got[1].first);
 }
