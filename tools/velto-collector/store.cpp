@@ -282,9 +282,9 @@ std::vector<SliceCount> Store::counts_over_time(const RecordFilter& filter, int6
     params.push_back(Param::of(max_rows));
     std::vector<SliceCount> out;
     // time and the slice are whole numbers in both databases, so "/" truncates.
-    for (const Row& row : (*c)->query("SELECT time / ?, kind, count(*) FROM records" + where +
-                                          " GROUP BY 1, 2 ORDER BY 1, 2 LIMIT ?",
-                                      params, d)) {
+    for (const Row& row : (*c)->query(
+             "SELECT time / ?, kind, count(*) FROM records" + where + " GROUP BY 1, 2 ORDER BY 1, 2 LIMIT ?",
+             params, d)) {
         SliceCount n;
         n.start = number(row.at(0)) * slice_ms;
         n.kind = row.at(1);
