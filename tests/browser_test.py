@@ -76,11 +76,11 @@ class CollectorPage(unittest.TestCase):
              str(self.http_port), "--db", self.dir + "/collector.db", "--cert-dir", self.dir + "/cert"],
             stdout=self.log, stderr=subprocess.STDOUT, start_new_session=True)
         self.addCleanup(self.stop_collector)
-        self.assertTrue(self.settle(lambda: self.api("/api/stats") is not None, True, 20), self.output())
+        self.assertTrue(self.settle(lambda: self.api("/api/stats") is not None, True, 20))
         options = webdriver.ChromeOptions()
         options.binary_location = CHROMIUM
         for arg in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
-                    "--hide-scrollbars", "--window-size=1400,1000", "--user-data-dir=" + self.dir + "/profile"):
+                    "--hide-scrollbars", "--window-size=1400,1000", "--user-data-dir=" + self.dir + "/p"):
             options.add_argument(arg)
         options.add_experimental_option("prefs", {"download.default_directory": self.downloads,
                                                   "download.prompt_for_download": False})
@@ -89,12 +89,16 @@ class CollectorPage(unittest.TestCase):
         self.driver.set_page_load_timeout(30)
         self.driver.set_script_timeout(10)
         self.driver.get(self.url("/"))
-        self.assertEqual("open", self.settle(lambda: self.js("document.getElementById('live').dataset.state"), "open"))
+        live = lambda: self.js("document.getElementById('live').dataset.state")
+        self.assertEqual("open", self.settle(live, "open"))
         self.js("window.velto_marker = 'same page'")  # any reload of the page would drop it
 
     def stop_collector(self):
         self.collector.terminate()
-        self.collector.wait(20)
+        try:
+            self.collector.wait(20)
+        except subprocess.TimeoutExpired:
+            self.collector.kill()
         self.log.close()
         print("--- collector output:\n" + self.output())  # CTest shows it when the test fails
         shutil.rmtree(self.dir, ignore_errors=True)
@@ -129,8 +133,10 @@ class CollectorPage(unittest.TestCase):
 
     def rows(self, column):
         """The table's rows, one value per row: column is a cell class or "kind"/"id"."""
-        value = "tr.dataset." + column if column in ("kind", "id") else "tr.querySelector('td.%s').textContent" % column
-        return self.js("Array.from(document.querySelectorAll('#records tbody tr[data-id]')).map(tr => %s)" % value)
+        value = "tr.dataset." + column if column in ("kind", "id") else \
+            "tr.querySelector('td.%s').textContent" % column
+        return self.js("Array.from(document.querySelectorAll('#records tbody tr[data-id]'))"
+                       ".map(tr => %s)" % value)
 
     def api_ids(self, query):
         return [str(r["id"]) for r in self.api("/api/records?" + query)["records"]]
@@ -139,8 +145,9 @@ class CollectorPage(unittest.TestCase):
         """Sets a filter field as a user would: a kind is chosen, a text field applied with the button."""
         field_id = "filter-" + field
         if field == "kind":  # the choices come from the counts, which follow the records
-            self.assertTrue(self.settle(lambda: self.js("Array.from(document.getElementById(arguments[0]).options)"
-                                                        ".some(o => o.value === arguments[1])", field_id, value), True))
+            offered = lambda: self.js("Array.from(document.getElementById(arguments[0]).options)"
+                                      ".some(o => o.value === arguments[1])", field_id, value)
+            self.assertTrue(self.settle(offered, True))
             Select(self.driver.find_element(By.ID, field_id)).select_by_value(value)
         else:
             box = self.driver.find_element(By.ID, field_id)
@@ -151,8 +158,8 @@ class CollectorPage(unittest.TestCase):
     def run_host(self, *records):
         home = os.path.join(self.dir, "home-%d" % time.monotonic_ns())
         env = dict(os.environ, HOME=home, VELTO_COLLECT_HOST="127.0.0.1:%d" % self.https_port)
-        subprocess.run([sys.executable, __file__, BUILD, LIBRARY, "--host", home + "/root", json.dumps(records)],
-                       env=env, timeout=90, check=True)
+        subprocess.run([sys.executable, __file__, BUILD, LIBRARY, "--host", home + "/root",
+                        json.dumps(records)], env=env, timeout=90, check=True)
 
     def run_demo(self):
         home = os.path.join(self.dir, "demo-home")
@@ -166,8 +173,9 @@ class CollectorPage(unittest.TestCase):
         want = collections.Counter()
         for r in self.api("/api/records?limit=5000&" + query)["records"]:
             want["%d %s" % (r["time"] // 60000 * 60000, r["kind"])] += 1
-        bars = lambda: collections.Counter({"%s %s" % (b["time"], b["kind"]): int(b["count"]) for b in self.js(
-            "Array.from(document.querySelectorAll('#chart-svg rect.bar')).map(r => Object.assign({}, r.dataset))")})
+        bars = lambda: collections.Counter(self.js(
+            "Object.fromEntries(Array.from(document.querySelectorAll('#chart-svg rect.bar'))"
+            ".map(r => [r.dataset.time + ' ' + r.dataset.kind, Number(r.dataset.count)]))"))
         self.assertEqual(want, self.settle(bars, want))
 
     def export(self, button, name):
@@ -184,26 +192,28 @@ class CollectorPage(unittest.TestCase):
         ids = self.api_ids("")
         self.assertEqual(ids, self.settle(lambda: self.rows("id"), ids))  # newest first, without a reload
         self.assertEqual("same page", self.js("window.velto_marker"))
-        mine = [(k, c, l, v) for k, c, l, v in zip(*(self.rows(col) for col in ("kind", "category", "label", "value")))
-                if k != "init"]
+        shown = list(zip(*(self.rows(column) for column in ("kind", "category", "label", "value"))))
         self.assertEqual([("timing", "export", "pdf", "1520 ms"), ("event", SCRIPT, IMAGE, "2"),
-                          ("event", "toolbar", "save", "1"), ("screenview", "MainWindow", "", "")], mine)
+                          ("event", "toolbar", "save", "1"), ("screenview", "MainWindow", "", ""),
+                          ("init", "", "", "")], shown)
         self.assertTrue(self.js("Array.from(document.querySelectorAll('#records tbody td.ostime'))"
                                 ".every(td => /^\\d\\d:\\d\\d:\\d\\d$/.test(td.textContent))"))
-        self.assertEqual(0, self.js("document.querySelectorAll('#records tbody script, #records tbody img').length"))
+        self.assertEqual(0, self.js("document.querySelectorAll('#records tbody :is(script, img)').length"))
         self.assertEqual("undefined", self.js("typeof window.velto_injected"))
 
         # The panel's counts are the API's and what was sent; the chart's bars the records by minute.
-        sent = {k: v for k, v in self.api("/api/stats?minutes=10")["recent"]["kinds"].items()}
-        self.assertEqual({"event": 2, "screenview": 1, "timing": 1}, {k: sent[k] for k in ("event", "screenview", "timing")})
-        panel = lambda: {tr.get_attribute("data-kind"): int(tr.find_element(By.CSS_SELECTOR, "td.recent").text)
-                         for tr in self.driver.find_elements(By.CSS_SELECTOR, "#stats tbody tr[data-kind]")}
+        sent = {"event": 2, "init": 1, "screenview": 1, "timing": 1}
+        self.assertEqual(sent, self.api("/api/stats?minutes=10")["recent"]["kinds"])
+        panel = lambda: self.js(
+            "Object.fromEntries(Array.from(document.querySelectorAll('#stats tr[data-kind]'))"
+            ".map(tr => [tr.dataset.kind, Number(tr.querySelector('td.recent').textContent)]))")
         self.assertEqual(sent, self.settle(panel, sent))
         self.check_chart("")
 
         # Every upload is listed, with its result; a click shows the whole record.
         total = self.api("/api/requests")["total"]
-        self.assertEqual(total, self.settle(lambda: self.js("document.querySelectorAll('#requests tbody tr').length"), total))
+        listed = lambda: self.js("document.querySelectorAll('#requests tbody tr').length")
+        self.assertEqual(total, self.settle(listed, total))
         self.assertEqual("ok", self.js("document.querySelector('#requests tbody tr td.result').textContent"))
         self.driver.find_element(By.CSS_SELECTOR, "#records tbody tr[data-kind=timing]").click()
         detail = json.loads(self.driver.find_element(By.ID, "detail-json").text)
@@ -272,6 +282,7 @@ if __name__ == "__main__":
         print("python3-selenium is not installed (.ci/install-deps.sh installs it): the page is not tested")
         sys.exit(77)
     if not (os.access(CHROMIUM, os.X_OK) and os.access(CHROMEDRIVER, os.X_OK)):
-        print("chromium or chromium-driver is not installed (.ci/install-deps.sh installs them): the page is not tested")
+        print("chromium or chromium-driver is not installed (.ci/install-deps.sh installs them): "
+              "the page is not tested")
         sys.exit(77)
     unittest.main(argv=[sys.argv[0]] + sys.argv[3:])
