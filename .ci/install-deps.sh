@@ -85,13 +85,14 @@ fi
 # openssl (the valgrind pass's TLS server and its certificate). postgresql: the collector's PostgreSQL
 # tests start a server of their own from /usr/lib/postgresql/15/bin; libpq-dev: the collector's client.
 # libfaketime: the clock tests set a host's clock back and forth by days.
+# chromium, chromium-driver and python3-selenium: the browser test of the collector's page.
 PACKAGES=(
   build-essential cmake pkg-config git
   libcurl4-openssl-dev zlib1g-dev uuid-dev libplist-dev libssl-dev libcpp-httplib-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   binutils ca-certificates dpkg-dev file openssl
   clang clang-format libclang-rt-14-dev llvm valgrind
-  libsqlite3-dev sqlite3 chromium fonts-dejavu-core
+  libsqlite3-dev sqlite3 chromium chromium-driver python3-selenium fonts-dejavu-core
   postgresql libpq-dev
   libfaketime
 )

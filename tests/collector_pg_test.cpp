@@ -140,6 +140,10 @@ TEST_F(CollectorPg, TwoCollectorsShareOneDatabaseAndStoreEachRecordOnce) {
     const std::string stats = get(a.url("/api/stats")).second;
     EXPECT_TRUE(vtest::has(stats, R"({"records":206,)")) << stats;
     EXPECT_TRUE(vtest::has(stats, R"("repeats":20,)")) << stats;
+    const std::string timeline = get(a.url("/api/timeline?step=60")).second;  // every record, by hour
+    EXPECT_EQ("206", pg_.value("SELECT sum((s->>'count')::int) FROM json_array_elements('" + timeline +
+                               "'::json->'slices') s"))
+        << timeline;
     EXPECT_EQ(200, get(a.url("/healthz")).first);
     const std::string metrics = get(a.url("/metrics")).second + get(b.url("/metrics")).second;
     EXPECT_TRUE(vtest::has(metrics, "velto_requests_total{endpoint=\"/v1/file\",result=\"repeat\"}"))

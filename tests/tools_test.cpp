@@ -464,19 +464,22 @@ TEST_F(CollectorTest, ApiFiltersCountsRepeatsAndEscapesEveryLabel) {
                                                           {"$.sessions", "2"}, {"$.bad_requests", "0"}};
     for (const auto& count : counts)
         EXPECT_EQ(count.second, json_at(stats, count.first)) << count.first << "\n" << stats;
+    // Over all time the timeline widens its slices (a bounded answer) and still counts every record.
+    const std::string timeline = get(http("/api/timeline?since=0&kind=event")).second;
+    EXPECT_EQ("3", sql_column(":memory:",
+                              "SELECT sum(json_extract(value, '$.count')) FROM json_each(?1, '$.slices')",
+                              {timeline})[0])
+        << timeline;
     const std::string requests = get(http("/api/requests")).second;
     EXPECT_EQ("repeat", json_at(requests, "$.requests[1].result")) << requests;
     EXPECT_EQ("{b1}", json_at(requests, "$.requests[1].batch"));
     EXPECT_EQ("https", json_at(requests, "$.requests[0].scheme"));
     EXPECT_EQ(4u, records().size());
 
-    const std::string bad_queries[] = {"records?limit=abc",
-                                       "records?since=xyz",
-                                       "records?order=up",
-                                       "records?after=-1",
-                                       "requests?limit=1e3",
-                                       "stats?minutes=0",
-                                       "records?kind=" + std::string(5000, 'k')};
+    const std::string bad_queries[] = {"records?limit=abc",  "records?since=xyz",
+                                       "records?order=up",   "records?after=-1",
+                                       "requests?limit=1e3", "stats?minutes=0",
+                                       "timeline?step=0",    "records?kind=" + std::string(5000, 'k')};
     for (const std::string& query : bad_queries) {
         const auto reply = get(http("/api/" + query));
         EXPECT_EQ(400, reply.first) << query;
@@ -484,7 +487,7 @@ TEST_F(CollectorTest, ApiFiltersCountsRepeatsAndEscapesEveryLabel) {
     }
     EXPECT_EQ(0, stop());
     EXPECT_TRUE(vtest::has(out(), "3 records: a batch stored before, not stored again")) << out();
-    EXPECT_EQ(7u, count_with(lines_of(err()), {"bad request: GET http://127.0.0.1:"})) << err();
+    EXPECT_EQ(8u, count_with(lines_of(err()), {"bad request: GET http://127.0.0.1:"})) << err();
 }
 
 // A GET /api/stream connection, read through a raw socket.

@@ -5,6 +5,7 @@
 
 #include <httplib.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -19,6 +20,7 @@ namespace {
 const int64_t kDefaultRecords = 200, kMaxRecords = 5000;
 const int64_t kDefaultRequests = 100, kMaxRequests = 5000;
 const int64_t kDefaultMinutes = 10, kMaxMinutes = 60 * 24 * 366 * 10;
+const int64_t kDefaultTimelineMinutes = 60, kMaxSlices = 1440, kMaxTimelineRows = 20000;
 const size_t kMaxTextParam = 1024;  // longer filter texts are refused
 const size_t kMaxDigits = 15;       // up to ~3e7 years of milliseconds
 
@@ -96,9 +98,8 @@ std::string counts_json(const std::map<std::string, int64_t>& counts) {
     return out + "}";
 }
 
-void serve_records(Store& store, const httplib::Request& req, httplib::Response& res,
-                   const BadQueryReport& report) {
-    QueryReader q(req);
+// The filter members that /api/records and /api/timeline share.
+RecordFilter record_filter(QueryReader& q) {
     RecordFilter f;
     f.kind = q.text("kind");
     f.category = q.text("category");
@@ -107,6 +108,13 @@ void serve_records(Store& store, const httplib::Request& req, httplib::Response&
     if (f.text && f.text->empty()) f.text.reset();
     f.since = q.number("since", 0, INT64_MAX);
     f.until = q.number("until", 0, INT64_MAX);
+    return f;
+}
+
+void serve_records(Store& store, const httplib::Request& req, httplib::Response& res,
+                   const BadQueryReport& report) {
+    QueryReader q(req);
+    RecordFilter f = record_filter(q);
     f.after = q.number("after", 0, INT64_MAX);
     f.limit = q.number("limit", 0, kMaxRecords, true).value_or(kDefaultRecords);
     f.oldest_first = q.order_oldest_first().value_or(false);
@@ -151,6 +159,37 @@ void serve_stats(Store& store, const httplib::Request& req, httplib::Response& r
                         counts_json(s.kinds) + ",\"recent\":{\"minutes\":" + std::to_string(minutes) +
                         ",\"kinds\":" + counts_json(s.recent_kinds) +
                         "},\"sessions\":" + std::to_string(s.sessions) + "}");
+}
+
+// The slice (whole minutes, at least the one asked for) that cuts since..until into at most
+// kMaxSlices pieces, so that a long range cannot ask for an unbounded answer.
+int64_t slice_minutes(int64_t since, int64_t until, int64_t asked) {
+    const int64_t span_minutes = (until - since) / 60000 + 1;
+    return std::max(asked, (span_minutes + kMaxSlices - 1) / kMaxSlices);
+}
+
+void serve_timeline(Store& store, const httplib::Request& req, httplib::Response& res,
+                    const BadQueryReport& report) {
+    QueryReader q(req);
+    RecordFilter f = record_filter(q);
+    const int64_t asked = q.number("step", 1, kMaxMinutes).value_or(1);
+    if (refuse_bad_query(q, req, res, report)) return;
+    const int64_t until = f.until.value_or(now_ms());
+    const int64_t since =
+        std::min(until, f.since.value_or(std::max<int64_t>(0, until - kDefaultTimelineMinutes * 60000)));
+    f.since = since;
+    f.until = until;
+    const int64_t step = slice_minutes(since, until, asked);
+    std::string body = "{\"since\":" + std::to_string(since) + ",\"until\":" + std::to_string(until) +
+                       ",\"step\":" + std::to_string(step) + ",\"slices\":[";
+    bool first = true;
+    for (const SliceCount& n : store.counts_over_time(f, step * 60000, kMaxTimelineRows)) {
+        if (!first) body += ',';
+        first = false;
+        body += "{\"time\":" + std::to_string(n.start) + ",\"kind\":" + json_string(n.kind) +
+                ",\"count\":" + std::to_string(n.count) + "}";
+    }
+    reply_json(res, body + "]}");
 }
 
 // A failing query (a database error) still gets a JSON answer and a terminal line.
@@ -205,6 +244,9 @@ void install_api(httplib::Server& server, Store& store, EventHub& hub, BadQueryR
         guarded([&store, report](Req req, Res res) { serve_requests(store, req, res, report); }, report));
     server.Get("/api/stats",
                guarded([&store, report](Req req, Res res) { serve_stats(store, req, res, report); }, report));
+    server.Get(
+        "/api/timeline",
+        guarded([&store, report](Req req, Res res) { serve_timeline(store, req, res, report); }, report));
     server.Get("/api/stream", guarded([&hub](Req req, Res res) { hub.serve(req, res); }, report));
 }
 

@@ -1,7 +1,7 @@
 // velto-collector's JSON API and page, served on its plain-HTTP port for the page kept open beside
-// the application under test: GET / (the embedded page), /api/records, /api/requests, /api/stats and
-// /api/stream (server-sent events). main.cpp installs the routes and publishes through the same JSON
-// forms (record_json, request_json) on the stream.
+// the application under test: GET / (the embedded page), /api/records, /api/requests, /api/stats,
+// /api/timeline and /api/stream (server-sent events). main.cpp installs the routes and publishes
+// through the same JSON forms (record_json, request_json) on the stream.
 #ifndef VELTO_COLLECTOR_API_H
 #define VELTO_COLLECTOR_API_H
 

@@ -271,6 +271,29 @@ Stats Store::stats(int64_t recent_since_ms) {
     return s;
 }
 
+std::vector<SliceCount> Store::counts_over_time(const RecordFilter& filter, int64_t slice_ms,
+                                                int64_t max_rows) {
+    const Deadline d = deadline();
+    auto c = pool_->take(d);
+    RecordFilter f = filter;
+    f.after.reset();
+    std::vector<Param> params = {Param::of(slice_ms)};
+    const std::string where = record_conditions(f, backend_->like_any_case(), params);
+    params.push_back(Param::of(max_rows));
+    std::vector<SliceCount> out;
+    // time and the slice are whole numbers in both databases, so "/" truncates.
+    for (const Row& row : (*c)->query(
+             "SELECT time / ?, kind, count(*) FROM records" + where + " GROUP BY 1, 2 ORDER BY 1, 2 LIMIT ?",
+             params, d)) {
+        SliceCount n;
+        n.start = number(row.at(0)) * slice_ms;
+        n.kind = row.at(1);
+        n.count = number(row.at(2));
+        out.push_back(n);
+    }
+    return out;
+}
+
 bool Store::ping() {
     try {
         const Deadline d = deadline();

@@ -52,6 +52,13 @@ struct RecordFilter {
     bool oldest_first = false;
 };
 
+// Records of one kind received in one slice of time (the page's chart).
+struct SliceCount {
+    int64_t start = 0;  // ms since the epoch, a multiple of the slice's length
+    std::string kind;
+    int64_t count = 0;
+};
+
 struct Stats {
     int64_t records = 0, requests = 0, repeats = 0, bad_requests = 0, sessions = 0;
     std::map<std::string, int64_t> kinds;         // all time
@@ -86,6 +93,9 @@ class Store {
     // Requests newest first with id > after (when given), at most limit; total = all that match.
     std::vector<RequestRow> requests(int64_t limit, std::optional<int64_t> after, int64_t& total);
     Stats stats(int64_t recent_since_ms);
+    // Counts of the records matching the filter (its limit, after and order aside) per kind and per
+    // slice of slice_ms milliseconds, oldest first, empty slices left out; at most max_rows rows.
+    std::vector<SliceCount> counts_over_time(const RecordFilter& filter, int64_t slice_ms, int64_t max_rows);
     // True when the database answers a trivial query within the timeout.
     bool ping();
     // Partitions ahead and retention (Backend::maintain); throws DatabaseError.

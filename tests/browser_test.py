@@ -1,0 +1,288 @@
+#!/usr/bin/env python3
+"""The collector's page in headless Chromium, driven by Selenium. velto-collector runs with a fresh
+database and the page open; only then does the library (libVelto through ctypes in a child process,
+and the velto-demo program) upload records, and the test reads the page: rows appear without a
+reload, markup in labels shows as text, the counts, the chart and the exports match the API and
+what was sent, filters narrow the table and the live stream, a session link and a shared URL show
+their view. A screenshot goes to BUILD/browser/collector.png.
+
+    browser_test.py BUILD_DIR LIBVELTO [unittest arguments]
+
+Exits 77 (skipped) when chromium, chromedriver or Debian's python3-selenium is missing."""
+import collections
+import csv
+import ctypes
+import json
+import os
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+import urllib.request
+
+CHROMIUM, CHROMEDRIVER = "/usr/bin/chromium", "/usr/bin/chromedriver"
+SCRIPT = "<script>window.velto_injected=1</script>"  # category and label: they must show as text
+IMAGE = "<img src=x onerror=velto_injected=2>"
+BUILD, LIBRARY = (sys.argv[1:3] + ["", ""])[:2]
+
+
+def record_host(root, records):
+    """The library in this process: starts, records [call, *args] for each record, stops and waits
+    (bounded) for its last upload. Runs in a child process, a session of its own."""
+    lib = ctypes.CDLL(LIBRARY)
+    text, number = ctypes.c_char_p, ctypes.c_longlong
+    for call, args in {"data_base_info": [text, number, text, ctypes.c_int] + [text] * 4 +
+                       [ctypes.c_int, text, number, text, text], "data_screen": [text],
+                       "data_event": [text] * 3 + [number], "data_count": [text, number, text]}.items():
+        getattr(lib, call).argtypes = args
+    os.makedirs(root, exist_ok=True)
+    assert lib.data_init(root.encode(), b"browser-test") == 0
+    assert lib.data_base_info(b"tid", 42, b"1.0", 60, b"127.0.0.1", b"en", b"Linux", b"12", 64, b"en_US", 0,
+                              b"src", b"u1") == 0
+    for call, *args in records:
+        assert getattr(lib, call)(*[a.encode() if isinstance(a, str) else a for a in args]) == 0, (call, args)
+    lib.data_stop()
+    log = os.path.join(root, "sdk.log")
+    for _ in range(600):
+        if os.path.exists(log):
+            with open(log, errors="replace") as f:
+                if "back thread stop ..." in f.read():
+                    return 0
+        time.sleep(0.1)
+    return 1
+
+
+def free_ports(n):
+    socks = [socket.socket() for _ in range(n)]
+    for s in socks:
+        s.bind(("127.0.0.1", 0))
+    ports = [s.getsockname()[1] for s in socks]
+    for s in socks:
+        s.close()
+    return ports
+
+
+class CollectorPage(unittest.TestCase):
+    def setUp(self):
+        self.dir = tempfile.mkdtemp(prefix="velto-browser-")
+        self.downloads = os.path.join(self.dir, "downloads")
+        self.http_port, self.https_port = free_ports(2)
+        self.log = open(os.path.join(self.dir, "collector.log"), "w")
+        self.collector = subprocess.Popen(
+            [BUILD + "/tools/velto-collector", "--https-port", str(self.https_port), "--http-port",
+             str(self.http_port), "--db", self.dir + "/collector.db", "--cert-dir", self.dir + "/cert"],
+            stdout=self.log, stderr=subprocess.STDOUT, start_new_session=True)
+        self.addCleanup(self.stop_collector)
+        self.assertTrue(self.settle(lambda: self.api("/api/stats") is not None, True, 20))
+        options = webdriver.ChromeOptions()
+        options.binary_location = CHROMIUM
+        for arg in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+                    "--hide-scrollbars", "--window-size=1400,1000", "--user-data-dir=" + self.dir + "/p"):
+            options.add_argument(arg)
+        options.add_experimental_option("prefs", {"download.default_directory": self.downloads,
+                                                  "download.prompt_for_download": False})
+        self.driver = webdriver.Chrome(service=Service(CHROMEDRIVER), options=options)
+        self.addCleanup(self.driver.quit)
+        self.driver.set_page_load_timeout(30)
+        self.driver.set_script_timeout(10)
+        self.driver.get(self.url("/"))
+        live = lambda: self.js("document.getElementById('live').dataset.state")
+        self.assertEqual("open", self.settle(live, "open"))
+        self.js("window.velto_marker = 'same page'")  # any reload of the page would drop it
+
+    def stop_collector(self):
+        self.collector.terminate()
+        try:
+            self.collector.wait(20)
+        except subprocess.TimeoutExpired:
+            self.collector.kill()
+        self.log.close()
+        print("--- collector output:\n" + self.output())  # CTest shows it when the test fails
+        shutil.rmtree(self.dir, ignore_errors=True)
+
+    def output(self):
+        with open(os.path.join(self.dir, "collector.log"), errors="replace") as f:
+            return f.read()
+
+    def url(self, path):
+        return "http://127.0.0.1:%d%s" % (self.http_port, path)
+
+    def api(self, path):
+        """The JSON answer to a GET on the collector's API; None when it did not answer 200."""
+        try:
+            with urllib.request.urlopen(self.url(path), timeout=5) as res:
+                return json.load(res)
+        except OSError:
+            return None
+
+    def js(self, expression, *args):
+        return self.driver.execute_script("return " + expression, *args)
+
+    @staticmethod
+    def settle(get, want, timeout=30):
+        """Polls get() until it gives want (bounded); its last value."""
+        end = time.monotonic() + timeout
+        while True:
+            got = get()
+            if got == want or time.monotonic() > end:
+                return got
+            time.sleep(0.1)
+
+    def rows(self, column):
+        """The table's rows, one value per row: column is a cell class or "kind"/"id"."""
+        value = "tr.dataset." + column if column in ("kind", "id") else \
+            "tr.querySelector('td.%s').textContent" % column
+        return self.js("Array.from(document.querySelectorAll('#records tbody tr[data-id]'))"
+                       ".map(tr => %s)" % value)
+
+    def api_ids(self, query):
+        return [str(r["id"]) for r in self.api("/api/records?" + query)["records"]]
+
+    def set_filter(self, field, value):
+        """Sets a filter field as a user would: a kind is chosen, a text field applied with the button."""
+        field_id = "filter-" + field
+        if field == "kind":  # the choices come from the counts, which follow the records
+            offered = lambda: self.js("Array.from(document.getElementById(arguments[0]).options)"
+                                      ".some(o => o.value === arguments[1])", field_id, value)
+            self.assertTrue(self.settle(offered, True))
+            Select(self.driver.find_element(By.ID, field_id)).select_by_value(value)
+        else:
+            box = self.driver.find_element(By.ID, field_id)
+            box.clear()
+            box.send_keys(value)
+            self.driver.find_element(By.ID, "filter-apply").click()
+
+    def run_host(self, *records):
+        home = os.path.join(self.dir, "home-%d" % time.monotonic_ns())
+        env = dict(os.environ, HOME=home, VELTO_COLLECT_HOST="127.0.0.1:%d" % self.https_port)
+        subprocess.run([sys.executable, __file__, BUILD, LIBRARY, "--host", home + "/root",
+                        json.dumps(records)], env=env, timeout=90, check=True)
+
+    def run_demo(self):
+        home = os.path.join(self.dir, "demo-home")
+        os.makedirs(home)
+        env = dict(os.environ, HOME=home, VELTO_COLLECT_HOST="127.0.0.1:%d" % self.https_port)
+        subprocess.run([BUILD + "/examples/velto-demo", home + "/root"], env=env, timeout=90, check=True,
+                       stdout=subprocess.DEVNULL)
+
+    def check_chart(self, query):
+        """The chart's bars: per minute and kind, the records the API lists for the filter."""
+        want = collections.Counter()
+        for r in self.api("/api/records?limit=5000&" + query)["records"]:
+            want["%d %s" % (r["time"] // 60000 * 60000, r["kind"])] += 1
+        bars = lambda: collections.Counter(self.js(
+            "Object.fromEntries(Array.from(document.querySelectorAll('#chart-svg rect.bar'))"
+            ".map(r => [r.dataset.time + ' ' + r.dataset.kind, Number(r.dataset.count)]))"))
+        self.assertEqual(want, self.settle(bars, want))
+
+    def export(self, button, name):
+        """Clicks an export button; the downloaded file's text."""
+        self.driver.find_element(By.ID, button).click()
+        path = os.path.join(self.downloads, name)
+        self.assertTrue(self.settle(lambda: os.path.exists(path), True), os.listdir(self.dir))
+        with open(path, newline="") as f:
+            return f.read()
+
+    def test_records_arrive_live_with_their_counts_as_text(self):
+        self.run_host(["data_screen", "MainWindow"], ["data_event", "toolbar", "click", "save", 1],
+                      ["data_event", SCRIPT, "paste", IMAGE, 2], ["data_count", "export", 1520, "pdf"])
+        ids = self.api_ids("")
+        self.assertEqual(ids, self.settle(lambda: self.rows("id"), ids))  # newest first, without a reload
+        self.assertEqual("same page", self.js("window.velto_marker"))
+        shown = list(zip(*(self.rows(column) for column in ("kind", "category", "label", "value"))))
+        self.assertEqual([("timing", "export", "pdf", "1520 ms"), ("event", SCRIPT, IMAGE, "2"),
+                          ("event", "toolbar", "save", "1"), ("screenview", "MainWindow", "", ""),
+                          ("init", "", "", "")], shown)
+        self.assertTrue(self.js("Array.from(document.querySelectorAll('#records tbody td.ostime'))"
+                                ".every(td => /^\\d\\d:\\d\\d:\\d\\d$/.test(td.textContent))"))
+        self.assertEqual(0, self.js("document.querySelectorAll('#records tbody :is(script, img)').length"))
+        self.assertEqual("undefined", self.js("typeof window.velto_injected"))
+
+        # The panel's counts are the API's and what was sent; the chart's bars the records by minute.
+        sent = {"event": 2, "init": 1, "screenview": 1, "timing": 1}
+        self.assertEqual(sent, self.api("/api/stats?minutes=10")["recent"]["kinds"])
+        panel = lambda: self.js(
+            "Object.fromEntries(Array.from(document.querySelectorAll('#stats tr[data-kind]'))"
+            ".map(tr => [tr.dataset.kind, Number(tr.querySelector('td.recent').textContent)]))")
+        self.assertEqual(sent, self.settle(panel, sent))
+        self.check_chart("")
+
+        # Every upload is listed, with its result; a click shows the whole record.
+        total = self.api("/api/requests")["total"]
+        listed = lambda: self.js("document.querySelectorAll('#requests tbody tr').length")
+        self.assertEqual(total, self.settle(listed, total))
+        self.assertEqual("ok", self.js("document.querySelector('#requests tbody tr td.result').textContent"))
+        self.driver.find_element(By.CSS_SELECTOR, "#records tbody tr[data-kind=timing]").click()
+        detail = json.loads(self.driver.find_element(By.ID, "detail-json").text)
+        self.assertEqual(("timing", "1520", "pdf"), (detail["dtype"], detail["ttime"], detail["label"]))
+
+        os.makedirs(BUILD + "/browser", exist_ok=True)
+        self.assertTrue(self.driver.save_screenshot(BUILD + "/browser/collector.png"))
+
+    def test_filters_narrow_the_table_the_stream_the_chart_and_the_exports(self):
+        self.run_host(["data_screen", "Start"], ["data_event", "panel", "click", "save", 1],
+                      ["data_event", "panel", "click", "open", 1], ["data_count", "export", 10, "pdf"])
+        self.settle(lambda: len(self.rows("id")), len(self.api_ids("")))
+
+        self.set_filter("kind", "event")
+        self.assertEqual(["open", "save"], self.settle(lambda: self.rows("label"), ["open", "save"]))
+        self.set_filter("q", "OPEN")  # the text search ignores case
+        self.assertEqual(["open"], self.settle(lambda: self.rows("label"), ["open"]))
+        self.assertEqual("kind=event&q=OPEN", self.js("location.hash.slice(1)"))
+        self.set_filter("q", "")
+        self.assertEqual(["open", "save"], self.settle(lambda: self.rows("label"), ["open", "save"]))
+
+        # Live records obey the filter: of the demo's records only its events join the table.
+        self.run_demo()
+        events = self.api_ids("kind=event")
+        self.assertEqual(events, self.settle(lambda: self.rows("id"), events))
+        self.assertLess(2, len(events))  # the first run's two, and the demo's
+        self.assertEqual({"event"}, set(self.rows("kind")))
+        self.assertEqual("same page", self.js("window.velto_marker"))
+        self.check_chart("kind=event")
+
+        # The exports are the filtered records: one API object per line, and the same as CSV.
+        listed = self.api("/api/records?kind=event&limit=5000")["records"]
+        lines = self.export("export-jsonl", "velto-records.jsonl").splitlines()
+        self.assertEqual(listed, [json.loads(line) for line in lines])
+        table = list(csv.DictReader(self.export("export-csv", "velto-records.csv").splitlines(True)))
+        self.assertEqual([(str(r["id"]), r["kind"], r["label"], r["sid"]) for r in listed],
+                         [(r["id"], r["kind"], r["label"], r["sid"]) for r in table])
+        self.assertEqual([r["record"].get("dvalue", "") for r in listed], [r["value"] for r in table])
+
+        # The session link of the newest row: the demo's records, oldest first, as the API lists them.
+        self.driver.find_element(By.CSS_SELECTOR, "#records tbody tr a.session").click()
+        self.assertTrue(self.settle(lambda: "order=asc" in self.js("location.hash"), True))
+        session = self.api_ids(self.js("location.hash.slice(1)"))
+        self.assertEqual(session, self.settle(lambda: self.rows("id"), session))
+        self.assertNotIn("panel", self.rows("category"))  # the first run's session is not in it
+        self.assertFalse(self.js("document.getElementById('session-view').hidden"))
+
+        # A shared URL opens with its filter (a fresh load, not a change of the hash).
+        self.driver.get("about:blank")
+        self.driver.get(self.url("/#category=export&q=pdf&order=asc"))
+        exports = self.api_ids("category=export&q=pdf&order=asc")
+        self.assertEqual(exports, self.settle(lambda: self.rows("id"), exports))
+        self.assertEqual("export pdf", self.js("document.getElementById('filter-category').value + ' ' + "
+                                               "document.getElementById('filter-q').value"))
+
+
+if __name__ == "__main__":
+    if "--host" in sys.argv:
+        sys.exit(record_host(sys.argv[4], json.loads(sys.argv[5])))
+    try:
+        from selenium import webdriver
+        from selenium.webdriver.chrome.service import Service
+        from selenium.webdriver.common.by import By
+        from selenium.webdriver.support.ui import Select
+    except ImportError:
+        print("python3-selenium is not installed (.ci/install-deps.sh installs it): the page is not tested")
+        sys.exit(77)
+    if not (os.access(CHROMIUM, os.X_OK) and os.access(CHROMEDRIVER, os.X_OK)):
+        print("chromium or chromium-driver is not installed (.ci/install-deps.sh installs them): "
+              "the page is not tested")
+        sys.exit(77)
+    unittest.main(argv=[sys.argv[0]] + sys.argv[3:])
