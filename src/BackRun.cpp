@@ -301,7 +301,10 @@ bool DeliveryLoop::start_up() {
     LOGI << "back thread start ..." << LEND;
     LOGI << "sdk version: " << g_base_info["modver"] << LEND;
     // A refusal kept from an earlier run holds before any file or request.
-    if (consent_declined() && !sit_out_decline()) return false;
+    if (consent_declined() && !sit_out_decline()) {
+        owner_.set_stop_flag(0);  // the loop has ended
+        return false;
+    }
 
     // The message file comes before anything that may wait on the network, so that the records
     // queued from the first call on reach the disk at once.
