@@ -25,8 +25,8 @@
 
 #include "BaseInfo.h"
 #include "ComInc.h"
-#include "HttpClient.h"
 #include "Consent.h"
+#include "HttpClient.h"
 #include "Log.h"
 #include "OsApi.h"
 #include "Util.h"

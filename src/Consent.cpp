@@ -17,7 +17,7 @@ namespace {
 const char kMarkerName[] = "sdk.declined";
 const char kMarkerText[] = "declined\n";
 // The files of collected data beside the message store's own (MsgFile::erase_files).
-const char* const kCollectedNames[] = {"sdk.cf", "sdk.cf.host", "sdk.cf.bad", "debug_msg_to_svr.html",
+const char* const kCollectedNames[] = {"sdk.cf",      "sdk.cf.host", "sdk.cf.bad", "debug_msg_to_svr.html",
                                        "sdk.log.bak", "tmp"};
 
 std::atomic<bool> g_declined{false};

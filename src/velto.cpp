@@ -1,6 +1,6 @@
 // The exported functions of libVelto: start and stop, the base information, the five record calls,
-// foreground/background changes, the user's consent and the two test entry points. They run on the host's threads; the
-// API lock serialises them, and none lets an exception out (every failure is a result code).
+// foreground/background changes, the user's consent and the two test entry points. They run on the host's
+// threads; the API lock serialises them, and none lets an exception out (every failure is a result code).
 #include "velto.h"
 
 #include <curl/curl.h>

@@ -329,7 +329,8 @@ TEST_F(LinuxLeaves, UuidForms) {
     std::string a = leaves_.random_uuid();
     EXPECT_TRUE(is_upper_uuid(a)) << a;
     EXPECT_NE(a, leaves_.random_uuid());
-    EXPECT_EQ("B398700F-3973-42A6-8F4C-FA0E392A46E2", Velto::keyed_platform_id("0123456789abcdef0123456789abcdef"));
+    EXPECT_EQ("B398700F-3973-42A6-8F4C-FA0E392A46E2",
+              Velto::keyed_platform_id("0123456789abcdef0123456789abcdef"));
     std::string source;
     for (const char* path : {"/sys/class/dmi/id/product_uuid", "/etc/machine-id"}) {
         if (source.empty()) source = vtest::read_file(path).substr(0, 36);
