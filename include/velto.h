@@ -41,6 +41,7 @@ enum {
     VELTO_STOPPED = 207,         /* data_stop was called (or the library gave up) */
     VELTO_QUEUE_FULL = 208,      /* more than 1000 records wait in memory */
     VELTO_KIND_OFF = 209,        /* this kind of record is switched off by the server's configuration */
+    VELTO_DECLINED = 211,        /* the user declined collection (data_consent(0)) */
     VELTO_EXCEPTION = 301        /* an internal failure was caught */
 };
 
@@ -87,7 +88,7 @@ VELTO_API int data_base_ext(const char* key, const char* value);
 /**
  * Records a user action. category and action: 1 to 64 bytes; label: null or at most 64 bytes;
  * value: recorded when not 0.
- * Returns 0, 104, 106, 207, 208 (queue full), 209 (kind switched off), 301.
+ * Returns 0, 104, 106, 207, 208 (queue full), 209 (kind switched off), 211 (the user declined), 301.
  */
 VELTO_API int data_event(const char* category, const char* action, const char* label, long long value);
 
@@ -119,6 +120,28 @@ VELTO_API int data_experience(const char* category, const char* action, const ch
  * otherwise the result of the event.
  */
 VELTO_API int data_changestate(int foreground);
+
+/**
+ * Records the user's choice about collection. May be called at any time, also before data_init
+ * (the choice then takes effect there) and after data_stop.
+ *
+ * granted = 0: from this call on nothing is collected or sent for this installation. The queue is
+ * dropped; the message file, its journal, the batches set aside for upload, the configuration file
+ * and the debug report are deleted unsent; no request leaves the process (no configuration fetch,
+ * no upload at stop, no log upload, no debug mirror), and an upload in flight has its batch deleted
+ * and its result ignored. Record calls return 211; data_base_info still stores the fields (in
+ * memory) but queues no "init" record. The choice is kept in the root directory as the file
+ * "sdk.declined", so that later starts honour it from data_init on: data_init succeeds, nothing is
+ * fetched or sent, and record calls return 211. When it returns, the files are gone (it waits for
+ * the background thread 100 ms at most). Only the log "sdk.log" and the empty lock file "sdk.lock"
+ * stay; after this call the host may remove the root directory.
+ *
+ * granted = 1: removes "sdk.declined"; collection resumes with the records made from then on.
+ *
+ * Returns 0, 102 (the choice holds for this process but could not be kept in the root directory),
+ * 104 (granted neither 0 nor 1), 301.
+ */
+VELTO_API int data_consent(int granted);
 
 #ifdef __cplusplus
 } /* extern "C" */

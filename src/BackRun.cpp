@@ -22,6 +22,7 @@
 #include "Cache.h"
 #include "ComInc.h"
 #include "Config.h"
+#include "Consent.h"
 #include "HttpClient.h"
 #include "Log.h"
 
@@ -120,6 +121,11 @@ class DeliveryLoop : public WaitPump {
     bool stop_requested() const { return owner_.stop_flag() == 2; }
     void end_of_run_upload();
     void shut_down();
+    // The user declined: what the loop holds is dropped and the collected files are erased, once
+    // per refusal (every time when again is set). sit_out_decline then waits, doing nothing else,
+    // until consent is given again (true) or a stop is requested (false).
+    void drop_collected(bool again);
+    bool sit_out_decline();
 
     // Batch send: sets the pending records aside and uploads every set-aside file.
     bool upload_batch();
@@ -170,6 +176,7 @@ class DeliveryLoop : public WaitPump {
     bool in_hand_saved_ = false;
     std::string in_hand_line_;  // its line in the file, once written there
     Clock::time_point next_reopen_;
+    unsigned dropped_round_ = 0;
 };
 
 void DeliveryLoop::begin_batch() {
@@ -199,6 +206,7 @@ void DeliveryLoop::run() {
 
 bool DeliveryLoop::pending() const {
     if (Cache::obj_->count() > 0) return true;
+    if (consent_declined() && consent_round() != dropped_round_) return true;
     if (stop_requested()) return !owner_.stop_answered();
     return Clock::now() >= held_until_;
 }
@@ -220,6 +228,14 @@ long long DeliveryLoop::wake_within_ms() const {
 // stop is requested, everything held goes to the file too, and the stop is answered as soon as the
 // record in flight (if any) is sent, or written once the request has waited the hold window.
 void DeliveryLoop::pump() {
+    if (consent_declined()) {  // also inside a transfer: its batch goes, its result is ignored
+        drop_collected(false);
+        if (stop_requested()) {
+            owner_.set_running(0);
+            owner_.answer_stop();
+        }
+        return;
+    }
     if (!msg_.is_open() && msg_.open() != RES_OK) return;
     // Read before the queue is emptied: every record queued before the request is then written.
     const bool stopping = stop_requested();
@@ -285,6 +301,11 @@ void DeliveryLoop::unfile_in_hand() {
 bool DeliveryLoop::start_up() {
     LOGI << "back thread start ..." << LEND;
     LOGI << "sdk version: " << g_base_info["modver"] << LEND;
+    // A refusal kept from an earlier run holds before any file or request.
+    if (consent_declined() && !sit_out_decline()) {
+        owner_.set_stop_flag(0);  // the loop has ended
+        return false;
+    }
 
     // The message file comes before anything that may wait on the network, so that the records
     // queued from the first call on reach the disk at once.
@@ -400,6 +421,10 @@ void DeliveryLoop::send_log_and_conf() {
 void DeliveryLoop::main_loop() {
     std::string item;
     while (owner_.stop_flag() != 0) {
+        if (consent_declined()) {
+            end_batch();
+            if (!sit_out_decline()) return;
+        }
         if (!msg_.is_open() && std::chrono::steady_clock::now() >= next_reopen_) {
             end_batch();
             if (msg_.open() != RES_OK)
@@ -623,6 +648,48 @@ void DeliveryLoop::end_of_run_upload() {
     } else {
         LOGW << "upload fail" << LEND;
     }
+}
+
+void DeliveryLoop::drop_collected(bool again) {
+    const unsigned round = consent_round();
+    if (!again && round == dropped_round_) return;
+    held_.clear();
+    held_until_ = Clock::time_point::max();
+    mirror_backlog_.clear();
+    while (!Cache::obj_->get().empty()) {
+    }
+    // The record in hand is neither written nor taken out of the file once its transfer ends.
+    in_hand_saved_ = true;
+    in_hand_line_.clear();
+    pending_count_ = pending_bytes_ = 0;
+    batch_count_ = batch_bytes_ = 0;
+    msg_.forget();
+    erase_collected_files(conf_.get_str("ROOT_DIR"));
+    dropped_round_ = round;
+    note_consent_honoured(round);
+}
+
+bool DeliveryLoop::sit_out_decline() {
+    LOGI << "consent declined, nothing is collected" << LEND;
+    drop_collected(true);
+    Doorbell& bell = doorbell();
+    while (consent_declined()) {
+        if (stop_requested()) {
+            owner_.set_running(0);
+            owner_.answer_stop();
+            return false;
+        }
+        bell.arm();
+        if (consent_declined() && !stop_requested() && consent_round() == dropped_round_) {
+            pollfd p = {bell.fd(), POLLIN, 0};
+            poll(&p, 1, bell.fd() >= 0 ? static_cast<int>(kMaxSleepMs) : 1);
+        }
+        bell.disarm();
+        drop_collected(false);
+    }
+    msg_.forget();  // a record that ended its transfer meanwhile is not kept
+    LOGI << "consent given, collecting again" << LEND;
+    return true;
 }
 
 void DeliveryLoop::shut_down() {
@@ -874,6 +941,7 @@ std::string BackRun::get_svrd() {
 void BackRun::save_debug_msg(std::string& answer) {
     std::fstream report;
     try {
+        if (consent_declined()) return;
         std::string path = Config::obj_->get_str("ROOT_DIR") + kReportName;
         report.open(path, std::ios::in);
         if (!report.is_open()) report.open(path, std::ios::in | std::ios::out | std::ios::trunc);

@@ -25,6 +25,11 @@ class ClientIdLeaves {
 
 // "{" + platform UUID + "}", or "{[" + random UUID + "]}" when there is none.
 std::string create_client_id(ClientIdLeaves& leaves);
+// The machine's identifier as "did" carries it: never the identifier itself (which the system asks
+// applications not to expose) but HMAC-SHA256 of it under the library's own fixed key, its first 16
+// bytes formatted as an upper-case UUID (version 4, as systemd forms application-specific ids).
+// The same machine still gets the same id; the identifier cannot be read back from it.
+std::string keyed_platform_id(const std::string& source);
 // The stored id when it has 10 or more characters, else a new one, which is stored.
 std::string client_sign(ClientIdLeaves& leaves);
 // Wraps an id that does not start with "{" in braces ("" becomes "{}").

@@ -30,6 +30,7 @@ enum ResultCode {
     RES_QUEUE_FULL = 208,
     RES_KIND_OFF = 209,
     RES_MSG_EXCEPTION = 210,
+    RES_DECLINED = 211,
     RES_EXCEPTION = 301,
 };
 

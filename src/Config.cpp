@@ -25,6 +25,7 @@
 
 #include "BaseInfo.h"
 #include "ComInc.h"
+#include "Consent.h"
 #include "HttpClient.h"
 #include "Log.h"
 #include "OsApi.h"
@@ -467,7 +468,7 @@ int Config::init_conf() {
             return RES_CONF_REJECT;
         }
         save_conf(true);
-        replace_file(root + kConfHostName, collect_host() + "\n");
+        if (!consent_declined()) replace_file(root + kConfHostName, collect_host() + "\n");
         LOGI << "update conf from svr end" << LEND;
         return RES_OK;
     } catch (...) {
@@ -498,7 +499,7 @@ std::string Config::save_conf(bool write) {
             return std::string();
         }
         std::string text = Util::to_json(saved);
-        if (!write) return text;
+        if (!write || consent_declined()) return text;  // nothing is kept for a user who declined
         std::string sealed = Util::fencode(text);
         std::string root = get_str("ROOT_DIR");
         if (root.empty()) {

@@ -37,6 +37,7 @@
 #include "BaseInfo.h"
 #include "ComInc.h"
 #include "Config.h"
+#include "Consent.h"
 #include "Log.h"
 #include "OsApi.h"
 #include "Thread.h"
@@ -603,6 +604,7 @@ bool parse_http_url(const std::string& url, std::string& host, int& port, std::s
 
 bool http_client(const char* url, std::string& reply, RequestParam* param) {
     try {
+        if (consent_declined()) return false;  // no request leaves for a user who declined
         if (url == nullptr) {
             LOGE << "null url" << LEND;
             return false;
@@ -627,6 +629,7 @@ std::string curl_http_post(const std::string& url, RequestParam& param, int mode
     std::string reply;
     if (http_status) *http_status = 0;
     try {
+        if (consent_declined()) return reply;
         FormPtr form;  // declared first: freed after the handle that points into it
         CurlPtr curl(curl_easy_init());
         if (!curl) {
@@ -656,6 +659,7 @@ std::string curl_http_post(const std::string& url, RequestParam& param, int mode
 std::string curl_http_get(const std::string& url, RequestParam& param) {
     std::string reply;
     try {
+        if (consent_declined()) return reply;
         CurlPtr curl(curl_easy_init());
         if (!curl) {
             LOGE << "curl init failed: " << LEND;

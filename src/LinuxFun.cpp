@@ -318,10 +318,11 @@ void set_client_id(plist_t dict, const std::string& id) {
 class LinuxClientIdLeaves : public Velto::ClientIdLeaves {
   public:
     // The firmware's UUID is usually readable by root only; the machine id is the stable fallback.
+    // Both are the machine's own identifiers: only their keyed hash leaves this function.
     std::string platform_uuid() override {
         std::string uuid = read_id_file(kProductUuidPath);
         if (uuid.empty()) uuid = read_id_file(kMachineIdPath);
-        return uuid;
+        return uuid.empty() ? uuid : Velto::keyed_platform_id(uuid);
     }
 
     std::string random_uuid() override {

@@ -22,6 +22,7 @@
 
 #include "ComInc.h"
 #include "Config.h"
+#include "Consent.h"
 #include "HttpClient.h"
 #include "Log.h"
 #include "OsApi.h"
@@ -256,6 +257,7 @@ int MsgFile::open() {
             LOGW << "null path, maybe exiting" << LEND;
             return RES_FILE_OPEN;
         }
+        if (consent_declined()) return RES_FILE_OPEN;  // nothing is kept for a user who declined
         const std::string msg_path = path + kMsgName;
         RootLock hold(*this, true);  // the journal and the torn line belong to no other process now
         // Created owner-only, and never through a link planted at the name.
@@ -819,6 +821,31 @@ void MsgFile::close() {
     fs_.clear();
     if (fs_.is_open()) fs_.close();
     fs_.clear();
+}
+
+void MsgFile::forget() {
+    batching_ = false;
+    batch_.clear();
+    unwritten_.clear();
+    unwritten_done_ = 0;
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+    fs_.clear();
+    if (fs_.is_open()) fs_.close();
+    fs_.clear();
+}
+
+void MsgFile::erase_files(const std::string& root) {
+    const int lock_fd = open_own_file(root + kLockName, O_RDWR);
+    while (lock_fd >= 0 && ::flock(lock_fd, LOCK_EX) != 0 && errno == EINTR) {
+    }
+    for (const char* name : {kMsgName, kJournalName, kBadJournalName}) std::remove((root + name).c_str());
+    StrList names;
+    get_files(root, names);
+    for (const std::string& name : names) {
+        if (starts_with(name, kSetAsidePrefix, kSetAsidePrefixLen)) std::remove((root + name).c_str());
+    }
+    if (lock_fd >= 0) ::close(lock_fd);  // releases the lock
 }
 
 }  // namespace Velto

@@ -62,6 +62,11 @@ class MsgFile {
     // Takes the newest copy of line (without its line feed) out of "sdk.msg"; true when it did.
     bool remove_line(const std::string& line);
     void close();
+    // The user declined: the lines not yet written are dropped and the file is closed unwritten.
+    void forget();
+    // Deletes "sdk.msg", its journals and every set-aside batch under root, under the root's lock
+    // held exclusively (a lock of its own, so that any thread may call it).
+    static void erase_files(const std::string& root);
     bool is_open() const { return fd_ >= 0; }
     bool has_unwritten() const { return !unwritten_.empty(); }
     long long size_limit() const { return size_limit_; }

@@ -1,23 +1,26 @@
 // The exported functions of libVelto: start and stop, the base information, the five record calls,
-// foreground/background changes and the two test entry points. They run on the host's threads; the
-// API lock serialises them, and none lets an exception out (every failure is a result code).
+// foreground/background changes, the user's consent and the two test entry points. They run on the host's
+// threads; the API lock serialises them, and none lets an exception out (every failure is a result code).
 #include "velto.h"
 
 #include <curl/curl.h>
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "BackRun.h"
 #include "BaseInfo.h"
 #include "Cache.h"
 #include "ComInc.h"
 #include "Config.h"
+#include "Consent.h"
 #include "Log.h"
 #include "OsApi.h"
 #include "Session.h"
@@ -50,6 +53,12 @@ const char kInitPrefix[] = "INIT_EVENT";
 // Set by the first data_init that gets that far, so libcurl is initialised once per process even
 // when a data_init fails after it and is called again. Read and written under the API lock.
 bool g_curl_ready GUARDED_BY(api_m) = false;
+
+// The user's choice given before data_init (0 declined, 1 granted), applied there; -1: none, the
+// marker file in the root directory decides.
+int g_consent_choice GUARDED_BY(api_m) = -1;
+// How long data_consent(0) waits for the background thread to drop what it holds.
+const auto kConsentBound = std::chrono::milliseconds(100);
 
 void log_exception(const char* name) noexcept {
     try {
@@ -206,6 +215,7 @@ int record_call(const char* name, RecordKind kind, const char* log_name, const c
                 Fill&& fill_own_keys) {
     return guarded(name, [&]() -> int {
         if (!is_running()) return Velto::RES_STOPPED;
+        if (Velto::consent_declined()) return Velto::RES_DECLINED;
         LOGI << log_name << LEND;
         MutexLock hold(api_m);
         int refusal = record_gate(kind);
@@ -242,6 +252,7 @@ int base_info_precheck() {
 }
 
 void queue_init_record() REQUIRES(api_m) {
+    if (Velto::consent_declined()) return;
     StrMap rec;
     g_base_info.copy(rec);
     rec["dtype"] = "init";
@@ -319,6 +330,29 @@ bool parse_base_line(const char* line, BaseInfoArgs& args) {
     return true;
 }
 
+// At data_init: a choice given before it is kept in the root directory; else the marker decides.
+void apply_consent_at_init(const std::string& root) REQUIRES(api_m) {
+    if (g_consent_choice < 0) {
+        Velto::set_consent_declined(Velto::consent_marker_present(root));
+    } else if (!Velto::keep_consent_choice(root, g_consent_choice == 0)) {
+        LOGW << "consent not kept: " << root << LEND;
+    }
+}
+
+// The user declined after data_init: the queue and the files go now, and the background thread
+// drops what it holds (also inside a transfer); waited for within a bound, never for the network.
+void erase_collected(const std::string& root) REQUIRES(api_m) {
+    const unsigned round = Velto::consent_round();
+    while (!Cache::obj_->get().empty()) {
+    }
+    Velto::erase_collected_files(root);
+    Velto::doorbell().ring();
+    const auto end = std::chrono::steady_clock::now() + kConsentBound;
+    while (Velto::consent_honoured() != round && !g_back_run.stop_answered() &&
+           std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+}
+
 }  // namespace
 
 extern "C" {
@@ -358,6 +392,7 @@ int data_init(const char* root, const char* brand) {
             curl_global_init(CURL_GLOBAL_ALL);
             g_curl_ready = true;
         }
+        apply_consent_at_init(prefix);
         LOGI << "data_init to start thread" << LEND;
         // From here on the library counts as initialised; it cannot be initialised again.
         Config::obj_->set("ROOT_DIR", prefix);
@@ -483,6 +518,28 @@ int data_changestate(int foreground) {
         if (!changed) return Velto::RES_OK;
         // The state has changed even when the event is refused (stopped, switched off, ...).
         return data_event("default", foreground != 0 ? "fg" : "bg", "", 0);
+    });
+}
+
+int data_consent(int granted) {
+    return guarded("data_consent", [&]() -> int {
+        if (granted != 0 && granted != 1) return Velto::RES_BAD_ARG;
+        MutexLock hold(api_m);
+        const bool declined = granted == 0;
+        Velto::set_consent_declined(declined);
+        if (!is_initialised()) {
+            g_consent_choice = granted;
+            return Velto::RES_OK;
+        }
+        LOGI << "consent: " << granted << LEND;
+        const std::string root = Config::obj_->get_str("ROOT_DIR");
+        const bool kept = Velto::keep_consent_choice(root, declined);
+        if (declined) {
+            erase_collected(root);
+        } else {
+            Velto::doorbell().ring();
+        }
+        return kept ? Velto::RES_OK : Velto::RES_BAD_ROOT;
     });
 }
 

@@ -149,7 +149,7 @@ TEST(Api, ExportsExactlyThePublicFunctions) {
     EXPECT_EQ(
         (std::set<std::string>{"data_init", "data_stop", "data_base_info", "data_base_info2", "data_base_ext",
                                "data_event", "data_screen", "data_count", "data_err_trace", "data_experience",
-                               "data_changestate", "call_test", "_Z10call_test3iPc"}),
+                               "data_changestate", "data_consent", "call_test", "_Z10call_test3iPc"}),
         names);
     RUN_SCENARIO({
         void* lib = dlopen(library_path().c_str(), RTLD_NOW | RTLD_LOCAL);

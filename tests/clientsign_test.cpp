@@ -9,6 +9,7 @@
 #include <pthread.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <vector>
@@ -67,6 +68,8 @@ TEST(ClientSign, SourcesAndStorage) {
         Store store;
     } cases[] = {
         {"stored id of 10 kept", "U-1", true, "0123456789", "0123456789", NONE},
+        {"raw machine id stored by an earlier version kept", "U-1", true, "{3D1219C7C4C5404AAA1F}",
+         "{3D1219C7C4C5404AAA1F}", NONE},
         {"stored id of 9 replaced", "U-1", true, "012345678", "{U-1}", SET},
         {"file without id", "U-1", true, "", "{U-1}", SET},
         {"no uuid, file without id", "", true, "short", kRandomForm, SET},
@@ -320,11 +323,22 @@ class LinuxLeaves : public ::testing::Test {
     ClientIdLeaves& leaves_ = Velto::platform_client_id_leaves();
 };
 
+// The machine's id is the keyed hash of its identifier, never the identifier itself; the key is
+// fixed (a changed key would change every machine's "did").
 TEST_F(LinuxLeaves, UuidForms) {
     std::string a = leaves_.random_uuid();
     EXPECT_TRUE(is_upper_uuid(a)) << a;
     EXPECT_NE(a, leaves_.random_uuid());
-    EXPECT_EQ(std::string::npos, leaves_.platform_uuid().find_first_of("\r\n"));
+    EXPECT_EQ("B398700F-3973-42A6-8F4C-FA0E392A46E2",
+              Velto::keyed_platform_id("0123456789abcdef0123456789abcdef"));
+    std::string source;
+    for (const char* path : {"/sys/class/dmi/id/product_uuid", "/etc/machine-id"}) {
+        if (source.empty()) source = vtest::read_file(path).substr(0, 36);
+    }
+    source.resize(std::min(source.find('\n'), source.size()));
+    const std::string id = leaves_.platform_uuid();
+    EXPECT_EQ(source.empty() ? "" : Velto::keyed_platform_id(source), id);
+    EXPECT_TRUE(source.empty() || (is_upper_uuid(id) && id.find(source) == std::string::npos)) << id;
 }
 
 TEST_F(LinuxLeaves, NewFileCreatedAndReadBack) {

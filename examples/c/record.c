@@ -3,10 +3,15 @@
  * the installation, records a few things, and stops. Every call returns a result code; none blocks
  * on the network, so the host never waits for the collection server.
  *
- *   velto-example-c ROOT_DIR
+ *   velto-example-c ROOT_DIR [declined]
+ *
+ * With "declined" the example acts for a user who said no to analytics: nothing is collected or
+ * sent, what earlier runs left in ROOT_DIR is erased, and later runs keep honouring the refusal
+ * until a run without "declined" gives consent again.
  */
 #define _POSIX_C_SOURCE 200809L /* mkdir, sleep */
 #include <stdio.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <velto.h>
@@ -32,6 +37,8 @@ static const char* result_text(int code) {
             return "too many records waiting";
         case VELTO_KIND_OFF:
             return "this kind of record is switched off";
+        case VELTO_DECLINED:
+            return "the user declined analytics";
         default:
             return "internal failure";
     }
@@ -42,12 +49,16 @@ static void check(const char* call, int code) {
 }
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        fprintf(stderr, "usage: velto-example-c ROOT_DIR\n");
+    if (argc < 2 || argc > 3) {
+        fprintf(stderr, "usage: velto-example-c ROOT_DIR [declined]\n");
         return 2;
     }
     mkdir(argv[1], 0700); /* the library needs an existing, writable directory */
     printf("libVelto %s, root %s\n", VELTO_VERSION_STRING, argv[1]);
+
+    /* The user's choice, as the application keeps it; it may be given before data_init. */
+    int declined = argc == 3 && strcmp(argv[2], "declined") == 0;
+    check("data_consent", data_consent(declined ? 0 : 1));
 
     int code = data_init(argv[1], "example");
     if (code != VELTO_OK) {
@@ -67,6 +78,9 @@ int main(int argc, char** argv) {
      * ends are lost, so give the thread a moment to append them to sdk.msg; whatever is on disk is
      * uploaded now or at the next start. */
     sleep(1);
-    printf("recorded; see %s/sdk.msg (velto-decode %s)\n", argv[1], argv[1]);
+    if (declined)
+        printf("nothing collected; %s holds only the refusal and the log\n", argv[1]);
+    else
+        printf("recorded; see %s/sdk.msg (velto-decode %s)\n", argv[1], argv[1]);
     return 0;
 }
