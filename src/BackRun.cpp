@@ -25,6 +25,7 @@
 #include "Consent.h"
 #include "HttpClient.h"
 #include "Log.h"
+#include "OsApi.h"
 
 namespace Velto {
 
@@ -943,15 +944,14 @@ void BackRun::save_debug_msg(std::string& answer) {
     try {
         if (consent_declined()) return;
         std::string path = Config::obj_->get_str("ROOT_DIR") + kReportName;
-        report.open(path, std::ios::in);
-        if (!report.is_open()) report.open(path, std::ios::in | std::ios::out | std::ios::trunc);
+        if (ensure_own_file(path)) report.open(path, std::ios::in);
 
         long long kept = 0;
         std::string kept_rows = read_kept_rows(report, kept);
         std::string new_row = make_row(answer, kept);
         report.close();
 
-        report.open(path, std::ios::out | std::ios::trunc);
+        if (ensure_own_file(path, true)) report.open(path, std::ios::out | std::ios::trunc);
         if (!report.is_open()) {
             LOGE << "create debug msg file" << LEND;
             return;

@@ -208,6 +208,8 @@ const char kConfFileName[] = "sdk.cf";
 // another host (the built-in one, or another VELTO_COLLECT_HOST) is fetched afresh at start; a file
 // without this companion (an older installation) counts as fetched from the current host.
 const char kConfHostName[] = "sdk.cf.host";
+// How long a start waits for another process's fetch before it fetches itself.
+const unsigned int kFetchWaitMs = 10000;
 
 // A real configuration file holds a few hundred bytes. A longer token can only be damage or a foreign
 // file; reading it whole would let a stray file make us allocate without bound, so a token above this
@@ -362,8 +364,8 @@ bool refresh_due(long long gap_hours, long long last_fetch, long long now) {
 
 bool read_conf_token(const std::string& path, std::string& token, int& err) {
     token.clear();
-    std::fstream file(path, std::ios::in | std::ios::out);
-    if (!file.is_open()) file.open(path, std::ios::in | std::ios::out | std::ios::trunc);
+    std::fstream file;
+    if (ensure_own_file(path)) file.open(path, std::ios::in | std::ios::out);
     if (!file.is_open()) {
         err = errno;
         return false;
@@ -427,36 +429,52 @@ unsigned int request_timeout_ms(long long configured) {
 
 }  // namespace
 
+// The saved configuration over the defaults. RES_OK with loaded (a configuration was read) and
+// other_host (it came from another collection host); RES_FILE_OPEN. Throws for a token that does
+// not decode to whole cipher blocks, which ends the run as 301; the file is set aside first, so
+// that the next start fetches afresh instead of failing the same way for ever.
+int Config::load_saved(bool& loaded, bool& other_host) {
+    load_default();
+    const std::string root = get_str("ROOT_DIR");
+    const std::string path = root + kConfFileName;
+    std::string token;
+    int err = 0;
+    if (!read_conf_token(path, token, err)) {
+        LOGE << "to open: " << path << ", errno: " << err << LEND;
+        return RES_FILE_OPEN;
+    }
+    std::string text;
+    try {
+        text = Util::fdecode(token);
+    } catch (...) {
+        set_aside_conf_file(path);
+        throw;
+    }
+    loaded = ana_conf(text);
+    other_host = loaded && fetched_from_another_host(root);
+    return RES_OK;
+}
+
+bool Config::saved_is_fresh(bool loaded, bool other_host) {
+    return loaded && !other_host && !refresh_due(get_int("CONF_UPD_GAP"), get_int("CONF_UPD_TIME"), os_time());
+}
+
 int Config::init_conf() {
     try {
-        load_default();
-        const std::string path = get_str("ROOT_DIR") + kConfFileName;
-        std::string token;
-        int err = 0;
-        if (!read_conf_token(path, token, err)) {
-            LOGE << "to open: " << path << ", errno: " << err << LEND;
-            return RES_FILE_OPEN;
-        }
-        // A token that does not decode to whole cipher blocks throws here and ends this run as 301.
-        // The file is set aside first, so that the next start fetches afresh instead of failing
-        // the same way for ever.
-        std::string text;
-        try {
-            text = Util::fdecode(token);
-        } catch (...) {
-            set_aside_conf_file(path);
-            throw;
-        }
-        bool loaded = ana_conf(text);
-        const std::string root = get_str("ROOT_DIR");
-        const bool other_host = loaded && fetched_from_another_host(root);
-        if (loaded && !other_host &&
-            !refresh_due(get_int("CONF_UPD_GAP"), get_int("CONF_UPD_TIME"), os_time())) {
-            return RES_OK;
+        bool loaded = false, other_host = false;
+        int ret = load_saved(loaded, other_host);
+        if (ret != RES_OK || saved_is_fresh(loaded, other_host)) return ret;
+        // Processes that share the root fetch one at a time; one that waited reads what the other
+        // saved, and fetches itself only when that is not fresh either.
+        TaskLock fetch_lock(get_str("ROOT_DIR") + kNetLockName);
+        if (!fetch_lock.try_take()) {
+            fetch_lock.take_within(kFetchWaitMs);
+            ret = load_saved(loaded, other_host);
+            if (ret != RES_OK || saved_is_fresh(loaded, other_host)) return ret;
         }
         LOGI << "update conf from svr" << LEND;
         std::string conf;
-        int ret = get_conf_frm_svr(conf);
+        ret = get_conf_frm_svr(conf);
         // Uploads never go to the host of a configuration the current host did not hand out.
         if (ret != RES_OK && other_host) set("CONF_URL", default_conf_url());
         if (ret != RES_OK) {
@@ -468,7 +486,8 @@ int Config::init_conf() {
             return RES_CONF_REJECT;
         }
         save_conf(true);
-        if (!consent_declined()) replace_file(root + kConfHostName, collect_host() + "\n");
+        if (!consent_declined())
+            replace_file(get_str("ROOT_DIR") + kConfHostName, collect_host() + "\n");
         LOGI << "update conf from svr end" << LEND;
         return RES_OK;
     } catch (...) {

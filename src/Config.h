@@ -55,6 +55,8 @@ class Config {
     Mutex& mutex() RETURN_CAPABILITY(m_) { return m_; }
 
   private:
+    int load_saved(bool& loaded, bool& other_host);
+    bool saved_is_fresh(bool loaded, bool other_host);
     void note_kind(const std::string& key);
 
     StrMap map_ GUARDED_BY(m_);

@@ -106,7 +106,7 @@ std::string parent_dir(const std::string& path) {
 void make_dirs(const std::string& dir) {
     for (size_t pos = dir.find('/', 1);; pos = dir.find('/', pos + 1)) {
         std::string part = dir.substr(0, pos);
-        if (!part.empty()) mkdir(part.c_str(), 0755);
+        if (!part.empty()) mkdir(part.c_str(), 0700);
         if (pos == std::string::npos) break;
     }
 }

@@ -471,15 +471,15 @@ const char kUploadName[] = "log";
 const size_t kBackupMinBytes = 10;
 
 void empty_file(const std::string& path) {
-    std::ofstream f(path, std::ios::out | std::ios::trunc);
-    f.close();
+    ensure_own_file(path, true);
     fault_point("sdk.log.bak: emptied after its upload");
 }
 
 // The backup's lines, each followed by a line feed; "" when there is no backup.
 std::string read_backup(const std::string& path) {
-    std::fstream in(path, std::ios::in | std::ios::out);
     std::string text;
+    std::ifstream in;
+    if (ensure_own_file(path)) in.open(path);  // never the target of a link planted at the name
     if (!in.is_open()) return text;
     std::string line;
     while (std::getline(in, line)) {
@@ -516,9 +516,7 @@ bool move_log_aside(const std::string& log_path, const std::string& backup_path,
         }
     }
     if (!replace_file(backup_path, kept)) return false;
-    std::ofstream truncated(log_path, std::ios::out | std::ios::trunc);
-    const bool emptied = truncated.is_open();
-    truncated.close();
+    const bool emptied = ensure_own_file(log_path, true);
     fault_point("sdk.log: emptied into its backup");
     return emptied;
 }
@@ -536,6 +534,10 @@ int Log::send_log() {
         Config& conf = *Config::obj_;
         const std::string url = conf.get_str("CONF_URL") + "/v1/file";
         const std::string backup_path = conf.get_str("ROOT_DIR") + kBackupName;
+        // Processes sharing the root write one log; while another of them uploads it, this one
+        // leaves it alone.
+        TaskLock upload_lock(conf.get_str("ROOT_DIR") + kNetLockName);
+        if (!upload_lock.try_take()) return 0;
 
         // The text of an earlier failed upload goes out before anything new.
         const std::string backup = read_backup(backup_path);

@@ -54,8 +54,7 @@ std::string root_dir() {
 
 // Empties a file (creating it when missing); false when it cannot be opened.
 bool truncate_file(const std::string& path) {
-    std::fstream f(path, kRewriteMode);
-    return f.is_open();
+    return ensure_own_file(path, true);
 }
 
 // Every line followed by a line feed, in one string.
@@ -170,7 +169,7 @@ int open_for_append(const std::string& path) {
 }
 
 bool reopen_truncated(std::fstream& fs, const std::string& msg_path) {
-    return reopen(fs, msg_path, kRewriteMode);
+    return ensure_own_file(msg_path, true) && reopen(fs, msg_path, kRewriteMode);
 }
 
 // The journal's whole text when it can be trusted: complete (every line ended) and every line a
@@ -200,7 +199,8 @@ bool read_trusted_journal(std::fstream& journal, std::string& text, long long& b
 int restore_from_journal(std::fstream& fs, const std::string& path) {
     const std::string msg_path = path + kMsgName;
     const std::string journal_path = path + kJournalName;
-    std::fstream journal(journal_path, kAppendMode);
+    std::fstream journal;
+    if (ensure_own_file(journal_path)) journal.open(journal_path, kAppendMode);
     if (!journal.is_open() || stream_length(journal) < kJournalMinBytes) return RES_OK;
 
     std::string text;

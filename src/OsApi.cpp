@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -139,11 +140,32 @@ int open_own_file(const std::string& path, int flags) {
     return fd;
 }
 
-bool probe_root(const std::string& path) {
-    const int fd = open_own_file(path, O_WRONLY);
+TaskLock::TaskLock(const std::string& path) : fd_(open_own_file(path, O_RDWR)) {}
+
+TaskLock::~TaskLock() {
+    if (fd_ >= 0) ::close(fd_);  // releases the lock
+}
+
+bool TaskLock::try_take() {
+    if (!held_) held_ = fd_ < 0 || ::flock(fd_, LOCK_EX | LOCK_NB) == 0;
+    return held_;
+}
+
+bool TaskLock::take_within(unsigned int ms) {
+    const unsigned int kStepMs = 50;
+    for (unsigned int waited = 0; !try_take() && waited < ms; waited += kStepMs) pause_ms(kStepMs);
+    return held_;
+}
+
+bool ensure_own_file(const std::string& path, bool truncate) {
+    const int fd = open_own_file(path, truncate ? O_WRONLY | O_TRUNC : O_RDONLY);
     if (fd < 0) return false;
     ::close(fd);
     return true;
+}
+
+bool probe_root(const std::string& path) {
+    return ensure_own_file(path);
 }
 
 int get_pid() {

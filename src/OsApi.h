@@ -100,6 +100,32 @@ bool replace_file(const std::string& path, const std::string& bytes);
 int open_own_file(const std::string& path, int flags);
 // The root directory's probe: opens (creating when missing, never truncating) the file at path.
 bool probe_root(const std::string& path);
+// The root's file of the TaskLock held by the one process, of those sharing the root, that fetches
+// the configuration or uploads the log.
+inline constexpr char kNetLockName[] = "sdk.net.lock";
+
+// An advisory lock on a file of the root, for work that one process of those sharing the root
+// does at a time (the configuration fetch, the log's upload); released with the object.
+class TaskLock {
+  public:
+    explicit TaskLock(const std::string& path);
+    ~TaskLock();
+    TaskLock(const TaskLock&) = delete;
+    TaskLock& operator=(const TaskLock&) = delete;
+    // Takes the lock if no other process holds it; true when held (also when no lock file could be
+    // made: the work then goes ahead unguarded rather than not at all).
+    bool try_take();
+    // Waits at most ms for the other holder, in short pauses that let queued records reach the file.
+    bool take_within(unsigned int ms);
+
+  private:
+    int fd_;
+    bool held_ = false;
+};
+
+// Makes sure one of the library's own files stands at path as open_own_file leaves it, so that a
+// stream opened on the name next follows no link; truncate empties it. False when it cannot.
+bool ensure_own_file(const std::string& path, bool truncate = false);
 
 // Test seam of the file rewrites: every step of a rewrite that a crash could interrupt (a temporary
 // file written, a rename done, a file emptied) calls fault_point with the step's name. Without a

@@ -441,7 +441,8 @@ TEST(Delivery, BurstStaysWithinTheCapAndWritesLittle) {
 TEST(Delivery, PlantedLinksAreNotFollowed) {
     RUN_SCENARIO({
         vtest::TempDir outside;
-        const std::vector<std::string> names = {"tmp", "sdk.msg", "sdk.log", "sdk.lock", "sdk.cf.tmp"};
+        const std::vector<std::string> names = {"tmp",         "sdk.msg",     "sdk.log",   "sdk.lock",
+                                                "sdk.cf.tmp", "sdk.msg.bak", "sdk.log.bak"};
         for (const std::string& name : names) {
             vtest::write_file(outside.file(name), "target of " + name);
             ASSERT_EQ(0, symlink(outside.file(name).c_str(), (root + "/" + name).c_str()));
