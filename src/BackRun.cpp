@@ -21,18 +21,18 @@
 #include "BaseInfo.h"
 #include "Cache.h"
 #include "ComInc.h"
+#include "Common.h"
 #include "Config.h"
 #include "Consent.h"
-#include "HttpClient.h"
 #include "Log.h"
+#include "LogUpload.h"
 #include "OsApi.h"
+#include "Uploader.h"
 
 namespace Velto {
 
 namespace {
 
-const char kInitPrefix[] = "INIT_EVENT";
-const size_t kInitPrefixLen = sizeof(kInitPrefix) - 1;
 const long long kRetryPause = 300;   // seconds without uploads after a failed one
 const long long kTickWrap = 60000;   // the tick counter restarts at 1 past this
 const long long kSkipEvery = 333;    // under constant traffic, idle work gets a turn this often
@@ -58,10 +58,6 @@ const auto kRealTimeHold = std::chrono::milliseconds(250);
 // How long after data_stop a transfer in flight may still finish before its record goes to the
 // file instead (data_stop waits 100 ms at most).
 const auto kHoldWindow = std::chrono::milliseconds(40);
-
-bool is_initial(const std::string& item) {
-    return item.compare(0, kInitPrefixLen, kInitPrefix) == 0;
-}
 
 // ---------------------------------------------------------------------------------------------
 // The loop of one run. Its members are the locals of the thread body; the settings are read once
@@ -100,6 +96,9 @@ class DeliveryLoop : public WaitPump {
     void count_pending();
     void send_old_at_start();
     void send_log_and_conf();
+    int send_log();
+    // Saves the settings with the log's warn/error count carried into them.
+    void save_settings();
     void main_loop();
     std::string next_item();
     void mirror(const std::string& item);
@@ -138,6 +137,7 @@ class DeliveryLoop : public WaitPump {
     BackRun& owner_;
     MsgFile& msg_;
     Config& conf_ = *Config::obj_;
+    Uploader& uploader_ = Uploader::standard();
 
     std::string upload_base_;
     std::string data_url_;
@@ -261,7 +261,7 @@ void DeliveryLoop::pump() {
 }
 
 void DeliveryLoop::file_from_pump(std::string& item) {
-    if (is_initial(item)) item.erase(0, kInitPrefixLen);
+    strip_initial(item);
     if (!debug_url_.empty() && mirror_backlog_.size() < kMaxMirrorBacklog) mirror_backlog_.push_back(item);
     save_to_file(item);
 }
@@ -402,15 +402,25 @@ void DeliveryLoop::send_old_at_start() {
     }
 }
 
+int DeliveryLoop::send_log() {
+    count_log_errors(*Log::obj_, conf_);
+    return LogUpload(*Log::obj_, conf_, uploader_).send_log();
+}
+
+void DeliveryLoop::save_settings() {
+    count_log_errors(*Log::obj_, conf_);
+    conf_.save_conf(true);
+}
+
 void DeliveryLoop::send_log_and_conf() {
-    if (conf_.on("SEND_LOG_ON") && Log::obj_->send_log() != 0) {
+    if (conf_.on("SEND_LOG_ON") && send_log() != 0) {
         error_time_ = os_time();
         LOGW << "snd log: " << error_time_ << LEND;
     }
     if (conf_.on("SEND_CUR_CONF")) {
         LOGI << "snd cur cnf" << LEND;
         std::string text = conf_.save_conf(false);
-        if (send_msg(text, data_url_.c_str(), "conf") != 0) {
+        if (uploader_.send_msg(text, data_url_, "conf") != 0) {
             error_time_ = os_time();
             LOGE << "send conf: " << error_time_ << LEND;
         }
@@ -514,7 +524,7 @@ bool DeliveryLoop::idle_turn(bool skipped, bool stop_seen) {
 
     if (tick_ % kHousekeeping == 0) {
         ++tick_;
-        conf_.save_conf(true);
+        save_settings();
         Log::obj_->flush();
         if (!real_time_) msg_.flush();
     } else {
@@ -554,8 +564,7 @@ long long DeliveryLoop::next_deadline_ms(long long now) const {
 
 void DeliveryLoop::handle_record(std::string& item) {
     ++tick_;
-    bool initial = item.compare(0, kInitPrefixLen, kInitPrefix) == 0;
-    if (initial) item.erase(0, kInitPrefixLen);
+    const bool initial = strip_initial(item);
 
     in_hand_ = &item;
     in_hand_saved_ = false;
@@ -571,7 +580,7 @@ void DeliveryLoop::handle_record(std::string& item) {
 
 void DeliveryLoop::mirror(const std::string& item) {
     LOGI << "debug_svr: " << debug_url_ << ", msg: " << item << LEND;
-    std::string reply = send_msg_res(item, debug_url_.c_str(), "data");
+    std::string reply = uploader_.send_msg_res(item, debug_url_, "data");
     if (!reply.empty()) owner_.save_debug_msg(reply);
 }
 
@@ -581,7 +590,7 @@ bool DeliveryLoop::send_real_time(const std::string& item) {
     take_future_times_as_now(now);
     if (!real_time_ || now - error_time_ <= kRetryPause) return false;
     LOGI << "snd real" << LEND;
-    int r = send_msg(item, data_url_.c_str(), "data");
+    int r = uploader_.send_msg(item, data_url_, "data");
     if (r == 0) {
         mark_sent_now(now);
         return true;
@@ -599,7 +608,7 @@ bool DeliveryLoop::send_initial(const std::string& item) {
     const long long started = os_time();
     int r = 0;
     for (int attempt = 0; attempt < kInitAttempts; ++attempt) {
-        r = send_msg(item, data_url_.c_str(), "data");
+        r = uploader_.send_msg(item, data_url_, "data");
         if (r == 0) {
             mark_sent_now(started);
             return true;
@@ -697,7 +706,7 @@ void DeliveryLoop::shut_down() {
     LOGI << "back thread stop ..." << LEND;
     owner_.set_running(0);
     if (msg_.is_open()) msg_.close();
-    conf_.save_conf(true);
+    save_settings();
     owner_.set_stop_flag(0);
 }
 
@@ -716,7 +725,7 @@ void DeliveryLoop::note_batch_sent() {
     take_future_times_as_now(now);
     last_send_ = std::min(newest_, now);
     conf_.set("LAST_SEND", last_send_);
-    conf_.save_conf(true);
+    save_settings();
     pending_count_ = std::max(0LL, pending_count_ - batch_count_);
     pending_bytes_ = std::max(0LL, pending_bytes_ - batch_bytes_);
 }
@@ -783,10 +792,6 @@ const CommonKey kCommonKeys[] = {
     {"osver", "osver:", ", "},       {"osbit", "osbit:", ", "},       {"oslang", "oslang:", ", "},
     {"tinstall", "tinstall:", ", "}, {"psource", "psource:", ", "},   {"uid", "uid:", ""},
 };
-
-bool starts_with(const std::string& s, const char* prefix) {
-    return s.compare(0, std::char_traits<char>::length(prefix), prefix) == 0;
-}
 
 // A row the report wrote earlier and the user left intact.
 bool is_kept_row(const std::string& line) {

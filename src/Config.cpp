@@ -1,8 +1,8 @@
 // The settings store: typed access to the text-valued settings, the built-in defaults and the
 // configuration endpoint. Read and written by the host's threads (record calls) and the background
 // thread at the same time; every access holds the store's mutex for that access only, and the store
-// never calls into another component (in particular never logs) while holding it: a warning or error
-// line counts itself in the store through ins(), which would take the store's lock a second time.
+// never calls into another component (in particular never logs) while holding it, so that the lock
+// is held for a look-up's time and never nested in another.
 //
 // Loading, validating, saving and fetching: at start-up the background thread runs init_conf: the
 // built-in defaults, then the enciphered file "sdk.cf" in the root directory, then the collection
@@ -456,7 +456,8 @@ int Config::load_saved(bool& loaded, bool& other_host) {
 }
 
 bool Config::saved_is_fresh(bool loaded, bool other_host) {
-    return loaded && !other_host && !refresh_due(get_int("CONF_UPD_GAP"), get_int("CONF_UPD_TIME"), os_time());
+    return loaded && !other_host &&
+           !refresh_due(get_int("CONF_UPD_GAP"), get_int("CONF_UPD_TIME"), os_time());
 }
 
 int Config::init_conf() {
@@ -486,8 +487,7 @@ int Config::init_conf() {
             return RES_CONF_REJECT;
         }
         save_conf(true);
-        if (!consent_declined())
-            replace_file(get_str("ROOT_DIR") + kConfHostName, collect_host() + "\n");
+        if (!consent_declined()) replace_file(get_str("ROOT_DIR") + kConfHostName, collect_host() + "\n");
         LOGI << "update conf from svr end" << LEND;
         return RES_OK;
     } catch (...) {
@@ -562,6 +562,7 @@ int Config::get_conf_frm_svr(std::string& conf) {
         param.body_len = static_cast<int>(body.size());
         param.block = false;
         param.timeout_ms = request_timeout_ms(get_int("CON_TIMEOUT"));
+        param.declined = &consent_declined;
 
         // The endpoint is built in: CONF_URL steers only the uploads, so a bad CONF_URL handed out
         // once can always be corrected by the next fetch.

@@ -34,12 +34,10 @@
 #include <memory>
 #include <vector>
 
-#include "BaseInfo.h"
-#include "ComInc.h"
-#include "Config.h"
-#include "Consent.h"
+#include "Common.h"
 #include "Log.h"
 #include "OsApi.h"
+#include "Result.h"
 #include "Thread.h"
 #include "Util.h"
 #include "Zip.h"
@@ -69,19 +67,6 @@ const size_t kRecvChunk = 2048;
 // No transfer may hold the background thread for ever, whatever CON_TIMEOUT says.
 const long long kMinTransferMs = 1000;
 const long kMaxRedirects = 3;
-
-// Text of an errno value without strerror's shared buffer (either strerror_r flavour).
-// Only the overload of the C library's flavour is called.
-[[maybe_unused]] inline const char* pick_error_text(int /*xsi_result*/, const char* buf) {
-    return buf;
-}
-[[maybe_unused]] inline const char* pick_error_text(const char* gnu_result, const char* /*buf*/) {
-    return gnu_result;
-}
-std::string errno_text(int err) {
-    char buf[128] = {0};
-    return pick_error_text(strerror_r(err, buf, sizeof buf), buf);
-}
 
 long long now_ms() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -121,10 +106,6 @@ class Deadline {
 int wait_budget_ms(long long since, unsigned int timeout_ms, const Deadline& deadline) {
     const long long phase_left = since + phase_limit_ms(timeout_ms) - now_ms();
     return static_cast<int>(std::max(0LL, std::min(phase_left, deadline.left_ms())));
-}
-
-bool starts_with(const char* text, const char* prefix) {
-    return text && strncmp(text, prefix, strlen(prefix)) == 0;
 }
 
 class Socket {
@@ -419,10 +400,12 @@ FormPtr upload_form(const RequestParam& param) {
     curl_httppost* first = nullptr;
     curl_httppost* last = nullptr;
     const char* name = param.upname ? param.upname : "";
+    const UploadContext none;
+    const UploadContext& form = param.form ? *param.form : none;
     add_text_field(&first, &last, "sdk_log", name);
-    add_text_field(&first, &last, "proc_name", g_base_info["procname"]);
-    add_text_field(&first, &last, "tid", Config::obj_->get_str("tid"));
-    add_text_field(&first, &last, "client_sign", g_base_info["did"]);
+    add_text_field(&first, &last, "proc_name", form.procname);
+    add_text_field(&first, &last, "tid", form.tid);
+    add_text_field(&first, &last, "client_sign", form.did);
     curl_formadd(&first, &last, CURLFORM_COPYNAME, "file", CURLFORM_BUFFER, name, CURLFORM_BUFFERPTR,
                  param.body ? param.body : "", CURLFORM_BUFFERLENGTH,
                  static_cast<long>(param.body_len > 0 ? param.body_len : 0), CURLFORM_CONTENTTYPE,
@@ -455,9 +438,9 @@ bool zip_into(const std::string& data, std::vector<unsigned char>& out) {
 }
 
 // The Base64 form-field text of data, zipped first when ZIP_DATA is on. False when Zip fails.
-bool encode_form_payload(const std::string& data, std::string& text) {
+bool encode_form_payload(const std::string& data, bool zip, std::string& text) {
     if (data.size() > kMaxPayload) return false;
-    if (!Config::obj_->on("ZIP_DATA")) {
+    if (!zip) {
         text = Util::fencode(data);
         return true;
     }
@@ -469,12 +452,12 @@ bool encode_form_payload(const std::string& data, std::string& text) {
 
 // The file payload: the unencoded length as 4 big-endian bytes, then the enciphered (and, with
 // ZIP_DATA on, deflated) data. False when Zip fails or nothing was enciphered.
-bool encode_file_payload(const std::string& data, std::string& payload) {
+bool encode_file_payload(const std::string& data, bool zip, std::string& payload) {
     if (data.size() > kMaxPayload) return false;
     std::vector<unsigned char> zipped;
     const unsigned char* plain = reinterpret_cast<const unsigned char*>(data.data());
     size_t plain_len = data.size();
-    if (Config::obj_->on("ZIP_DATA")) {
+    if (zip) {
         if (!zip_into(data, zipped)) return false;
         plain = zipped.data();
         plain_len = zipped.size();
@@ -503,13 +486,13 @@ void append_text_part(std::string& body, const char* name, const std::string& va
     body += "\r\n\r\n";
 }
 
-std::string multipart_body(const std::string& name, const std::string& payload) {
+std::string multipart_body(const std::string& name, const std::string& payload, const UploadContext& ctx) {
     std::string body;
     body.reserve(payload.size() + 512);
     append_text_part(body, "sdk_log", name);
-    append_text_part(body, "proc_name", g_base_info["procname"]);
-    append_text_part(body, "tid", Config::obj_->get_str("tid"));
-    append_text_part(body, "client_sign", g_base_info["did"]);
+    append_text_part(body, "proc_name", ctx.procname);
+    append_text_part(body, "tid", ctx.tid);
+    append_text_part(body, "client_sign", ctx.did);
     body += kPartOpen;
     body += "file\"; filename=\"";
     body += name.c_str();
@@ -519,14 +502,15 @@ std::string multipart_body(const std::string& name, const std::string& payload) 
     return body;
 }
 
-RequestParam upload_param(const std::string& body) {
+RequestParam upload_param(const std::string& body, const UploadContext& ctx) {
     RequestParam param;
     param.post = true;
     param.body = body.c_str();
     param.body_len = static_cast<int>(body.size());
     param.block = false;
-    long long timeout = Config::obj_->get_int("CON_TIMEOUT");
-    param.timeout_ms = timeout < 0 ? 0u : timeout > UINT_MAX ? UINT_MAX : static_cast<unsigned int>(timeout);
+    param.timeout_ms = ctx.timeout_ms;
+    param.declined = ctx.declined;
+    param.form = &ctx;
     return param;
 }
 
@@ -534,12 +518,12 @@ enum class PostResult { kEncodeFailed, kNoReply, kReplied };
 
 // Steps shared by send_msg and send_msg_res: envelope, form body, one POST. status = the reply's
 // HTTP status code (0 when it has none).
-PostResult post_form(const std::string& data, const char* url, const std::string& field, std::string& reply,
-                     long& status) {
+PostResult post_form(const std::string& data, const char* url, const std::string& field,
+                     const UploadContext& ctx, std::string& reply, long& status) {
     std::string text;
-    if (!encode_form_payload(data, text) || text.empty()) return PostResult::kEncodeFailed;
+    if (!encode_form_payload(data, ctx.zip, text) || text.empty()) return PostResult::kEncodeFailed;
     const std::string body = field + "=" + UrlEncode(text);
-    RequestParam param = upload_param(body);
+    RequestParam param = upload_param(body, ctx);
     if (starts_with(url, "https://")) {
         reply = curl_http_post(url, param, 1, &status);
         return reply.empty() ? PostResult::kNoReply : PostResult::kReplied;
@@ -604,7 +588,8 @@ bool parse_http_url(const std::string& url, std::string& host, int& port, std::s
 
 bool http_client(const char* url, std::string& reply, RequestParam* param) {
     try {
-        if (consent_declined()) return false;  // no request leaves for a user who declined
+        if (param && param->declined && param->declined())
+            return false;  // no request for a user who declined
         if (url == nullptr) {
             LOGE << "null url" << LEND;
             return false;
@@ -629,7 +614,7 @@ std::string curl_http_post(const std::string& url, RequestParam& param, int mode
     std::string reply;
     if (http_status) *http_status = 0;
     try {
-        if (consent_declined()) return reply;
+        if (param.declined && param.declined()) return reply;
         FormPtr form;  // declared first: freed after the handle that points into it
         CurlPtr curl(curl_easy_init());
         if (!curl) {
@@ -659,7 +644,7 @@ std::string curl_http_post(const std::string& url, RequestParam& param, int mode
 std::string curl_http_get(const std::string& url, RequestParam& param) {
     std::string reply;
     try {
-        if (consent_declined()) return reply;
+        if (param.declined && param.declined()) return reply;
         CurlPtr curl(curl_easy_init());
         if (!curl) {
             LOGE << "curl init failed: " << LEND;
@@ -785,11 +770,11 @@ unsigned char FromHex(unsigned char c) {
     return 0;
 }
 
-int send_msg(const std::string& data, const char* url, const std::string& field) {
+int send_msg(const std::string& data, const char* url, const std::string& field, const UploadContext& ctx) {
     try {
         std::string reply;
         long status = 0;
-        switch (post_form(data, url, field, reply, status)) {
+        switch (post_form(data, url, field, ctx, reply, status)) {
             case PostResult::kEncodeFailed:
                 return -1;
             case PostResult::kNoReply:
@@ -809,13 +794,12 @@ int send_msg(const std::string& data, const char* url, const std::string& field)
     }
 }
 
-int send_file(const std::string& data, const char* url, const std::string& name) {
+int send_file(const std::string& data, const char* url, const std::string& name, const UploadContext& ctx) {
     try {
         std::string payload;
-        if (!encode_file_payload(data, payload)) return -1;
-        RequestParam param = upload_param(payload);
+        if (!encode_file_payload(data, ctx.zip, payload)) return -1;
+        RequestParam param = upload_param(payload, ctx);
         param.upname = name.c_str();
-        g_base_info.wait(30);
         std::string reply;
         bool replied = false;
         long status = 0;
@@ -823,7 +807,7 @@ int send_file(const std::string& data, const char* url, const std::string& name)
             reply = curl_http_post(url, param, 2, &status);
             replied = !reply.empty();
         } else {
-            const std::string body = multipart_body(name, payload);
+            const std::string body = multipart_body(name, payload, ctx);
             param.body = body.c_str();
             param.body_len = static_cast<int>(body.size());
             param.header = kMultipartHeader;
@@ -844,11 +828,12 @@ int send_file(const std::string& data, const char* url, const std::string& name)
     }
 }
 
-std::string send_msg_res(const std::string& data, const char* url, const std::string& field) {
+std::string send_msg_res(const std::string& data, const char* url, const std::string& field,
+                         const UploadContext& ctx) {
     try {
         std::string reply;
         long status = 0;
-        switch (post_form(data, url, field, reply, status)) {
+        switch (post_form(data, url, field, ctx, reply, status)) {
             case PostResult::kEncodeFailed:
                 return "";
             case PostResult::kNoReply:

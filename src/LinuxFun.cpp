@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "ClientSign.h"
+#include "Common.h"
 #include "OsImpl.h"
 
 namespace VELTO_PLATFORM_NS {
@@ -41,20 +42,6 @@ const size_t kMaxPrefsFileBytes = 1024 * 1024;
 // deep; anything nested beyond this is rejected before it is parsed.
 const int kMaxPrefsNesting = 64;
 const size_t kMaxExePathBytes = 64 * 1024;
-
-// The two flavours of strerror_r (GNU returns the text, XSI fills the buffer) behind one call.
-// Only the overload of the C library's flavour is called.
-[[maybe_unused]] inline const char* strerror_result(const char* text, const char*) {
-    return text;
-}
-[[maybe_unused]] inline const char* strerror_result(int, const char* buf) {
-    return buf;
-}
-
-std::string errno_text(int err) {
-    char buf[256] = {0};
-    return strerror_result(strerror_r(err, buf, sizeof(buf)), buf);
-}
 
 class FdCloser {
   public:
@@ -86,17 +73,6 @@ bool read_file_bounded(const std::string& path, size_t max_bytes, std::string& o
     }
 }
 
-bool write_all(int fd, const char* data, size_t len) {
-    while (len > 0) {
-        ssize_t n = write(fd, data, len);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        data += n;
-        len -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 std::string parent_dir(const std::string& path) {
     size_t sep = path.rfind('/');
     return sep == std::string::npos ? std::string(".") : path.substr(0, sep);
@@ -117,7 +93,7 @@ bool write_file_atomically(const std::string& path, const char* data, size_t len
     std::string tmp = path + ".XXXXXX";
     int fd = mkostemp(&tmp[0], O_CLOEXEC);
     if (fd < 0) return false;
-    bool ok = write_all(fd, data, len);
+    bool ok = Velto::write_all(fd, data, len);
     if (close(fd) != 0) ok = false;
     if (ok && rename(tmp.c_str(), path.c_str()) == 0) return true;
     unlink(tmp.c_str());
@@ -151,21 +127,17 @@ struct PlistFree {
 };
 typedef std::unique_ptr<void, PlistFree> PlistPtr;
 
-bool starts_with(const std::string& s, size_t pos, const char* prefix) {
-    return s.compare(pos, strlen(prefix), prefix) == 0;
-}
-
 // True when no <dict> or <array> element of an XML property list lies deeper than max_depth. Works
 // on the raw text without parsing it; text inside strings cannot hold a '<', so only markup counts.
 bool xml_nesting_ok(const std::string& xml, int max_depth) {
     int depth = 0;
     for (size_t lt = xml.find('<'); lt != std::string::npos; lt = xml.find('<', lt + 1)) {
-        const bool closing = starts_with(xml, lt + 1, "/");
+        const bool closing = Velto::starts_with_at(xml, lt + 1, "/");
         const size_t name = lt + (closing ? 2 : 1);
         size_t name_len;
-        if (starts_with(xml, name, "dict")) {
+        if (Velto::starts_with_at(xml, name, "dict")) {
             name_len = 4;
-        } else if (starts_with(xml, name, "array")) {
+        } else if (Velto::starts_with_at(xml, name, "array")) {
             name_len = 5;
         } else {
             continue;
@@ -405,7 +377,7 @@ std::string get_sdk_version_impl() {
 
 bool rename_file_impl(const std::string& from, const std::string& to, std::string& error) {
     if (rename(from.c_str(), to.c_str()) == 0) return true;
-    error = errno_text(errno);
+    error = Velto::errno_text(errno);
     return false;
 }
 
@@ -435,7 +407,7 @@ bool write_file_synced_impl(const std::string& path, const char* data, size_t le
     // Owner-only, and never through a link planted at the temporary name.
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) return false;
-    bool ok = write_all(fd, data, len) && fsync(fd) == 0;
+    bool ok = Velto::write_all(fd, data, len) && fsync(fd) == 0;
     if (close(fd) != 0) ok = false;
     return ok;
 }

@@ -4,17 +4,13 @@
 // descriptor (device, inode, size) before a line when a millisecond has passed since the last
 // comparison, and always before rolling, so the log follows a file that was emptied, moved aside or
 // deleted: within a millisecond it is created anew (a burst of lines inside that millisecond may
-// still reach the old file). The file is
-// cut in place to its last 55 % at the size limit. Nothing here ever reports a failure or throws: a
-// line that cannot be written is lost.
+// still reach the old file). The file is cut in place to its last 55 % at the size limit. Nothing
+// here ever reports a failure or throws: a line that cannot be written is lost.
 //
-// The upload of the diagnostics log, run by the background thread while SEND_LOG_ON is on. When the
-// log has grown to half its maximum size, or more warnings and errors were counted than allowed, its
-// text is moved aside into "sdk.log.bak" (under the log's mutex, so no line lands in a half-moved
-// file), "sdk.log" starts afresh and the text is sent as a file upload. A failed upload leaves the
-// text in "sdk.log.bak", which the next call sends first.
 // The log's mutex is only ever held through Log::Hold; a line logged by the holding thread meanwhile
-// is written right after the hold ends.
+// is written right after the hold ends. Warn and error lines are counted in an atomic of the log
+// (the delivery loop carries the count into the settings); moving the log aside for its upload is
+// here, the upload itself in LogUpload.cpp.
 #include "Log.h"
 
 #include <errno.h>
@@ -32,8 +28,7 @@
 #include <string>
 #include <vector>
 
-#include "Config.h"
-#include "HttpClient.h"
+#include "Common.h"
 #include "OsApi.h"
 
 namespace Velto {
@@ -53,7 +48,6 @@ struct LineState {
     size_t line_start = 0;       // offset of the line being built
     bool building = false;       // a line was begun or text inserted since the last end
     int batch = 0;               // depth of open batches
-    bool counting = false;       // counting an error line: lines logged meanwhile are dropped
     Log* held = nullptr;         // the log whose lock this thread holds
     std::string held_text;       // lines that thread logged there meanwhile
     std::vector<size_t> held_starts;
@@ -171,14 +165,13 @@ Log::~Log() {
     }
 }
 
-void Log::init(const char* path) {
+void Log::init(const char* path, const std::string& upname) {
     try {
         m_.init();
         if (!path) return;
-        std::string name = get_name_to_svr();
         Hold hold(*this);
         path_ = path;
-        upname_ = name;
+        upname_ = upname;
         reopen_file();
     } catch (...) {
     }
@@ -196,15 +189,10 @@ Log& Log::error() {
 
 Log& Log::begin_line(int level) {
     LineState& st = state();
-    if (st.counting) return *this;
+    if (level <= LOG_WARN) errors_.fetch_add(1, std::memory_order_relaxed);
     try {
         // Text inserted without a line end goes out before the next line, as it was inserted.
         if (st.building && st.batch == 0) flush();
-        if (level <= LOG_WARN) {
-            st.counting = true;
-            ins_err();
-            st.counting = false;
-        }
         if (st.owner != this) {
             if (!st.text.empty()) flush();
             st.owner = this;
@@ -214,7 +202,6 @@ Log& Log::begin_line(int level) {
         st.text += level_tag(level);
         st.building = true;
     } catch (...) {
-        st.counting = false;
     }
     return *this;
 }
@@ -230,7 +217,6 @@ Log& Log::operator<<(const std::string& text) {
 // Exactly "\n" ends the line and writes it; anything else is added as it stands.
 Log& Log::write_text(const char* text, size_t n) {
     LineState& st = state();
-    if (st.counting) return *this;
     try {
         if (st.owner != this) {
             if (!st.text.empty()) flush();
@@ -289,7 +275,7 @@ std::string Log::path() {
 
 void Log::flush() {
     LineState& st = state();
-    if (st.owner == nullptr || st.text.empty() || st.counting) return;
+    if (st.owner == nullptr || st.text.empty()) return;
     try {
         // Ended lines of an open batch, then the unended rest as one more piece.
         std::vector<size_t> starts(st.starts);
@@ -326,9 +312,9 @@ void Log::end_batch() {
         st.starts.clear();
     }
 }
-std::string Log::get_name_to_svr() {
+std::string Log::get_name_to_svr(const std::string& client_sign) {
     try {
-        std::string sign = get_client_sign();
+        std::string sign = client_sign;
         return "sdk_" + Util::trim(sign, '{', '}') + ".log";
     } catch (...) {
         return "sdk_.log";
@@ -359,27 +345,21 @@ void Log::write_lines_held(const char* text, size_t n, const size_t* starts, siz
         if (at < from || at > n) continue;
         // A line that begins when the file holds the limit rolls it first.
         if (size_ + (at - from) < lim_) continue;
-        write_all(text + from, at - from);
+        append_bytes(text + from, at - from);
         from = at;
         sync_size();
         if (size_ >= lim_) roll();
     }
-    write_all(text + from, n - from);
+    append_bytes(text + from, n - from);
 }
 
-bool Log::write_all(const char* data, size_t n) {
+bool Log::append_bytes(const char* data, size_t n) {
     if (size_ + n > fsize_cap_) return false;  // the lines are dropped; the file keeps what it has
-    while (n > 0 && fd_ >= 0) {
-        const ssize_t w = ::write(fd_, data, n);
-        if (w < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        size_ += static_cast<unsigned long long>(w);
-        data += w;
-        n -= static_cast<size_t>(w);
-    }
-    return n == 0;
+    if (fd_ < 0) return n == 0;
+    // After a failed write the size is known again at the next comparison with the path.
+    if (!write_all(fd_, data, n)) return false;
+    size_ += n;
+    return true;
 }
 
 // The path is compared with the descriptor every kFollowEveryNs of logging and whenever force is
@@ -436,7 +416,7 @@ void Log::roll() {
     notice += "to roll file, cur size: ";
     notice += std::to_string(size_);
     notice += '\n';
-    write_all(notice.data(), notice.size());
+    append_bytes(notice.data(), notice.size());
     sync_size();
     if (fd_ < 0) return;
     const unsigned long long keep = static_cast<unsigned long long>(static_cast<double>(lim_) * 0.55);
@@ -455,47 +435,10 @@ void Log::roll() {
     kept.resize(got);
     if (::ftruncate(fd_, 0) != 0) return;
     size_ = 0;
-    write_all(kept.data(), kept.size());
-}
-
-void Log::ins_err() {
-    Config* conf = Config::obj_;
-    if (conf && conf->get_int("LOGERR_SEND_LIM") > 0) conf->ins("LOGERR_NUM");
+    append_bytes(kept.data(), kept.size());
 }
 
 namespace {
-
-const char kBackupName[] = "sdk.log.bak";
-const char kUploadName[] = "log";
-// A backup this short holds no complete log line; it is neither sent nor emptied.
-const size_t kBackupMinBytes = 10;
-
-void empty_file(const std::string& path) {
-    ensure_own_file(path, true);
-    fault_point("sdk.log.bak: emptied after its upload");
-}
-
-// The backup's lines, each followed by a line feed; "" when there is no backup.
-std::string read_backup(const std::string& path) {
-    std::string text;
-    std::ifstream in;
-    if (ensure_own_file(path)) in.open(path);  // never the target of a link planted at the name
-    if (!in.is_open()) return text;
-    std::string line;
-    while (std::getline(in, line)) {
-        text += line;
-        text += '\n';
-    }
-    return text;
-}
-
-// Half the configured maximum size in bytes, kept within the range of the 32-bit threshold.
-long long size_threshold(long long max_log_kib) {
-    const double half = static_cast<double>(max_log_kib) * 1024.0 * 0.5;
-    if (half >= static_cast<double>(INT_MAX)) return INT_MAX;
-    if (half <= static_cast<double>(INT_MIN)) return INT_MIN;
-    return static_cast<int>(half);
-}
 
 // Copies the live log into the backup (line breaks kept) and returns its lines run together for
 // the upload; the live log is emptied only once the backup is whole on disk, so a crash or a full
@@ -529,68 +472,24 @@ long long Log::write_pos() {
     return fd_ < 0 ? -1 : static_cast<long long>(size_);
 }
 
-int Log::send_log() {
+long long Log::size_now() {
+    Hold hold(*this);
+    return write_pos();
+}
+
+bool Log::move_aside(const std::string& backup_path, std::string& upload) {
+    Hold hold(*this);
+    close_file();
+    const bool moved = move_log_aside(path_, backup_path, upload);
+    reopen_file();
+    return moved;
+}
+
+void Log::reopen() {
     try {
-        Config& conf = *Config::obj_;
-        const std::string url = conf.get_str("CONF_URL") + "/v1/file";
-        const std::string backup_path = conf.get_str("ROOT_DIR") + kBackupName;
-        // Processes sharing the root write one log; while another of them uploads it, this one
-        // leaves it alone.
-        TaskLock upload_lock(conf.get_str("ROOT_DIR") + kNetLockName);
-        if (!upload_lock.try_take()) return 0;
-
-        // The text of an earlier failed upload goes out before anything new.
-        const std::string backup = read_backup(backup_path);
-        if (backup.size() > kBackupMinBytes) {
-            LOGI << "snd log" << LEND;
-            if (send_file(backup, url.c_str(), kUploadName) != 0) {
-                LOGE << "send bak log file" << LEND;
-                return -1;
-            }
-            empty_file(backup_path);
-        }
-
-        const long long threshold = size_threshold(conf.get_int("MAX_LOG_SIZE"));
-        const long long err_limit = conf.get_int("LOGERR_SEND_LIM");
-        const long long err_count = conf.get_int("LOGERR_NUM");
-        long long size = 0;
-        {
-            Hold hold(*this);
-            size = write_pos();
-        }
-        const bool too_big = size >= threshold;
-        const bool too_many_errors = err_limit > 0 && err_count > err_limit;
-        if (!too_big && !too_many_errors) return 0;
-        LOGI << "snd log lim_size: " << threshold << ", lim_err:" << err_limit << ", err:" << err_count
-             << LEND;
-
-        std::string upload;
-        bool moved = false;
-        {
-            Hold hold(*this);
-            close_file();
-            moved = move_log_aside(path_, backup_path, upload);
-            reopen_file();
-        }
-        if (!moved) return -1;
-
-        if (send_file(upload, url.c_str(), kUploadName) != 0) {
-            Hold hold(*this);
-            reopen_file();
-            return -2;
-        }
-        empty_file(backup_path);
-        conf.set("LOGERR_NUM", "0");
-        conf.save_conf(true);
-        return 0;
+        Hold hold(*this);
+        reopen_file();
     } catch (...) {
-        LOGE << "Exception send_log" << LEND;
-        try {
-            Hold hold(*this);
-            reopen_file();
-        } catch (...) {
-        }
-        return -1;
     }
 }
 

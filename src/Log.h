@@ -5,12 +5,14 @@
 // one write(2) to a descriptor kept open in append mode, so lines of two threads never interleave
 // and each line is in the file when LEND returns. The file is followed when somebody empties,
 // moves or deletes it (a deleted or replaced file is created anew), rolled to its last 55 % at the
-// size limit, and warn/error lines count into LOGERR_NUM for the log upload.
+// size limit. Warn and error lines are counted here (error_count); the delivery loop carries the
+// count into LOGERR_NUM, and LogUpload sends the log. The log depends on the platform layer only.
 #ifndef VELTO_LOG_H
 #define VELTO_LOG_H
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -29,8 +31,9 @@ class Log {
     Log();
     virtual ~Log();
 
-    // Registers the mutex; with a path, (re)opens it for appending and remembers it.
-    void init(const char* path) EXCLUDES(m_);
+    // Registers the mutex; with a path, (re)opens it for appending and remembers it and the name
+    // the log is uploaded under (data_init passes get_name_to_svr of the client id).
+    void init(const char* path, const std::string& upname = "sdk.log") EXCLUDES(m_);
 
     // Begin a line of the given level; return *this for the insertions.
     Log& info();
@@ -58,10 +61,21 @@ class Log {
     void begin_batch();
     void end_batch();
 
-    // Moves the log aside and uploads it (background thread only). 0, -1 or -2.
-    int send_log() EXCLUDES(m_);
     // "sdk_" + the client id without braces and blanks + ".log".
-    std::string get_name_to_svr();
+    static std::string get_name_to_svr(const std::string& client_sign);
+
+    // Warn and error lines written since the count was last taken.
+    long long error_count() const { return errors_.load(std::memory_order_relaxed); }
+    long long take_error_count() { return errors_.exchange(0, std::memory_order_relaxed); }
+
+    // For the log's upload (LogUpload): the live log's size, -1 while it is closed.
+    long long size_now() EXCLUDES(m_);
+    // Copies the live log into backup_path (line breaks kept), empties it once the copy is whole
+    // on disk, and returns its lines run together in upload. False when the log cannot be read,
+    // the backup not written or the log not emptied. No line lands in a half-moved file.
+    bool move_aside(const std::string& backup_path, std::string& upload) EXCLUDES(m_);
+    // Opens the file anew (after an upload failed midway).
+    void reopen() EXCLUDES(m_);
 
     std::string path() EXCLUDES(m_);
     Mutex& mutex() RETURN_CAPABILITY(m_) { return m_; }
@@ -94,7 +108,6 @@ class Log {
     Log& begin_line(int level);
     Log& write_number(long long n);
     Log& write_text(const char* text, size_t n);
-    void ins_err();
     // Writes the lines that begin at the given offsets of text under a hold of its own; when the
     // calling thread holds the lock already, they are kept and written once that hold ends.
     void write_lines(const char* text, size_t n, const size_t* starts, size_t count);
@@ -105,7 +118,7 @@ class Log {
     void follow_file(bool force) REQUIRES(m_);
     void sync_size() REQUIRES(m_);
     void roll() REQUIRES(m_);
-    bool write_all(const char* data, size_t n) REQUIRES(m_);
+    bool append_bytes(const char* data, size_t n) REQUIRES(m_);
 
     Mutex m_;
     std::string path_ GUARDED_BY(m_);
@@ -117,6 +130,7 @@ class Log {
     long long checked_ns_ GUARDED_BY(m_);  // when the path was last compared with the descriptor
     unsigned long long lim_ GUARDED_BY(m_);
     unsigned long long fsize_cap_ GUARDED_BY(m_) = ~0ULL;  // below the process's file-size limit
+    std::atomic<long long> errors_{0};                     // warn and error lines, see error_count
 };
 
 }  // namespace Velto

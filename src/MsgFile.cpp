@@ -21,11 +21,12 @@
 #include <vector>
 
 #include "ComInc.h"
+#include "Common.h"
 #include "Config.h"
 #include "Consent.h"
-#include "HttpClient.h"
 #include "Log.h"
 #include "OsApi.h"
+#include "Uploader.h"
 
 namespace Velto {
 
@@ -35,10 +36,8 @@ const char kMsgName[] = "sdk.msg";
 const char kJournalName[] = "sdk.msg.bak";
 // A journal that cannot be trusted is kept under this name for a look, never restored.
 const char kBadJournalName[] = "sdk.msg.bak.bad";
-const char kSetAsidePrefix[] = "MSG_PRE_";
 // Advisory locks of the processes that share the root.
 const char kLockName[] = "sdk.lock";
-const size_t kSetAsidePrefixLen = sizeof(kSetAsidePrefix) - 1;
 // A journal shorter than this cannot hold a record line; it is left over from an emptied rewrite.
 const std::streamoff kJournalMinBytes = 10;
 const size_t kTimeFieldLen = 10;
@@ -108,19 +107,6 @@ bool is_record_line(const std::string& line) {
 
 int negated_count(long long dropped) {
     return dropped > INT_MAX ? -INT_MAX : -static_cast<int>(dropped);
-}
-
-// The parts of a set-aside name: the GUID (through the first "}") and the time behind it.
-bool parse_set_aside_name(const std::string& name, std::string& guid, long long& time) {
-    const size_t brace = name.find('}');
-    if (brace == std::string::npos || brace < kSetAsidePrefixLen + 1) return false;
-    guid = name.substr(kSetAsidePrefixLen, brace - kSetAsidePrefixLen + 1);
-    time = std::strtoll(name.c_str() + brace + 1, nullptr, 10);
-    return true;
-}
-
-bool starts_with(const std::string& s, const char* prefix, size_t len) {
-    return s.compare(0, len, prefix) == 0;
 }
 
 void drop_oldest(StrList& records, StrList* raw_lines) {
@@ -493,12 +479,14 @@ int MsgFile::roll_msg(long long begin, long long max_count, long long max_bytes,
 // Renames "sdk.msg" to a new set-aside name; new records go to a fresh "sdk.msg" from here on.
 bool MsgFile::set_aside(const std::string& root, long long now) {
     RootLock hold(*this, true);
-    const std::string name = kSetAsidePrefix + get_guid() + Util::ltoa(now);
+    const std::string name = set_aside_name(get_guid(), now);
     close();
-    const bool renamed = rename_file(root, kMsgName, name);
+    std::string error;
+    const bool renamed = rename_file(root, kMsgName, name, &error);
     if (renamed) fault_point("sdk.msg: set aside");
     open();
     if (!renamed) {
+        LOGE << "rename: " << error << LEND;
         LOGE << "rename: " << root << name << LEND;
         return false;
     }
@@ -533,8 +521,8 @@ class BatchLock {
 
 // Uploads one set-aside file; it is deleted once the server took it, when it holds no record, or
 // when its newest record is older than cutoff (a time in the future counts as now).
-bool send_set_aside(MsgFile& store, const std::string& path, const std::string& url,
-                    const std::string& guid, long long now, long long cutoff) {
+bool send_set_aside(MsgFile& store, const std::string& path, const std::string& url, const std::string& guid,
+                    long long now, long long cutoff) {
     std::string body;
     long long newest = 0;
     {
@@ -551,7 +539,7 @@ bool send_set_aside(MsgFile& store, const std::string& path, const std::string& 
         return true;
     }
     LOGI << "snd old msgs: " << path << LEND;
-    const int r = send_file(body, url.c_str(), guid);
+    const int r = Uploader::standard().send_file(body, url, guid);
     if (r != 0) {
         LOGW << "snd old msgs: " << path << ", ret: " << r << LEND;
         return false;
@@ -577,7 +565,7 @@ std::vector<SetAside> set_aside_files(const std::string& root) {
         std::string guid;
         long long time = 0;
         struct stat st;
-        if (!starts_with(name, kSetAsidePrefix, kSetAsidePrefixLen)) continue;
+        if (!starts_with(name, kSetAsidePrefix)) continue;
         if (!parse_set_aside_name(name, guid, time)) {
             LOGW << "msg file: " << name << LEND;
             continue;
@@ -843,7 +831,7 @@ void MsgFile::erase_files(const std::string& root) {
     StrList names;
     get_files(root, names);
     for (const std::string& name : names) {
-        if (starts_with(name, kSetAsidePrefix, kSetAsidePrefixLen)) std::remove((root + name).c_str());
+        if (starts_with(name, kSetAsidePrefix)) std::remove((root + name).c_str());
     }
     if (lock_fd >= 0) ::close(lock_fd);  // releases the lock
 }

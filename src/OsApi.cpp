@@ -12,10 +12,7 @@
 #include <cstdio>
 #include <map>
 
-#include "BaseInfo.h"
 #include "ClientSign.h"
-#include "ComInc.h"
-#include "Log.h"
 #include "OsImpl.h"
 #include "Thread.h"
 
@@ -188,10 +185,11 @@ std::string get_sdk_version() {
     return os_impl::get_sdk_version_impl();
 }
 
-bool rename_file(const std::string& dir, const std::string& old_name, const std::string& new_name) {
-    std::string error;
-    if (os_impl::rename_file_impl(dir + old_name, dir + new_name, error)) return true;
-    LOGE << "rename: " << error << LEND;
+bool rename_file(const std::string& dir, const std::string& old_name, const std::string& new_name,
+                 std::string* error) {
+    std::string reason;
+    if (os_impl::rename_file_impl(dir + old_name, dir + new_name, reason)) return true;
+    if (error) *error = reason;
     return false;
 }
 
@@ -205,9 +203,8 @@ std::string get_guid() {
     return os_impl::get_guid_impl();
 }
 
-std::string get_client_sign() {
+std::string get_client_sign(const std::string& brand) {
     try {
-        std::string brand = g_base_info["BRAND"];
         return sanitize_client_sign(os_impl::get_client_sign_impl(brand));
     } catch (...) {
         return "";

@@ -84,8 +84,10 @@ std::string get_pname();  // file name of the host executable, "" when unknown
 // path when there is no separator or it stands among the last two bytes.
 std::string pname_from_path(const std::string& path);
 std::string get_sdk_version();  // "1.1.1.1113"
-// Renames dir + old_name to dir + new_name (dir must end in a separator); logs "rename: " on failure.
-bool rename_file(const std::string& dir, const std::string& old_name, const std::string& new_name);
+// Renames dir + old_name to dir + new_name (dir must end in a separator). On failure, error (when
+// given) receives the system's reason, for the caller's "rename: " line.
+bool rename_file(const std::string& dir, const std::string& old_name, const std::string& new_name,
+                 std::string* error = nullptr);
 // Names of every entry of dir except "." and "..", in directory order; empty for dir shorter than 3.
 void get_files(const std::string& dir, StrList& out);
 std::string get_guid();  // "{" + 32 lower-case hex digits + "}"
@@ -134,8 +136,9 @@ typedef void (*FaultHook)(const char* step);
 void set_fault_hook(FaultHook hook);
 void fault_point(const char* step);
 
-// The machine's client id as stored in "did": braces around, control and non-ASCII bytes as "0".
-std::string get_client_sign();
+// The machine's client id for the product brand (the base field "BRAND") as stored in "did":
+// braces around, control and non-ASCII bytes as "0".
+std::string get_client_sign(const std::string& brand);
 
 }  // namespace Velto
 

@@ -164,7 +164,7 @@ std::string json_item(const std::string& json, const std::string& key) {
     return std::string();  // unterminated member
 }
 
-void append_json_escaped(std::string& out, const char* s, size_t n) {
+void append_trim_json(std::string& out, const char* s, size_t n) {
     for (size_t i = 0; i < n; ++i) {
         const char c = s[i];
         switch (c) {
@@ -203,7 +203,7 @@ void append_json_escaped(std::string& out, const char* s, size_t n) {
 std::string trim_json(const std::string& s) {
     std::string out;
     out.reserve(s.size() + s.size() / 8 + 2);
-    append_json_escaped(out, s.data(), s.size());
+    append_trim_json(out, s.data(), s.size());
     return out;
 }
 

@@ -38,7 +38,7 @@ std::string json_item(const std::string& json, const std::string& key);
 // Escapes a value for inclusion between double quotes; drops other control bytes and 0x7F.
 std::string trim_json(const std::string& s);
 // The same escaping, appended to out (at most 2 * n bytes).
-void append_json_escaped(std::string& out, const char* s, size_t n);
+void append_trim_json(std::string& out, const char* s, size_t n);
 // Replaces every backslash-quote pair with "_".
 std::string trim_json2(const std::string& s);
 // Position (relative to start) of the partner of the first `open` byte in s[start..], or -1.

@@ -19,6 +19,7 @@
 #include "BaseInfo.h"
 #include "Cache.h"
 #include "ComInc.h"
+#include "Common.h"
 #include "Config.h"
 #include "Consent.h"
 #include "Log.h"
@@ -48,7 +49,6 @@ const size_t kMaxStack = 2048;       // data_err_trace stack
 const size_t kMaxProperties = 1024;  // data_experience properties
 const size_t kMaxBaseLine = 1024;    // data_base_info2 line
 const long long kMaxPending = 1000;  // queued records before record calls refuse
-const char kInitPrefix[] = "INIT_EVENT";
 
 // Set by the first data_init that gets that far, so libcurl is initialised once per process even
 // when a data_init fails after it and is called again. Read and written under the API lock.
@@ -183,7 +183,7 @@ std::string render_record(const BaseView& view, OwnKeys& own, const char* prefix
         out += "\":\"";
         const size_t value_at = out.size();
         if (k.escape) {
-            Util::append_json_escaped(out, k.value.data(), k.value.size());
+            Util::append_trim_json(out, k.value.data(), k.value.size());
         } else {
             out += k.value;
         }
@@ -256,7 +256,7 @@ void queue_init_record() REQUIRES(api_m) {
     StrMap rec;
     g_base_info.copy(rec);
     rec["dtype"] = "init";
-    std::string text = kInitPrefix;
+    std::string text = Velto::kInitPrefix;
     text += stamp_and_render(rec);
     Cache::obj_->put(std::move(text));
 }
@@ -380,13 +380,16 @@ int data_init(const char* root, const char* brand) {
         g_base_info.clear();
         g_base_info.set("tstart", Util::ltoa(start));
         // Escaped like every host text, so that each record stays one valid JSON object on one line.
-        g_base_info.set("BRAND", Util::trim_json(brand));
-        g_base_info.set("did", Util::trim_json(Velto::get_client_sign()));  // reads "BRAND": after it
+        const std::string brand_field = Util::trim_json(brand);
+        const std::string client_sign = Velto::get_client_sign(brand_field);
+        g_base_info.set("BRAND", brand_field);
+        g_base_info.set("did", Util::trim_json(client_sign));
         g_base_info.set("procname", Util::trim_json(Velto::get_pname()));
         g_base_info.set("procid", Util::ltoa(Velto::get_pid()));
         g_base_info.set("modver", Velto::get_sdk_version());
 
-        Velto::Log::obj_->init((std::string(root) + "/sdk.log").c_str());
+        Velto::Log::obj_->init((std::string(root) + "/sdk.log").c_str(),
+                               Velto::Log::get_name_to_svr(client_sign));
         Velto::read_collect_host_env();
         if (!g_curl_ready) {
             curl_global_init(CURL_GLOBAL_ALL);

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "LogUpload.h"
 #include "MsgFile.h"
 #include "delivery.h"
 
@@ -208,8 +209,8 @@ const Rewrite kRewrites[] = {
     {"set aside and upload", "sdk.msg", [](long long) { store().process_msgs(true); }, kAll},
     {"set aside, upload refused", "sdk.msg", [](long long) { store().process_msgs(true); }, kAll, false},
     {"save configuration", "sdk.cf", [](long long) { Config::obj_->save_conf(true); }, kAll},
-    {"log upload", "sdk.log", [](long long) { Velto::Log::obj_->send_log(); }, kAll},
-    {"log upload refused", "sdk.log", [](long long) { Velto::Log::obj_->send_log(); }, kAll, false, false},
+    {"log upload", "sdk.log", [](long long) { Velto::LogUpload().send_log(); }, kAll},
+    {"log upload refused", "sdk.log", [](long long) { Velto::LogUpload().send_log(); }, kAll, false, false},
 };
 
 // One run of a rewrite on fresh files: ends at step end_at (SIZE_MAX: runs through) and checks what
@@ -293,7 +294,7 @@ void run_faulty(const std::string& root, long long limit, Ops ops, bool as_nobod
                       setrlimit(RLIMIT_FSIZE, &lim);
                   }
                   if (ops == kEverything) {  // first, while the log still knows its size
-                      Velto::Log::obj_->send_log();
+                      Velto::LogUpload().send_log();
                       Config::obj_->save_conf(true);
                   }
                   Velto::MsgFile store;

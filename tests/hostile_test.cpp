@@ -98,8 +98,8 @@ TEST_P(Deadline, EveryTransferEndsByItsDeadline) {
     for (Call& c : calls) {
         c.thread = std::thread([&c] {
             const auto start = std::chrono::steady_clock::now();
-            c.rc = c.file ? Velto::send_file(kRecord, c.url.c_str(), "a.log")
-                          : Velto::send_msg(kRecord, c.url.c_str(), "data");
+            c.rc = c.file ? Velto::send_file(kRecord, c.url.c_str(), "a.log", transporttest::upload_context())
+                          : Velto::send_msg(kRecord, c.url.c_str(), "data", transporttest::upload_context());
             c.ms = (std::chrono::steady_clock::now() - start) / std::chrono::milliseconds(1);
             c.done = true;
         });

@@ -122,11 +122,17 @@ TEST_F(TransportTest, NoReplyFailsWithinTheTimeout) {
     }
 
     const std::string url = "http://" + closed;
-    EXPECT_EQ(205, bounded([&] { return Velto::send_msg("{}x", url.c_str(), "data"); }));
+    EXPECT_EQ(205, bounded([&] {
+                  return Velto::send_msg("{}x", url.c_str(), "data", transporttest::upload_context());
+              }));
     EXPECT_TRUE(logged("msg http_client ret: 0"));
-    EXPECT_EQ(205, bounded([&] { return Velto::send_file("{}x", url.c_str(), "a.log"); }));
+    EXPECT_EQ(205, bounded([&] {
+                  return Velto::send_file("{}x", url.c_str(), "a.log", transporttest::upload_context());
+              }));
     EXPECT_TRUE(logged("file http_client ret: 0"));
-    EXPECT_EQ("", bounded([&] { return Velto::send_msg_res("{}x", url.c_str(), "conf"); }));
+    EXPECT_EQ("", bounded([&] {
+                  return Velto::send_msg_res("{}x", url.c_str(), "conf", transporttest::upload_context());
+              }));
 
     EXPECT_EQ("", bounded([&] { return Velto::curl_http_post("https://" + closed, p, 1); }));
     EXPECT_EQ("", bounded([&] { return Velto::curl_http_get("https://" + closed, p); }));
@@ -150,7 +156,10 @@ TEST_F(TransportTest, HostileRepliesGiveAResultNotACrash) {
         if (ok) {
             EXPECT_LE(reply.size(), c.reply.size());
         }
-        const int rc = bounded([&] { return Velto::send_msg("{\"k\":\"v\"}", srv.url().c_str(), "data"); });
+        const int rc = bounded([&] {
+            return Velto::send_msg("{\"k\":\"v\"}", srv.url().c_str(), "data",
+                                   transporttest::upload_context());
+        });
         EXPECT_TRUE(rc == 204 || rc == 205) << rc;
     }
 }

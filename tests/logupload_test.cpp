@@ -1,5 +1,7 @@
 // Tests of the log upload: when the live log is due (size and error triggers), the backup of an
 // earlier failed upload going first, and what is left on disk after success and failure.
+#include "LogUpload.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -44,7 +46,7 @@ TEST_F(LogUpload, SizeAndErrorTriggers) {
         Config::obj_->set("LOGERR_SEND_LIM", c.err_limit);
         const std::string text = write_line(c.text_len);
         Config::obj_->set("LOGERR_NUM", c.err_count);
-        EXPECT_EQ(0, Log::obj_->send_log());
+        EXPECT_EQ(0, Velto::LogUpload().send_log());
         sent += c.due;
         ASSERT_EQ(sent, server_.requests().size());
         if (!c.due) continue;
@@ -66,29 +68,29 @@ TEST_F(LogUpload, FailedUploadLeavesTheBackupForNextTime) {
     server_.set_reply("{\"status\":1}");
     Config::obj_->set("MAX_LOG_SIZE", "2");
     const std::string text = write_line(1000);
-    EXPECT_EQ(-2, Log::obj_->send_log());
+    EXPECT_EQ(-2, Velto::LogUpload().send_log());
     const std::string kept = backup();
     EXPECT_EQ(0u, kept.find(text));  // line breaks kept in the backup
     EXPECT_FALSE(vtest::has(log(), std::string(1000, 'x')));
 
-    EXPECT_EQ(-1, Log::obj_->send_log());  // the backup goes first and fails again
+    EXPECT_EQ(-1, Velto::LogUpload().send_log());  // the backup goes first and fails again
     EXPECT_TRUE(vtest::has(log(), "send bak log file"));
     EXPECT_EQ(kept, backup());
 
     server_.set_reply("{\"status\":0}");
-    EXPECT_EQ(0, Log::obj_->send_log());
+    EXPECT_EQ(0, Velto::LogUpload().send_log());
     EXPECT_EQ(kept, last_upload());
     EXPECT_EQ("", backup());
 }
 
 TEST_F(LogUpload, BackupOfTenBytesIsNeitherSentNorEmptied) {
     vtest::write_file(file("sdk.log.bak"), "012345678\n");
-    EXPECT_EQ(0, Log::obj_->send_log());
+    EXPECT_EQ(0, Velto::LogUpload().send_log());
     EXPECT_EQ(0u, server_.connections());
     EXPECT_EQ("012345678\n", backup());
 
     vtest::write_file(file("sdk.log.bak"), "0123456789\n");
-    EXPECT_EQ(0, Log::obj_->send_log());
+    EXPECT_EQ(0, Velto::LogUpload().send_log());
     ASSERT_EQ(1u, server_.requests().size());
     EXPECT_EQ("0123456789\n", last_upload());
     EXPECT_EQ("", backup());
@@ -103,7 +105,7 @@ TEST_F(LogUpload, LinesWrittenDuringTheMoveLandInExactlyOneFile) {
         for (int i = 0; i < kLines; ++i) Log::obj_->info() << "<" + std::to_string(i) + ">" << LEND;
         done = true;
     });
-    for (int round = 0; round < 100000 && !done; ++round) EXPECT_LE(0, Log::obj_->send_log());
+    for (int round = 0; round < 100000 && !done; ++round) EXPECT_LE(0, Velto::LogUpload().send_log());
     writer.join();
 
     std::string everything = log();

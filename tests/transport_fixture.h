@@ -19,6 +19,7 @@
 #include "Config.h"
 #include "HttpClient.h"
 #include "Log.h"
+#include "Uploader.h"
 #include "payload.h"
 #include "raw_server.h"
 #include "scenario.h"
@@ -43,6 +44,12 @@ auto bounded(F fn, int seconds = 20) -> decltype(fn()) {
         std::_Exit(1);
     }
     return result.get();
+}
+
+// The context the library's own uploads would have now: the settings and base information the test
+// set up.
+inline Velto::UploadContext upload_context() {
+    return Velto::Uploader().context();
 }
 
 const char kFormType[] = "Content-Type:application/x-www-form-urlencoded\r\n";

@@ -54,7 +54,10 @@ TEST_F(TransportTest, SendMsgRawBytes) {
     for (bool zipped : {false, true}) {
         zip(zipped);
         RawServer srv;
-        ASSERT_EQ(0, bounded([&] { return Velto::send_msg(kRecord, srv.url("/v1/data").c_str(), "data"); }));
+        ASSERT_EQ(0, bounded([&] {
+                      return Velto::send_msg(kRecord, srv.url("/v1/data").c_str(), "data",
+                                             transporttest::upload_context());
+                  }));
         const auto req = srv.requests().at(0);
         EXPECT_EQ(raw_head("POST /v1/data", transporttest::kFormType, long(req.body.size())), req.head);
         const vcollect::FormFields form = vcollect::parse_form(req.body);
@@ -83,8 +86,10 @@ TEST_F(TransportTest, SendFileRawBytes) {
         const bool zipped = c.zipped;
         zip(zipped);
         RawServer srv;
-        ASSERT_EQ(
-            0, bounded([&] { return Velto::send_file(c.text, srv.url("/v1/file").c_str(), "sdk_x.log"); }));
+        ASSERT_EQ(0, bounded([&] {
+                      return Velto::send_file(c.text, srv.url("/v1/file").c_str(), "sdk_x.log",
+                                              transporttest::upload_context());
+                  }));
         const auto req = srv.requests().at(0);
         EXPECT_EQ(raw_head("POST /v1/file", "Content-Type:multipart/form-data;boundary=70db372eb000e2ax\r\n",
                            long(req.body.size())),
@@ -109,9 +114,14 @@ TEST_F(TransportTest, UploadsOverHttpsDecodeOnTheServer) {
     ASSERT_TRUE(srv.ok());
     for (bool zipped : {false, true}) {
         zip(zipped);
-        ASSERT_EQ(0, bounded([&] { return Velto::send_msg(kRecord, srv.url("/v1/data").c_str(), "data"); }));
-        ASSERT_EQ(0,
-                  bounded([&] { return Velto::send_file(kLogText, srv.url("/v1/file").c_str(), "up.log"); }));
+        ASSERT_EQ(0, bounded([&] {
+                      return Velto::send_msg(kRecord, srv.url("/v1/data").c_str(), "data",
+                                             transporttest::upload_context());
+                  }));
+        ASSERT_EQ(0, bounded([&] {
+                      return Velto::send_file(kLogText, srv.url("/v1/file").c_str(), "up.log",
+                                              transporttest::upload_context());
+                  }));
     }
     const auto reqs = srv.requests();
     ASSERT_EQ(4u, reqs.size());
@@ -143,6 +153,8 @@ TEST_F(TransportTest, LibcurlMultipartLayoutParses) {
     p.body_len = static_cast<int>(payload.size());
     p.timeout_ms = 1000;
     p.upname = "n.log";
+    const Velto::UploadContext form = transporttest::upload_context();
+    p.form = &form;
     bounded([&] { return Velto::curl_http_post(srv.url("/v1/file"), p, 2); });
     const auto req = srv.requests().at(0);
     const auto parts = vcollect::parse_multipart(req.body, vcollect::boundary_of(req.header("Content-Type")));
@@ -168,15 +180,24 @@ TEST_F(TransportTest, ReplyVerdicts) {
     for (const auto& c : cases) {
         RawServer srv(c.mode, c.reply);
         const size_t log_before = log_text().size();
-        EXPECT_EQ(c.msg_rc, bounded([&] { return Velto::send_msg(kRecord, srv.url().c_str(), "data"); }))
+        EXPECT_EQ(c.msg_rc, bounded([&] {
+                      return Velto::send_msg(kRecord, srv.url().c_str(), "data",
+                                             transporttest::upload_context());
+                  }))
             << c.reply;
         const std::string added = log_text().substr(log_before);
         EXPECT_TRUE(c.logs ? added.find("http_client") != std::string::npos : added.empty())
             << c.reply << added;
-        EXPECT_EQ(c.data, bounded([&] { return Velto::send_msg_res(kRecord, srv.url().c_str(), "conf"); }));
+        EXPECT_EQ(c.data, bounded([&] {
+                      return Velto::send_msg_res(kRecord, srv.url().c_str(), "conf",
+                                                 transporttest::upload_context());
+                  }));
     }
     RawServer srv(RawMode::kReply, "{\"status\":2}");
-    EXPECT_EQ(204, bounded([&] { return Velto::send_file(kLogText, srv.url().c_str(), "a.log"); }));
+    EXPECT_EQ(204, bounded([&] {
+                  return Velto::send_file(kLogText, srv.url().c_str(), "a.log",
+                                          transporttest::upload_context());
+              }));
     EXPECT_TRUE(logged("http response: HTTP/1.1 200 OK\r\n"));
     EXPECT_TRUE(logged("{\"status\":2}"));
 }
@@ -184,9 +205,9 @@ TEST_F(TransportTest, ReplyVerdicts) {
 TEST_F(TransportTest, EmptyPayloadSendsNothing) {
     zip(false);
     RawServer srv;
-    EXPECT_EQ(-1, Velto::send_msg("", srv.url().c_str(), "data"));
-    EXPECT_EQ(-1, Velto::send_file("", srv.url().c_str(), "a.log"));
-    EXPECT_EQ("", Velto::send_msg_res("", srv.url().c_str(), "conf"));
+    EXPECT_EQ(-1, Velto::send_msg("", srv.url().c_str(), "data", transporttest::upload_context()));
+    EXPECT_EQ(-1, Velto::send_file("", srv.url().c_str(), "a.log", transporttest::upload_context()));
+    EXPECT_EQ("", Velto::send_msg_res("", srv.url().c_str(), "conf", transporttest::upload_context()));
     EXPECT_EQ(0u, srv.connections());
 }
 
@@ -194,7 +215,9 @@ TEST_F(TransportTest, CapitalHttpsGoesToTheRawClient) {
     TlsServer srv;
     std::string url = srv.url("/v1/data");
     url.replace(0, 5, "HTTPS");
-    EXPECT_EQ(205, bounded([&] { return Velto::send_msg(kRecord, url.c_str(), "data"); }));
+    EXPECT_EQ(205, bounded([&] {
+                  return Velto::send_msg(kRecord, url.c_str(), "data", transporttest::upload_context());
+              }));
     EXPECT_TRUE(logged("err url head: " + url));
     EXPECT_EQ(0u, srv.requests().size());
 }

@@ -20,6 +20,7 @@
 #include "HttpClient.h"
 #include "Log.h"
 #include "MsgFile.h"
+#include "Uploader.h"
 #include "Util.h"
 #include "Zip.h"
 #include "raw_server.h"
@@ -136,10 +137,12 @@ void upload_items(Items& items) {
     for (const char* zip : {"ON", "OFF"}) {
         conf.set("ZIP_DATA", zip);
         items.emplace_back(std::string("upload.form.zip") + zip, received_body([&](vcollect::RawServer& s) {
-                               Velto::send_msg(batch, s.url("/v1/data").c_str(), "data");
+                               Velto::send_msg(batch, s.url("/v1/data").c_str(), "data",
+                                               Velto::Uploader().context());
                            }));
         items.emplace_back(std::string("upload.file.zip") + zip, received_body([&](vcollect::RawServer& s) {
-                               Velto::send_file(batch, s.url("/v1/file").c_str(), "sdk_0123-4567.log");
+                               Velto::send_file(batch, s.url("/v1/file").c_str(), "sdk_0123-4567.log",
+                                                Velto::Uploader().context());
                            }));
     }
 }

@@ -21,8 +21,10 @@ class VerifiedTransport : public transporttest::TransportTest {
         else
             unsetenv("VELTO_CA_BUNDLE");
         const size_t before = server_.requests().size();
-        const int sent = bounded(
-            [&] { return Velto::send_msg("{\"k\":\"v\"}", server_.url("/v1/data").c_str(), "data"); });
+        const int sent = bounded([&] {
+            return Velto::send_msg("{\"k\":\"v\"}", server_.url("/v1/data").c_str(), "data",
+                                   transporttest::upload_context());
+        });
         Velto::RequestParam get;
         get.timeout_ms = 1000;
         const std::string reply = bounded([&] { return Velto::curl_http_get(server_.url("/v1/conf"), get); });
