@@ -39,7 +39,8 @@ class BackRun : public Thread {
     int stop_flag() const { return stop_.load(std::memory_order_relaxed); }
     void set_stop_flag(int v) EXCLUDES(m_);
 
-    // Debug mirror: the first line of ROOT_DIR/DEBUG_MODE_SVR_ADDR, and one report row per answer.
+    // Debug mirror: the first line of ROOT_DIR/DEBUG_MODE_SVR_ADDR, and one report row per answer
+    // (DebugReport does both).
     std::string get_svrd();
     void save_debug_msg(std::string& answer);
 

@@ -539,6 +539,7 @@ bool send_set_aside(MsgFile& store, const std::string& path, const std::string& 
         return true;
     }
     LOGI << "snd old msgs: " << path << LEND;
+    // The delivery loop's pump appends to this store while the upload waits (see process_msgs).
     const int r = Uploader::standard().send_file(body, url, guid);
     if (r != 0) {
         LOGW << "snd old msgs: " << path << ", ret: " << r << LEND;

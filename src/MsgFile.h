@@ -48,6 +48,10 @@ class MsgFile {
     // Rewrites the file through the journal keeping what get_msg_list keeps. 0, -1 or 210.
     int roll_msg(long long begin, long long max_count, long long max_bytes, long long& newest);
     // Sets "sdk.msg" aside (has_new) and uploads every set-aside file; true when none is left pending.
+    // Re-entered: while an upload waits on the network, the delivery loop's pump (WaitPump) calls
+    // append, begin_batch and end_batch on this same object, so that queued records reach the file
+    // meanwhile. No member that an upload relies on across its wait may change under an append: the
+    // batch being uploaded is a set-aside file, closed and locked, and appends go to "sdk.msg".
     bool process_msgs(bool has_new);
 
     // Appends one record line (the background loop's write). While a batch is open the lines
@@ -108,9 +112,9 @@ class MsgFile {
     std::string batch_;
     int lock_fd_ = -1;  // "sdk.lock", kept open
     int lock_depth_ = 0;
-    std::string unwritten_;      // whole lines not yet in the file, oldest first
-    size_t unwritten_done_ = 0;  // bytes of its first line already in the current file
-    bool failing_ = false;       // in an episode of failed writes
+    std::string unwritten_;            // whole lines not yet in the file, oldest first
+    size_t unwritten_done_ = 0;        // bytes of its first line already in the current file
+    bool failing_ = false;             // in an episode of failed writes
     long long run_floor_ = LLONG_MAX;  // the earliest time this run stamped
 };
 

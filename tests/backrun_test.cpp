@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "DebugReport.h"
 #include "delivery.h"
 #include "velto.h"
 
@@ -62,26 +63,15 @@ std::string row(bool alt, const std::string& type, const std::string& ext, const
 
 class DebugReport : public ::testing::Test {
   protected:
-    // A settings store of the test's own, so that this process stays uninitialised.
-    void SetUp() override {
-        conf_.init_mutex();
-        conf_.set("ROOT_DIR", dir_.path() + "/");
-        saved_ = Config::obj_;
-        Config::obj_ = &conf_;
-    }
-    void TearDown() override { Config::obj_ = saved_; }
     std::string report_path() const { return dir_.file("debug_msg_to_svr.html"); }
     // The report after saving answer, the time cells (which follow the clock) replaced by "TIME".
     std::string save(std::string answer) {
         static const std::regex time_cell("<td>\\d{4}-\\d{2}-\\d{2} \\d{2}:\\d{2}:\\d{2}</td>");
-        runner_.save_debug_msg(answer);
+        Velto::DebugReport(dir_.path() + "/").save(answer);
         return std::regex_replace(vtest::read_file(report_path()), time_cell, "<td>TIME</td>");
     }
 
     vtest::TempDir dir_;
-    Config conf_;
-    Config* saved_ = nullptr;
-    Velto::BackRun runner_;
 };
 
 TEST_F(DebugReport, RowsKeptFromTheFileAndTheNewRow) {
@@ -441,7 +431,7 @@ TEST(Delivery, BurstStaysWithinTheCapAndWritesLittle) {
 TEST(Delivery, PlantedLinksAreNotFollowed) {
     RUN_SCENARIO({
         vtest::TempDir outside;
-        const std::vector<std::string> names = {"tmp",         "sdk.msg",     "sdk.log",   "sdk.lock",
+        const std::vector<std::string> names = {"tmp",        "sdk.msg",     "sdk.log",    "sdk.lock",
                                                 "sdk.cf.tmp", "sdk.msg.bak", "sdk.log.bak"};
         for (const std::string& name : names) {
             vtest::write_file(outside.file(name), "target of " + name);
