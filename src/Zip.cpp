@@ -65,8 +65,8 @@ constexpr PairTable kPairs = make_pair_table();
 
 // The strict decoder's group of four is the OR of one lookup per place, each holding the alphabet
 // index already shifted into its 6 bits of the 24-bit group. A byte outside the alphabet (NUL, "=",
-// anything else) counts as index 63: the decoder has always produced exactly those bits for it,
-// since it only ever uses the low six bits of a character's value. "=" in the third or fourth place
+// anything else) counts as index 63: the decoder uses only the low six bits of a character's value,
+// and texts written by earlier releases decode with exactly those bits. "=" in the third or fourth place
 // also sets bit 31 or 30, which ends the decoding there.
 const uint32_t kPadThird = 1u << 31, kPadFourth = 1u << 30;
 struct GroupTables {
