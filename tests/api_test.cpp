@@ -44,14 +44,15 @@ std::vector<int> refusals() {
 TEST(Api, BeforeInit) {
     RUN_SCENARIO({
         EXPECT_EQ((std::vector<int>{105, 105, 106, 106, 106, 106, 106}), refusals());
-        EXPECT_EQ(106, data_base_ext("k", "v"));
-        EXPECT_EQ(0, data_changestate(1));    // already in the foreground
-        EXPECT_EQ(106, data_changestate(0));  // the "bg" event is refused
-        data_stop();                          // safe, and does not keep a later data_init from starting
-        EXPECT_EQ(207, data_event("c", "a", nullptr, 0));
+        EXPECT_EQ(VELTO_BASE_INCOMPLETE, data_base_ext("k", "v"));
+        EXPECT_EQ(0, data_changestate(1));                      // already in the foreground
+        EXPECT_EQ(VELTO_BASE_INCOMPLETE, data_changestate(0));  // the "bg" event is refused
+        data_stop();  // safe, and does not keep a later data_init from starting
+        EXPECT_EQ(VELTO_STOPPED, data_event("c", "a", nullptr, 0));
         EXPECT_FALSE(vtest::file_exists(root + "/sdk.log"));
         ASSERT_EQ(0, data_init(root.c_str(), "brand"));
-        EXPECT_EQ(106, data_event("c", "a", nullptr, 0));  // running again, waiting for base information
+        EXPECT_EQ(VELTO_BASE_INCOMPLETE,
+                  data_event("c", "a", nullptr, 0));  // running again, waiting for base information
     });
 }
 
@@ -73,9 +74,9 @@ TEST(Api, InitStoresStartupFieldsAndOpensLog) {
         std::string log = vtest::read_file(root + "/sdk.log");
         EXPECT_NE(std::string::npos, log.find("data_init to start thread"));
         EXPECT_NE(std::string::npos, log.find("data_init end"));
-        EXPECT_EQ(106, data_event("c", "a", nullptr, 0));  // base information not yet given
-        EXPECT_EQ(106, data_base_ext("k", "v"));
-        EXPECT_EQ(101, data_init(root.c_str(), "brand"));
+        EXPECT_EQ(VELTO_BASE_INCOMPLETE, data_event("c", "a", nullptr, 0));  // base information not yet given
+        EXPECT_EQ(VELTO_BASE_INCOMPLETE, data_base_ext("k", "v"));
+        EXPECT_EQ(VELTO_ALREADY_INIT, data_init(root.c_str(), "brand"));
     });
 }
 
@@ -120,16 +121,16 @@ TEST(Api, AfterStopEverythingIsRefusedWithoutLogging) {
         EXPECT_EQ((std::vector<int>{207, 207, 207, 207, 207, 207, 207}), refusals());
         EXPECT_EQ(log, vtest::read_file(root + "/sdk.log"));
         // data_base_ext logs before its tests.
-        EXPECT_EQ(207, data_base_ext("k", "v"));
+        EXPECT_EQ(VELTO_STOPPED, data_base_ext("k", "v"));
         EXPECT_NE(std::string::npos, vtest::read_file(root + "/sdk.log").find("base_ext", log.size()));
-        EXPECT_EQ(101, data_init(root.c_str(), "brand"));
+        EXPECT_EQ(VELTO_ALREADY_INIT, data_init(root.c_str(), "brand"));
         data_stop();  // a second stop is harmless
     });
 }
 
 TEST(Api, TestEntryPoints) {
     char buf[32] = "untouched";
-    EXPECT_EQ(301, call_test(7, nullptr));
+    EXPECT_EQ(VELTO_EXCEPTION, call_test(7, nullptr));
     EXPECT_EQ(0, call_test(-12, buf));
     EXPECT_STREQ("api get: -12", buf);
     EXPECT_EQ(5, call_test3(99, buf));

@@ -331,7 +331,7 @@ TEST(Delivery, StopWritesEveryQueuedRecordAndUploadsThem) {
                 members.push_back(event_member(i));
             }
             data_stop();  // returns at once; the loop drains the queue on its own
-            EXPECT_EQ(207, event(n));
+            EXPECT_EQ(VELTO_STOPPED, event(n));
             wait_stopped();
             if (end_switch == "ON") {
                 expect_batch(server, 1, members);

@@ -54,21 +54,24 @@ TEST(BaseInfo, RefusedArgumentsAndPartialUpdate) {
                 // tid pver uip plang ostype osver oslang
                 const char* t[7] = {"t", "p", "u", "l", "o", "v", "l"};
                 t[arg] = bad;
-                EXPECT_EQ(104, data_base_info(t[0], 1, t[1], 0, t[2], t[3], t[4], t[5], 64, t[6], 0, nullptr,
-                                              nullptr))
+                EXPECT_EQ(VELTO_BAD_ARG, data_base_info(t[0], 1, t[1], 0, t[2], t[3], t[4], t[5], 64, t[6], 0,
+                                                        nullptr, nullptr))
                     << arg;
             }
         }
-        EXPECT_EQ(104, data_base_info("t", 1, "p", 0, "u", "l", "o", "v", 16, "l", 0, nullptr, nullptr));
+        EXPECT_EQ(VELTO_BAD_ARG,
+                  data_base_info("t", 1, "p", 0, "u", "l", "o", "v", 16, "l", 0, nullptr, nullptr));
         EXPECT_EQ(6u, g_base_info.count());
 
         // A bad psource is found after tid..oszone were stored; they stay.
-        EXPECT_EQ(104, data_base_info("t", 1, "p", 2, "u", "l", "o", "v", 64, "l", 5, s65.c_str(), nullptr));
+        EXPECT_EQ(VELTO_BAD_ARG,
+                  data_base_info("t", 1, "p", 2, "u", "l", "o", "v", 64, "l", 5, s65.c_str(), nullptr));
         EXPECT_EQ(16u, g_base_info.count());
         expect_fields({{"tid", "t"}, {"oszone", "2"}, {"psource", kAbsent}, {"tinstall", kAbsent}});
         EXPECT_FALSE(Velto::Config::obj_->has("tid"));
         // A bad uid comes after psource, the configuration's "tid" and tinstall.
-        EXPECT_EQ(104, data_base_info("t2", 1, "p", 2, "u", "l", "o", "v", 64, "l", 5, "", s65.c_str()));
+        EXPECT_EQ(VELTO_BAD_ARG,
+                  data_base_info("t2", 1, "p", 2, "u", "l", "o", "v", 64, "l", 5, "", s65.c_str()));
         expect_fields({{"tid", "t2"}, {"psource", ""}, {"tinstall", "5"}, {"uid", kAbsent}});
         EXPECT_EQ("t2", Velto::Config::obj_->get_str("tid"));
         EXPECT_EQ(0, Velto::Cache::obj_->count());
@@ -107,7 +110,7 @@ TEST(BaseInfo, LineParsing) {
             EXPECT_EQ(c.expected, data_base_info2(c.line.c_str())) << c.line;
             expect_fields(c.fields);
         }
-        EXPECT_EQ(104, data_base_info2(nullptr));
+        EXPECT_EQ(VELTO_BAD_ARG, data_base_info2(nullptr));
     });
 }
 
@@ -115,17 +118,17 @@ TEST(BaseInfo, Extension) {
     RUN_SCENARIO({
         apitest::start(root);
         const std::string s64(64, 'k'), s65(65, 'k');
-        EXPECT_EQ(104, data_base_ext("", "v"));
-        EXPECT_EQ(104, data_base_ext(s65.c_str(), "v"));
-        EXPECT_EQ(104, data_base_ext("k", nullptr));
-        EXPECT_EQ(104, data_base_ext("k", s65.c_str()));
+        EXPECT_EQ(VELTO_BAD_ARG, data_base_ext("", "v"));
+        EXPECT_EQ(VELTO_BAD_ARG, data_base_ext(s65.c_str(), "v"));
+        EXPECT_EQ(VELTO_BAD_ARG, data_base_ext("k", nullptr));
+        EXPECT_EQ(VELTO_BAD_ARG, data_base_ext("k", s65.c_str()));
         EXPECT_EQ(0, data_base_ext(s64.c_str(), s64.c_str()));
         EXPECT_EQ(0, data_base_ext("k\"", "v/"));  // the key is taken as it is, the value escaped
         EXPECT_EQ(0, data_base_ext("uip", "x"));
         expect_fields({{"k\\\"", "v\\/"}, {"uip", "x"}, {s64, s64}});
         EXPECT_EQ(0, Velto::Cache::obj_->count());
         data_stop();
-        EXPECT_EQ(207, data_base_ext("k", "v"));
+        EXPECT_EQ(VELTO_STOPPED, data_base_ext("k", "v"));
     });
 }
 

@@ -154,7 +154,7 @@ TEST_F(ConfFile, InitPathsWithoutServer) {
 
     // A token that is not whole cipher blocks is an exception; the defaults stay.
     vtest::write_file(cf_path(), "QUJD");
-    EXPECT_EQ(301, conf_.init_conf());
+    EXPECT_EQ(VELTO_EXCEPTION, conf_.init_conf());
     EXPECT_TRUE(logged("init_conf exception"));
     EXPECT_EQ("120", conf_.get_str("SEND_GAP"));
 

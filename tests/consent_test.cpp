@@ -48,12 +48,12 @@ TEST(Consent, RefusedBeforeInitNothingLeavesOrStays) {
         RawServer server;
         vtest::write_conf(root, server.url(), {{"SEND_BEGINPOINTS", "ON"}, {"SEND_ENDPOINTS", "ON"}});
         plant_old_records(root);
-        EXPECT_EQ(104, data_consent(2));
+        EXPECT_EQ(VELTO_BAD_ARG, data_consent(2));
         ASSERT_EQ(0, data_consent(0));
         ASSERT_EQ(0, data_init(root.c_str(), "brand"));
         EXPECT_EQ(0, give_base_info());
-        EXPECT_EQ(211, data_event("c", "a", nullptr, 0));
-        EXPECT_EQ(211, data_changestate(0));
+        EXPECT_EQ(VELTO_DECLINED, data_event("c", "a", nullptr, 0));
+        EXPECT_EQ(VELTO_DECLINED, data_changestate(0));
         stop_and_wait();
         EXPECT_EQ(0u, server.requests().size());
         EXPECT_EQ(kLeftAfterRefusal, files_in(root));
@@ -73,7 +73,7 @@ TEST(Consent, RefusedAfterRecordsThenGivenAgainOnlyNewRecordsFlow) {
 
         ASSERT_EQ(0, data_consent(0));
         EXPECT_EQ(kLeftAfterRefusal, files_in(root));
-        EXPECT_EQ(211, data_screen("s"));
+        EXPECT_EQ(VELTO_DECLINED, data_screen("s"));
 
         ASSERT_EQ(0, data_consent(1));
         EXPECT_FALSE(vtest::file_exists(root + "/" + kMarker));
@@ -123,7 +123,7 @@ TEST(Consent, RefusalKeptAcrossRestart) {
         plant_old_records(root);  // as another process on the root might have left them
         ASSERT_EQ(0, data_init(root.c_str(), "brand"));
         EXPECT_EQ(0, give_base_info());
-        EXPECT_EQ(211, data_event("c", "a", nullptr, 0));
+        EXPECT_EQ(VELTO_DECLINED, data_event("c", "a", nullptr, 0));
         stop_and_wait();
         EXPECT_EQ(0u, server.requests().size());
         EXPECT_EQ(kLeftAfterRefusal, files_in(root));

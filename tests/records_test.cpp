@@ -164,18 +164,18 @@ TEST(Records, ArgumentLimits) {
 TEST(Records, RefusalOrder) {
     RUN_SCENARIO({
         ASSERT_EQ(0, data_init(root.c_str(), "brand"));
-        Velto::Config::obj_->set("data_screen", "");  // present, whatever the value: switched off
-        EXPECT_EQ(209, data_screen(nullptr));         // before the completeness test
-        EXPECT_EQ(106, data_event(nullptr, "a", nullptr, 0));
+        Velto::Config::obj_->set("data_screen", "");      // present, whatever the value: switched off
+        EXPECT_EQ(VELTO_KIND_OFF, data_screen(nullptr));  // before the completeness test
+        EXPECT_EQ(VELTO_BASE_INCOMPLETE, data_event(nullptr, "a", nullptr, 0));
         ASSERT_EQ(0, apitest::give_base_info());
         apitest::park_background();
-        EXPECT_EQ(209, data_screen("s"));
+        EXPECT_EQ(VELTO_KIND_OFF, data_screen("s"));
         EXPECT_EQ(0, data_event("c", "a", nullptr, 0));
         EXPECT_EQ(0, data_count("c", 1, nullptr));
         EXPECT_EQ(0, data_err_trace("d", 0, nullptr, nullptr));
         EXPECT_EQ(0, data_experience("c", "a", nullptr));
         data_stop();
-        EXPECT_EQ(207, data_screen("s"));
+        EXPECT_EQ(VELTO_STOPPED, data_screen("s"));
     });
 }
 
@@ -184,8 +184,8 @@ TEST(Records, QueueBound) {
         start(root);
         for (int i = 0; i < 1001; ++i) ASSERT_EQ(0, data_screen("s")) << i;  // 1000 waiting still take one
         EXPECT_EQ(1001, Velto::Cache::obj_->count());
-        EXPECT_EQ(208, data_screen("s"));
-        EXPECT_EQ(208, data_event(nullptr, nullptr, nullptr, 0));  // before the argument checks
+        EXPECT_EQ(VELTO_QUEUE_FULL, data_screen("s"));
+        EXPECT_EQ(VELTO_QUEUE_FULL, data_event(nullptr, nullptr, nullptr, 0));  // before the argument checks
         Velto::Cache::obj_->get();
         Velto::Cache::obj_->get();
         EXPECT_EQ(0, data_screen("s"));

@@ -65,9 +65,9 @@ TEST(Session, ChangeStateEvents) {
         EXPECT_EQ(0, data_changestate(5));  // any non-zero value is the foreground
         EXPECT_EQ("fg", only_record()["act"]);
         data_stop();  // refused, but the state still changes
-        EXPECT_EQ(207, data_changestate(0));
+        EXPECT_EQ(VELTO_STOPPED, data_changestate(0));
         EXPECT_TRUE(session_in_background());
-        EXPECT_EQ(207, data_changestate(1));
+        EXPECT_EQ(VELTO_STOPPED, data_changestate(1));
         EXPECT_FALSE(session_in_background());
     });
 }

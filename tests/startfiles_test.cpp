@@ -201,7 +201,7 @@ TEST(StartConf, CutShortConfigurationFile) {
         ASSERT_EQ(0, data_init(root.c_str(), "brand"));
         give_base_info();  // the loop may already have ended
         ASSERT_TRUE(vtest::wait_until([] { return Velto::g_back_run.running() == 0; }, kBoundMs));
-        EXPECT_EQ(207, data_event("c", "a", nullptr, 0));
+        EXPECT_EQ(VELTO_STOPPED, data_event("c", "a", nullptr, 0));
         EXPECT_TRUE(has(vtest::read_file(root + "/sdk.log"), "init_conf exception"));
         EXPECT_FALSE(collector.fetched()) << "this run keeps its result";
     };
