@@ -309,6 +309,11 @@ bool MsgFile::check_cap(long long cap) {
             return false;
         }
         if (fd_ < 0 && open() != RES_OK) return false;
+        // Lines gathered in an open batch count too: a burst drained from the queue in one batch
+        // must not pass the cap by a queue's worth.
+        const bool batching = batching_;
+        end_batch();
+        batching_ = batching;
         flush();
         RootLock hold(*this, true);
         follow_moved_file();
