@@ -456,7 +456,8 @@ int Config::load_saved(bool& loaded, bool& other_host) {
 }
 
 bool Config::saved_is_fresh(bool loaded, bool other_host) {
-    return loaded && !other_host && !refresh_due(get_int("CONF_UPD_GAP"), get_int("CONF_UPD_TIME"), os_time());
+    return loaded && !other_host &&
+           !refresh_due(get_int("CONF_UPD_GAP"), get_int("CONF_UPD_TIME"), os_time());
 }
 
 int Config::init_conf() {
@@ -486,8 +487,7 @@ int Config::init_conf() {
             return RES_CONF_REJECT;
         }
         save_conf(true);
-        if (!consent_declined())
-            replace_file(get_str("ROOT_DIR") + kConfHostName, collect_host() + "\n");
+        if (!consent_declined()) replace_file(get_str("ROOT_DIR") + kConfHostName, collect_host() + "\n");
         LOGI << "update conf from svr end" << LEND;
         return RES_OK;
     } catch (...) {

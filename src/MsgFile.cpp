@@ -564,8 +564,8 @@ class BatchLock {
 
 // Uploads one set-aside file; it is deleted once the server took it, when it holds no record, or
 // when its newest record is older than cutoff (a time in the future counts as now).
-bool send_set_aside(MsgFile& store, const std::string& path, const std::string& url,
-                    const std::string& guid, long long now, long long cutoff) {
+bool send_set_aside(MsgFile& store, const std::string& path, const std::string& url, const std::string& guid,
+                    long long now, long long cutoff) {
     std::string body;
     long long newest = 0;
     {

@@ -112,9 +112,9 @@ class MsgFile {
     std::string batch_;
     int lock_fd_ = -1;  // "sdk.lock", kept open
     int lock_depth_ = 0;
-    std::string unwritten_;      // whole lines not yet in the file, oldest first
-    size_t unwritten_done_ = 0;  // bytes of its first line already in the current file
-    bool failing_ = false;       // in an episode of failed writes
+    std::string unwritten_;            // whole lines not yet in the file, oldest first
+    size_t unwritten_done_ = 0;        // bytes of its first line already in the current file
+    bool failing_ = false;             // in an episode of failed writes
     long long run_floor_ = LLONG_MAX;  // the earliest time this run stamped
 };
 

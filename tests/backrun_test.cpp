@@ -3,8 +3,8 @@
 // initial event, outage and recovery, the stop handshake and a host that exits without stopping.
 #include "BackRun.h"
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -377,7 +377,10 @@ void expect_records_kept_until_writes_succeed(const std::string& root, const std
     for (int i = 0; i < n; ++i) ASSERT_EQ(0, event(i));
     const std::string failed = "save msg to file failed, errno: " + std::to_string(err);
     ASSERT_TRUE(vtest::wait_until(
-        [&] { return err != 0 ? has(vtest::read_file(root + "/sdk.log"), failed) : Velto::Cache::obj_->count() == 0; },
+        [&] {
+            return err != 0 ? has(vtest::read_file(root + "/sdk.log"), failed)
+                            : Velto::Cache::obj_->count() == 0;
+        },
         kWaitMs));
     EXPECT_LT(file_lines(root + "/sdk.msg"), static_cast<size_t>(n)) << "no write failed";
     ease();
@@ -387,7 +390,8 @@ void expect_records_kept_until_writes_succeed(const std::string& root, const std
     const std::vector<std::string> written = file_records(root + "/sdk.msg");
     ASSERT_EQ(static_cast<size_t>(n + 10), written.size());
     for (int i = 0; i < n + 10; ++i) EXPECT_TRUE(has(written[i], event_member(i))) << i;
-    if (err != 0) EXPECT_EQ(1u, vtest::count_of(vtest::read_file(root + "/sdk.log"), "save msg to file failed"));
+    if (err != 0)
+        EXPECT_EQ(1u, vtest::count_of(vtest::read_file(root + "/sdk.log"), "save msg to file failed"));
 }
 
 TEST(Delivery, FileSizeLimitKeepsRecordsUntilWritesSucceed) {
@@ -413,7 +417,8 @@ bool mount_private_tmpfs(const std::string& dir, long long size) {
 // A full disk: the root is a small tmpfs, filled up but for a few KiB, then freed again.
 TEST(Delivery, FullDiskKeepsRecordsUntilSpaceReturns) {
     vtest::TempDir probe;
-    if (!vtest::run_scenario([&](const std::string&) { ASSERT_TRUE(mount_private_tmpfs(probe.path(), 1 << 20)); }))
+    if (!vtest::run_scenario(
+            [&](const std::string&) { ASSERT_TRUE(mount_private_tmpfs(probe.path(), 1 << 20)); }))
         GTEST_SKIP() << "no privilege to mount a tmpfs in a mount namespace of the test's own";
     RUN_SCENARIO({
         ASSERT_TRUE(mount_private_tmpfs(root, 2 << 20));
@@ -488,7 +493,7 @@ TEST(Delivery, BurstStaysWithinTheCapAndWritesLittle) {
 TEST(Delivery, PlantedLinksAreNotFollowed) {
     RUN_SCENARIO({
         vtest::TempDir outside;
-        const std::vector<std::string> names = {"tmp",         "sdk.msg",     "sdk.log",   "sdk.lock",
+        const std::vector<std::string> names = {"tmp",        "sdk.msg",     "sdk.log",    "sdk.lock",
                                                 "sdk.cf.tmp", "sdk.msg.bak", "sdk.log.bak"};
         for (const std::string& name : names) {
             vtest::write_file(outside.file(name), "target of " + name);
