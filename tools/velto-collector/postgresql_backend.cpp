@@ -243,6 +243,7 @@ class PgBackend : public Backend {
     }
     size_t max_connections() const override { return 8; }
     const char* like_any_case() const override { return "ILIKE"; }
+    bool chained_inserts() const override { return true; }
 
     void prepare(Connection& c) override {
         const Deadline d = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms_);
