@@ -35,9 +35,9 @@
 #include "options.h"
 #include "receiver.h"
 #include "request_deadlines.h"
+#include "self_signed_cert.h"
 #include "store.h"
 #include "terminal.h"
-#include "tls_server.h"
 #include "velto.h"
 
 namespace {
