@@ -520,7 +520,10 @@ bool DeliveryLoop::idle_turn(bool skipped, bool stop_seen) {
         if (retention_ > 0) retention_ = now - retention_;
         LOGI << "chk roll_msg size: " << file_limit_ << ", rev_tm: " << retention_ << LEND;
         msg_.note_clock(now);
-        msg_.roll_msg(std::min(retention_, msg_.expiry_cutoff(now, 0)), 0, file_limit_, newest_);
+        // Reading and deciphering the whole file to find nothing to drop would cost a record's
+        // worth of work many times over; the cheap look decides whether the roll is worth it.
+        const long long begin = std::min(retention_, msg_.expiry_cutoff(now, 0));
+        if (msg_.roll_needed(begin, file_limit_)) msg_.roll_msg(begin, 0, file_limit_, newest_);
     }
 
     if (tick_ % kHousekeeping == 0) {

@@ -295,6 +295,11 @@ bool MsgFile::check_cap(long long cap) {
             return false;
         }
         if (fd_ < 0 && open() != RES_OK) return false;
+        // Lines gathered in an open batch count too: a burst drained from the queue in one batch
+        // must not pass the cap by a queue's worth.
+        const bool batching = batching_;
+        end_batch();
+        batching_ = batching;
         flush();
         RootLock hold(*this, true);
         follow_moved_file();
@@ -427,6 +432,32 @@ bool MsgFile::del_repeat(StrList& records) {
         }
     }
     return true;
+}
+
+bool MsgFile::roll_needed(long long begin, long long max_bytes) {
+    try {
+        flush();
+        RootLock hold(*this, false);
+        follow_moved_file();
+        const int fd = ::open((root_dir() + kMsgName).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+        if (fd < 0) return true;
+        struct stat st;
+        char head[kTimeFieldLen + 1];
+        const bool sized = ::fstat(fd, &st) == 0;
+        const size_t got = sized && st.st_size > 0 ? read_at(fd, 0, head, sizeof head) : 0;
+        ::close(fd);
+        if (!sized || (max_bytes > 0 && st.st_size > max_bytes)) return true;
+        if (st.st_size == 0) return false;
+        if (got != sizeof head || head[kTimeFieldLen] != ',') return true;  // a damaged first line
+        long long first = 0;
+        for (size_t i = 0; i < kTimeFieldLen; ++i) {
+            if (head[i] < '0' || head[i] > '9') return true;
+            first = first * 10 + (head[i] - '0');
+        }
+        return first < begin;
+    } catch (...) {
+        return true;
+    }
 }
 
 int MsgFile::roll_msg(long long begin, long long max_count, long long max_bytes, long long& newest) {

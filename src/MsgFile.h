@@ -45,6 +45,10 @@ class MsgFile {
     std::string comb_msg(long long begin, long long max_count, long long max_bytes, long long& newest,
                          std::fstream* stream);
     bool del_repeat(StrList& records);
+    // Whether roll_msg(begin, 0, max_bytes) could drop a line, judged from the file's size on disk
+    // and its first line's time (lines are appended in time order, so the first is the oldest),
+    // without reading the file; true also when the first line is damaged.
+    bool roll_needed(long long begin, long long max_bytes);
     // Rewrites the file through the journal keeping what get_msg_list keeps. 0, -1 or 210.
     int roll_msg(long long begin, long long max_count, long long max_bytes, long long& newest);
     // Sets "sdk.msg" aside (has_new) and uploads every set-aside file; true when none is left pending.

@@ -3,7 +3,10 @@
 // initial event, outage and recovery, the stop handshake and a host that exits without stopping.
 #include "BackRun.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,11 +15,13 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Cache.h"
 #include "DebugReport.h"
 #include "delivery.h"
 #include "velto.h"
@@ -349,28 +354,76 @@ TEST(Delivery, StopWritesEveryQueuedRecordAndUploadsThem) {
 
 // Under a file-size limit the appends fail: the host lives on (no SIGXFSZ), the failure is logged
 // once, and the records wait in memory until writes succeed again; none is lost.
+// Inside a scenario: writes fail between squeeze() and ease(); 400 records go in meanwhile (about
+// twice what fits) and 10 after. The host lives, the failure is logged once with its errno (err;
+// 0 when the log is on the full disk too, and its lines are lost), and all 410 end up in the file
+// in order.
+void expect_records_kept_until_writes_succeed(const std::string& root, const std::function<void()>& squeeze,
+                                              const std::function<void()>& ease, int err) {
+    RawServer server;
+    start(server, root);
+    squeeze();
+    const int n = 400;
+    for (int i = 0; i < n; ++i) ASSERT_EQ(0, event(i));
+    const std::string failed = "save msg to file failed, errno: " + std::to_string(err);
+    ASSERT_TRUE(vtest::wait_until(
+        [&] {
+            return err != 0 ? has(vtest::read_file(root + "/sdk.log"), failed)
+                            : Velto::Cache::obj_->count() == 0;
+        },
+        kWaitMs));
+    EXPECT_LT(file_lines(root + "/sdk.msg"), static_cast<size_t>(n)) << "no write failed";
+    ease();
+    for (int i = n; i < n + 10; ++i) ASSERT_EQ(0, event(i));
+    ASSERT_TRUE(wait_lines(root + "/sdk.msg", n + 10));
+    stop_and_wait();
+    const std::vector<std::string> written = file_records(root + "/sdk.msg");
+    ASSERT_EQ(static_cast<size_t>(n + 10), written.size());
+    for (int i = 0; i < n + 10; ++i) EXPECT_TRUE(has(written[i], event_member(i))) << i;
+    if (err != 0) {
+        EXPECT_EQ(1u, vtest::count_of(vtest::read_file(root + "/sdk.log"), "save msg to file failed"));
+    }
+}
+
 TEST(Delivery, FileSizeLimitKeepsRecordsUntilWritesSucceed) {
     RUN_SCENARIO({
-        RawServer server;
-        start(server, root);
         rlimit before;
         ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &before));
         rlimit small = before;
         small.rlim_cur = 128 * 1024;
-        ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
-        const int n = 400;  // about twice what fits under the limit
-        for (int i = 0; i < n; ++i) ASSERT_EQ(0, event(i));
-        ASSERT_TRUE(vtest::wait_until(
-            [&] { return has(vtest::read_file(root + "/sdk.log"), "save msg to file failed, errno: 27"); },
-            kWaitMs));
-        ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &before));
-        for (int i = n; i < n + 10; ++i) ASSERT_EQ(0, event(i));
-        ASSERT_TRUE(wait_lines(root + "/sdk.msg", n + 10));
-        stop_and_wait();
-        const std::vector<std::string> written = file_records(root + "/sdk.msg");
-        ASSERT_EQ(static_cast<size_t>(n + 10), written.size());
-        for (int i = 0; i < n + 10; ++i) EXPECT_TRUE(has(written[i], event_member(i))) << i;
-        EXPECT_EQ(1u, vtest::count_of(vtest::read_file(root + "/sdk.log"), "save msg to file failed"));
+        expect_records_kept_until_writes_succeed(
+            root, [&] { ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small)); },
+            [&] { ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &before)); }, EFBIG);
+    });
+}
+
+// Mounts a tmpfs of size bytes at dir in a mount namespace of the calling process's own, so that
+// it goes with the process; false without the privilege.
+bool mount_private_tmpfs(const std::string& dir, long long size) {
+    const std::string options = "size=" + std::to_string(size);
+    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("tmpfs", dir.c_str(), "tmpfs", 0, options.c_str()) == 0;
+}
+
+// A full disk: the root is a small tmpfs, filled up but for a few KiB, then freed again.
+TEST(Delivery, FullDiskKeepsRecordsUntilSpaceReturns) {
+    vtest::TempDir probe;
+    if (!vtest::run_scenario(
+            [&](const std::string&) { ASSERT_TRUE(mount_private_tmpfs(probe.path(), 1 << 20)); }))
+        GTEST_SKIP() << "no privilege to mount a tmpfs in a mount namespace of the test's own";
+    RUN_SCENARIO({
+        ASSERT_TRUE(mount_private_tmpfs(root, 2 << 20));
+        const std::string filler = root + "/filler";
+        expect_records_kept_until_writes_succeed(
+            root,
+            [&] {
+                std::string block(4096, 'x');
+                const int fd = open(filler.c_str(), O_WRONLY | O_CREAT, 0600);
+                while (fd >= 0 && write(fd, block.data(), block.size()) > 0) {
+                }
+                close(fd);
+            },
+            [&] { ASSERT_EQ(0, unlink(filler.c_str())); }, 0);
     });
 }
 

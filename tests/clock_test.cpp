@@ -34,7 +34,9 @@ class ClockJumps : public ::testing::Test {
     }
 
     // The host's clock: an offset such as "-10d" or "+0" (seconds without a unit).
-    void set_clock(const std::string& offset) { vtest::write_file(side_.file("clock"), offset + "\n"); }
+    void set_clock(const std::string& offset) {
+        vtest::write_file(side_.file("clock"), offset + "\n");
+    }
     void start_host(int records, int rate) {
         host_.reset(new vtest::ChildProcess(
             {vtest::flow_host_path(), root_.path(), std::to_string(records), std::to_string(rate), "clock"},
@@ -53,13 +55,15 @@ class ClockJumps : public ::testing::Test {
     // root; "" when every accepted record reached the collector exactly once.
     std::string delivery_outcome(size_t records) {
         const std::string out = side_.file("out");
-        if (!vtest::wait_until([&] { return vtest::lines_of(vtest::read_file(out)).size() >= records; }, 60000))
+        if (!vtest::wait_until([&] { return vtest::lines_of(vtest::read_file(out)).size() >= records; },
+                               60000))
             return "the host did not record";
         vtest::wait_quiet(server_, 1500);
         host_->signal(SIGKILL);
         host_->wait(10000);
         host_.reset();
-        const std::string drained = vtest::drain_root(root_.path(), side_.file("rec"), {{"HOME", home_.path()}});
+        const std::string drained =
+            vtest::drain_root(root_.path(), side_.file("rec"), {{"HOME", home_.path()}});
         if (!drained.empty()) return drained;
         return vtest::not_delivered_once(server_, vtest::accepted_labels(out));
     }
@@ -84,13 +88,14 @@ TEST_F(ClockJumps, RecordsStampedUnderAClockTenDaysBehindAreDeliveredOnceItIsRig
     EXPECT_FALSE(vtest::has(vtest::read_file(root_.file("sdk.log")), "msg file expired"));
 }
 
-// A failed send (the first record's) pauses uploads for 300 s. The clock then goes back a day and, a little later,
-// 400 s forward: the pause counts from the jump back, so uploads resume, instead of a day later.
+// A failed send (the first record's) pauses uploads for 300 s. The clock then goes back a day and, a little
+// later, 400 s forward: the pause counts from the jump back, so uploads resume, instead of a day later.
 TEST_F(ClockJumps, PauseAfterAFailedUploadIsNotStretchedByAJumpBack) {
     set_clock("+0");
     start_host(1500, 100);
-    ASSERT_TRUE(vtest::wait_until([&] { return vtest::has(vtest::read_file(root_.file("sdk.log")), "snd init: "); },
-                                  20000));  // the first record's attempts failed
+    ASSERT_TRUE(
+        vtest::wait_until([&] { return vtest::has(vtest::read_file(root_.file("sdk.log")), "snd init: "); },
+                          20000));  // the first record's attempts failed
     set_clock("-86400");
     std::this_thread::sleep_for(std::chrono::seconds(2));
     server_.set_reply(kTaken);

@@ -2,9 +2,11 @@
 // collectors sharing one database store every record once, also a batch that reaches both at once;
 // a collector killed while uploads arrive leaves whole batches only, and the retry completes them;
 // a database stopped and started again while uploads arrive costs 503 replies meanwhile and loses
-// nothing. The API, /healthz and /metrics are checked on the way. Collectors run as child processes.
+// nothing; --keep-days drops whole old days. The API, /healthz and /metrics are checked on the way.
+// Collectors run as child processes.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <time.h>
 
 #include <atomic>
 #include <memory>
@@ -226,6 +228,51 @@ TEST_F(CollectorPg, DatabaseStoppedAndStartedMeanwhileGives503AndLosesNothing) {
     EXPECT_TRUE(vtest::has(get(c.url("/metrics")).second, "result=\"unavailable\"}"));
     EXPECT_EQ(0, c.stop());
     EXPECT_TRUE(vtest::has(c.out(), "uploads answered 503 (database unavailable)")) << c.out();
+}
+
+// The partition of records of a day (days since the epoch, UTC): records_pYYYYMMDD.
+std::string partition_of(int64_t day) {
+    const time_t t = static_cast<time_t>(day * 86400);
+    struct tm parts;
+    char name[32] = "";
+    if (gmtime_r(&t, &parts)) strftime(name, sizeof name, "records_p%Y%m%d", &parts);
+    return name;
+}
+
+// Retention by whole days: with --keep-days 3, today and the two days before stay with their
+// records; older days go, and requests older than three days with them.
+TEST_F(CollectorPg, KeepDaysDropsOldDaysAndKeepsRecentOnes) {
+    Collector first(pg_.url(), dir_, "first");
+    ASSERT_TRUE(first.start()) << first.err();
+    EXPECT_EQ(kOk, send_batch(first, "{today}", 2));
+    EXPECT_EQ(0, first.stop());
+    const int64_t today = time(nullptr) / 86400;
+    for (int back : {2, 3, 9}) {
+        const std::string at = std::to_string((today - back) * 86400000 + 1000), tag = std::to_string(back);
+        for (const std::string& sql :
+             {"CREATE TABLE IF NOT EXISTS " + partition_of(today - back) +
+                  " PARTITION OF records FOR VALUES FROM (" + std::to_string((today - back) * 86400000) +
+                  ") TO (" + std::to_string((today - back + 1) * 86400000) + ")",
+              "INSERT INTO records (time, kind, category, action, label, sid, cid, brand, pver, batch, "
+              "request,"
+              " record) VALUES (" +
+                  at + ", 'event', 'back-" + tag + "', '', '', '', '', '', '', '', 0, '{}')",
+              "INSERT INTO requests (time, endpoint, peer, scheme, bytes, result, batch, records) VALUES (" +
+                  at + ", '/v1/file', 'back-" + tag + "', 'http', 0, 'ok', '', 1)"})
+            ASSERT_EQ("<no row>", pg_.value(sql)) << sql;
+    }
+
+    Collector keeping(pg_.url(), dir_, "keeping", {"--keep-days", "3"});
+    ASSERT_TRUE(keeping.start()) << keeping.err();
+    const std::string exists = "SELECT count(*) FROM pg_tables WHERE tablename = '";
+    EXPECT_TRUE(
+        vtest::wait_until([&] { return pg_.value(exists + partition_of(today - 3) + "'") == "0"; }, 30000));
+    EXPECT_EQ("0", pg_.value(exists + partition_of(today - 9) + "'"));
+    for (int64_t day : {today - 2, today}) EXPECT_EQ("1", pg_.value(exists + partition_of(day) + "'")) << day;
+    EXPECT_EQ("back-2 {today}-0 {today}-1",
+              pg_.value("SELECT string_agg(category, ' ' ORDER BY category) FROM records"));
+    EXPECT_EQ("back-2", pg_.value("SELECT string_agg(peer, ' ') FROM requests WHERE peer LIKE 'back-%'"));
+    EXPECT_EQ(0, keeping.stop());
 }
 
 }  // namespace

@@ -134,6 +134,11 @@ TEST_F(MsgStore, CapDropsTheOldestLinesFarBelowIt) {
 TEST_F(MsgStore, RollByAgeKeepsNewerLinesOrEmptiesTheFile) {
     const std::string newer = line(now_ - 20, 2) + line(now_ - 10, 3);
     put(line(now_ - 30, 1) + newer);
+    // The cheap look agrees with the roll: by the first line's age, and by the size on disk.
+    EXPECT_FALSE(store_.roll_needed(now_ - 100, 0));
+    EXPECT_FALSE(store_.roll_needed(now_ - 100, static_cast<long long>(msg().size())));
+    EXPECT_TRUE(store_.roll_needed(now_ - 100, static_cast<long long>(msg().size()) - 1));
+    EXPECT_TRUE(store_.roll_needed(now_ - 20, 0));
     EXPECT_EQ(0, roll(now_ - 100));  // nothing dropped: not rewritten
     EXPECT_FALSE(has(log(), "roll_msg cnt"));
     EXPECT_EQ(0, roll(now_ - 20));

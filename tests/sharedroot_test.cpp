@@ -35,9 +35,9 @@ std::string run_shared_root(int hosts, int stagger_ms, int run) {
     for (int i = 0; i < hosts; ++i) {
         if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(stagger_ms));
         const std::string tag = "r" + std::to_string(run) + "h" + std::to_string(i);
-        children.emplace_back(
-            new vtest::ChildProcess({vtest::flow_host_path(), root.path(), std::to_string(kRecords), "1000", tag},
-                                    side.file(tag), side.file(tag + ".err"), env));
+        children.emplace_back(new vtest::ChildProcess(
+            {vtest::flow_host_path(), root.path(), std::to_string(kRecords), "1000", tag}, side.file(tag),
+            side.file(tag + ".err"), env));
     }
     std::vector<std::string> accepted;
     for (int i = 0; i < hosts; ++i) {

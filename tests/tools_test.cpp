@@ -152,11 +152,10 @@ class CollectorTest : public ::testing::Test {
         args.insert(args.end(), extra.begin(), extra.end());
         return args;
     }
-    void start(const std::vector<std::string>& extra = {}) {
+    void start(const std::vector<std::string>& extra = {}, const std::string& ready = "listening on") {
         unlink(dir_.file("out.txt").c_str());  // a restart waits for its own "listening on"
         proc_.reset(new ToolProcess(args(extra), dir_.file("out.txt"), dir_.file("err.txt")));
-        ASSERT_TRUE(vtest::wait_until([this] { return vtest::has(out(), "listening on"); }, 20000))
-            << out() << err();
+        ASSERT_TRUE(vtest::wait_until([&] { return vtest::has(out(), ready); }, 20000)) << out() << err();
     }
     void pick_two_ports() {
         const std::vector<int> ports = vtest::free_loopback_ports(2);
@@ -599,24 +598,78 @@ TEST_F(CollectorTest, DatabaseKeepsEveryAnsweredRecordThroughKillAndRestart) {
     EXPECT_EQ(1u, lines_of(why).size()) << why;
 }
 
-// Slow clients (a connection that never finishes its TLS handshake, or trickles its headers) each
-// hold a worker of their own until their read deadline; uploads keep flowing beside 200 of them.
+// Logs for a log shipper: every line one JSON object, or the same fields as key=value pairs.
+TEST_F(CollectorTest, LogsEveryRequestAsOneLineOfFields) {
+    for (const std::string format : {"json", "text"}) {
+        start({"--log-format", format}, format == "json" ? R"("event":"start")" : "event=start");
+        post(http("/v1/data"), kForm, data_form(R"({"category":"logged","dtype":"event"})"));
+        post(http("/v1/data"), kForm, "garbage=1");
+        EXPECT_EQ(0, stop());
+        std::vector<std::string> events;  // "event result status records" of each JSON line
+        for (const std::string& line : lines_of(out())) {
+            if (format == "text") {
+                EXPECT_EQ(0u, line.find("time=")) << line;
+            } else if (json_at(line, "$.event") != "certificate") {
+                events.push_back(json_at(line, "$.event") + " " + json_at(line, "$.result") + " " +
+                                 json_at(line, "$.status") + " " + json_at(line, "$.records"));
+            }
+        }
+        if (format == "json") {
+            const std::vector<std::string> want = {"start <null> <null> <null>", "request ok 200 1",
+                                                   "request bad 400 0", "stopping <null> <null> <null>",
+                                                   "stop <null> <null> 1"};
+            EXPECT_EQ(want, events) << out();
+        } else {
+            EXPECT_TRUE(
+                vtest::has(out(), " level=info event=request endpoint=/v1/data scheme=http peer=127.0.0.1:"))
+                << out();
+            EXPECT_TRUE(vtest::has(out(), " status=400 result=bad records=0 batch=\"\" ")) << out();
+        }
+        EXPECT_EQ("", err());
+    }
+}
+
+// True once the server has closed fd (its end read, or the connection reset); reads nothing else.
+bool closed_by_server(int fd) {
+    char buf[256];
+    for (;;) {
+        const ssize_t n = recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+        if (n == 0) return true;
+        if (n < 0) return errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR;
+    }
+}
+
+// Slow clients hold no worker for long: 200 connections at once, on both ports, that never send a
+// byte or trickle one every half second (the request's headers in plain HTTP, a TLS record in the
+// handshake). Uploads flow beside them, and each trickling connection is cut off once its request
+// has taken longer than the bound in all, however regularly its bytes come.
 TEST_F(CollectorTest, UploadsFlowWhileTwoHundredSlowConnectionsAreOpen) {
-    start();
-    std::vector<int> slow;
+    start({"--request-timeout", "2"});
+    std::vector<int> silent, trickling;
     for (int i = 0; i < 200; ++i) {
         const int fd = socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in addr = loopback(i % 2 ? https_port_ : http_port_);
         ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
-        slow.push_back(fd);
+        (i % 4 < 2 ? silent : trickling).push_back(fd);
     }
+    // A handshake record that announces 16 KB, or a request whose header never ends.
+    const std::string tls_head("\x16\x03\x01\x40\x00", 5);
+    const std::string http_head = "POST /v1/data HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Slow: ";
     std::atomic<bool> done{false};
+    std::atomic<int> cut{0};
     std::thread trickle([&] {
-        const std::string head = "POST /v1/data HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Slow: ";
-        for (size_t at = 0; !done; ++at) {
-            for (size_t i = 0; i < slow.size(); i += 2)
-                send(slow[i], at < head.size() ? &head[at] : "a", 1, MSG_NOSIGNAL);
-            for (int t = 0; t < 20 && !done; ++t) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        std::vector<bool> open(trickling.size(), true);
+        for (size_t at = 0; !done && cut < static_cast<int>(trickling.size()); ++at) {
+            for (size_t i = 0; i < trickling.size(); ++i) {
+                if (!open[i]) continue;
+                const std::string& head = i % 2 ? tls_head : http_head;
+                if (closed_by_server(trickling[i]) ||
+                    send(trickling[i], at < head.size() ? &head[at] : "a", 1, MSG_NOSIGNAL) != 1) {
+                    open[i] = false;
+                    ++cut;
+                }
+            }
+            for (int t = 0; t < 10 && !done; ++t) std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
     });
     int taken = 0;
@@ -624,10 +677,13 @@ TEST_F(CollectorTest, UploadsFlowWhileTwoHundredSlowConnectionsAreOpen) {
         const std::string url = i % 2 ? https("/v1/data") : http("/v1/data");
         taken += post(url, kForm, data_form(R"({"category":"flow","dtype":"event"})")).second == kOk;
     }
+    EXPECT_EQ(100, taken);
+    EXPECT_TRUE(vtest::wait_until([&] { return cut == static_cast<int>(trickling.size()); }, 60000))
+        << cut << " of " << trickling.size() << " trickling connections cut off";
     done = true;
     trickle.join();
-    for (int fd : slow) close(fd);
-    EXPECT_EQ(100, taken);
+    for (int fd : silent) close(fd);
+    for (int fd : trickling) close(fd);
     EXPECT_EQ(0, stop());
 }
 

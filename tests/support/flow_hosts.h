@@ -77,7 +77,8 @@ inline std::string not_delivered_once(const vcollect::RawServer& server,
     for (const auto& upload : file_uploads(server)) {
         auto known = batch_of_name.find(upload.first);
         if (known != batch_of_name.end()) {
-            if (known->second != upload.second) return "upload name " + upload.first + " stood for two batches";
+            if (known->second != upload.second)
+                return "upload name " + upload.first + " stood for two batches";
             continue;
         }
         batch_of_name[upload.first] = upload.second;

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "Util.h"
+#include "log_lines.h"
 #include "terminal.h"
 
 namespace vcollect {
@@ -70,7 +71,7 @@ bool ConfSource::check() {
     if (!dir_.empty()) {
         struct stat st;
         if (stat(dir_.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-            fprintf(stderr, "velto-collector: %s is not a directory\n", dir_.c_str());
+            log_start_problem("error", dir_ + " is not a directory");
             return false;
         }
         return true;
@@ -78,14 +79,14 @@ bool ConfSource::check() {
     if (file_.empty()) return true;
     std::string text, reply, why;
     if (!read_small_file(file_, text)) {
-        fprintf(stderr, "velto-collector: cannot read %s\n", file_.c_str());
+        log_start_problem("error", "cannot read " + file_);
         return false;
     }
     if (!conf_reply_from_text(text, reply, why)) {
-        fprintf(stderr, "velto-collector: %s %s\n", file_.c_str(), why.c_str());
+        log_start_problem("error", file_ + " " + why);
         return false;
     }
-    if (!why.empty()) fprintf(stderr, "velto-collector: warning: %s %s\n", file_.c_str(), why.c_str());
+    if (!why.empty()) log_start_problem("warn", "warning: " + file_ + " " + why);
     return !load(file_).empty();
 }
 
@@ -106,7 +107,8 @@ const std::string& ConfSource::load(const std::string& path) {
     c.reply.clear();
     if (!read_small_file(path, text) || !conf_reply_from_text(text, c.reply, why)) {
         c.reply.clear();
-        print_note("configuration " + printable(path, 200) + " is unusable; serving the next one instead");
+        log_note("warn", "conf_unusable",
+                 "configuration " + printable(path, 200) + " is unusable; serving the next one instead");
     }
     return c.reply;
 }

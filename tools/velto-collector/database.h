@@ -73,6 +73,8 @@ class Backend {
     virtual void maintain(Connection& c, int keep_days, int64_t now_ms) = 0;
     // How many sessions may be open at once.
     virtual size_t max_connections() const = 0;
+    // True when one statement may hold several INSERTs (WITH ... AS (INSERT ... RETURNING ...)).
+    virtual bool chained_inserts() const { return false; }
     // The SQL operator of a case-insensitive LIKE.
     virtual const char* like_any_case() const { return "LIKE"; }
 };

@@ -1,5 +1,5 @@
 // velto-collector's ingestion: what one request to /v1/conf, /v1/data or /v1/file carries, decoded
-// (tools/collector/upload.h checks the envelope) into the rows for the store, the readable lines for
+// (tools/wire/upload.h checks the envelope) into the rows for the store, the readable lines for
 // the terminal and the lines of the --records file. The receiver (receiver.cpp) calls it on the
 // request's thread; stateless, safe on any thread.
 #ifndef VELTO_COLLECTOR_INGESTION_H

@@ -24,17 +24,20 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 
 #include "api.h"
 #include "conf_source.h"
 #include "event_stream.h"
+#include "log_lines.h"
 #include "options.h"
 #include "receiver.h"
+#include "request_deadlines.h"
+#include "self_signed_cert.h"
 #include "store.h"
 #include "terminal.h"
-#include "tls_server.h"
 #include "velto.h"
 
 namespace {
@@ -49,8 +52,7 @@ std::unique_ptr<httplib::SSLServer> make_tls_server(const Options& opt) {
     if (!opt.cert.empty()) {
         std::unique_ptr<httplib::SSLServer> server(new httplib::SSLServer(opt.cert.c_str(), opt.key.c_str()));
         if (!server->is_valid())
-            fprintf(stderr, "velto-collector: cannot use the certificate %s with the key %s\n",
-                    opt.cert.c_str(), opt.key.c_str());
+            log_start_problem("error", "cannot use the certificate " + opt.cert + " with the key " + opt.key);
         return server->is_valid() ? std::move(server) : nullptr;
     }
     const std::string cert = opt.cert_dir + "/cert.pem", key = opt.cert_dir + "/key.pem";
@@ -59,22 +61,24 @@ std::unique_ptr<httplib::SSLServer> make_tls_server(const Options& opt) {
     if (std::filesystem::exists(cert, ec) && std::filesystem::exists(key, ec)) {
         std::unique_ptr<httplib::SSLServer> server(new httplib::SSLServer(cert.c_str(), key.c_str()));
         if (server->is_valid()) return server;
-        fprintf(stderr, "velto-collector: %s or %s is unusable; making a new pair\n", cert.c_str(),
-                key.c_str());
+        log_start_problem("warn", cert + " or " + key + " is unusable; making a new pair");
     }
     if (!make_self_signed_cert(cert, key)) {
-        fprintf(stderr, "velto-collector: cannot write a certificate to %s\n", opt.cert_dir.c_str());
+        log_start_problem("error", "cannot write a certificate to " + opt.cert_dir);
         return nullptr;
     }
-    printf("velto-collector: made a self-signed certificate for 127.0.0.1 in %s\n", opt.cert_dir.c_str());
+    LogLine("info", "certificate")
+        .add("dir", opt.cert_dir)
+        .write(stdout,
+               "velto-collector: made a self-signed certificate for 127.0.0.1 in " + opt.cert_dir + "\n");
     std::unique_ptr<httplib::SSLServer> server(new httplib::SSLServer(cert.c_str(), key.c_str()));
     return server->is_valid() ? std::move(server) : nullptr;
 }
 
 // Limits that keep slow or idle clients from holding the workers: each connection has a worker of
-// its own from a pool of max_connections, and is closed when it stays quiet for read_timeout_s (the
-// TLS handshake included).
-void set_limits(httplib::Server& server, const Options& opt) {
+// its own from a pool of max_connections, is closed when it stays quiet for read_timeout_s (the TLS
+// handshake included), and each of its requests has request_timeout_s in all (deadlines).
+void set_limits(httplib::Server& server, const Options& opt, RequestDeadlines& deadlines) {
     const size_t workers = static_cast<size_t>(opt.max_connections);
     server.new_task_queue = [workers] { return new httplib::ThreadPool(workers); };
     server.set_read_timeout(opt.read_timeout_s, 0);
@@ -84,6 +88,17 @@ void set_limits(httplib::Server& server, const Options& opt) {
     // A reply goes out in several writes; without this, Nagle's algorithm and the client's delayed
     // ACK hold every reply on a kept-alive connection for 40 ms.
     server.set_tcp_nodelay(true);
+    server.set_logger([&deadlines](const httplib::Request& req, const httplib::Response&) {
+        deadlines.answered(req.remote_addr, req.remote_port);
+    });
+    // An event stream lasts as long as its page: once its request has been read (it has no body),
+    // it has no bound.
+    server.set_pre_routing_handler([&deadlines](const httplib::Request& req, httplib::Response&) {
+        if (req.path == "/api/stream" && !req.has_header("Content-Length") &&
+            !req.has_header("Transfer-Encoding"))
+            deadlines.streaming(req.remote_addr, req.remote_port);
+        return httplib::Server::HandlerResponse::Unhandled;
+    });
 }
 
 // GET /healthz (200 when the database answers, else 503) and GET /metrics, on every port.
@@ -124,7 +139,7 @@ bool bind(httplib::Server& server, const std::string& address, int port) {
         widen_backlog(port);
         return true;
     }
-    fprintf(stderr, "velto-collector: cannot listen on %s:%d (in use?)\n", address.c_str(), port);
+    log_start_problem("error", "cannot listen on " + address + ":" + std::to_string(port) + " (in use?)");
     return false;
 }
 
@@ -166,9 +181,10 @@ class Maintenance {
             try {
                 store_.maintain(keep_days_);
             } catch (const std::exception& e) {
-                print_note("database housekeeping failed: " + printable(e.what(), 300));
+                log_note("error", "maintenance_failed",
+                         "database housekeeping failed: " + printable(e.what(), 300));
             } catch (...) {
-                print_note("database housekeeping failed");
+                log_note("error", "maintenance_failed", "database housekeeping failed");
             }
             hold.lock();
             wake_.wait_for(hold, std::chrono::minutes(kMaintenanceMinutes), [this] { return stop_; });
@@ -193,25 +209,30 @@ void print_start(const Options& opt, const Store& store) {
     if (opt.http_port)
         where += std::string(where.empty() ? "" : " and ") + "http://" + opt.listen + ":" +
                  std::to_string(opt.http_port);
-    printf("velto-collector: listening on %s; records go to %s%s\n", where.c_str(), store.describe().c_str(),
-           opt.records.empty() ? "" : (" and " + opt.records).c_str());
+    const std::string conf = !opt.conf_dir.empty() ? "the per-brand " + opt.conf_dir
+                             : opt.conf.empty()    ? std::string("the built-in")
+                                                   : opt.conf;
+    std::string text = "velto-collector: listening on " + where + "; records go to " + store.describe() +
+                       (opt.records.empty() ? "" : " and " + opt.records) + "\n";
     if (opt.http_port)
-        printf("velto-collector: the page: http://%s:%d/\n", conf_host(opt).c_str(), opt.http_port);
-    printf("velto-collector: serving %s configuration; stop with Ctrl-C\n",
-           !opt.conf_dir.empty() ? ("the per-brand " + opt.conf_dir).c_str()
-           : opt.conf.empty()    ? "the built-in"
-                                 : opt.conf.c_str());
-    fflush(stdout);
+        text += "velto-collector: the page: http://" + conf_host(opt) + ":" + std::to_string(opt.http_port) +
+                "/\n";
+    text += "velto-collector: serving " + conf + " configuration; stop with Ctrl-C\n";
+    LogLine line("info", "start");
+    line.add("listen", opt.listen).add("https_port", opt.https_port).add("http_port", opt.http_port);
+    line.add("db", store.describe()).add("conf", conf).add("version", VELTO_VERSION_STRING);
+    line.write(stdout, text);
 }
 
 int run(const Options& opt) {
+    set_log_format(opt.log_format);
     ConfSource conf(builtin_conf_reply(conf_host(opt), opt.https_port), opt.conf, opt.conf_dir);
     if (!conf.check()) return 2;
     std::unique_ptr<FILE, int (*)(FILE*)> records(nullptr, &fclose);
     if (!opt.records.empty()) {
         records.reset(fopen(opt.records.c_str(), "a"));
         if (!records) {
-            fprintf(stderr, "velto-collector: cannot open %s: %s\n", opt.records.c_str(), strerror(errno));
+            log_start_problem("error", "cannot open " + opt.records + ": " + strerror(errno));
             return 2;
         }
     }
@@ -219,12 +240,16 @@ int run(const Options& opt) {
     try {
         store.reset(new Store(opt.db, opt.db_timeout_ms));
     } catch (const StoreError& e) {
-        fprintf(stderr, "velto-collector: %s\n", e.what());
+        log_start_problem("error", e.what());
         return 2;
     }
     const sigset_t stop = block_stop_signals();
     Maintenance maintenance(*store, opt.keep_days);
-    EventHub hub(EventHub::Limits(), &print_note);
+    EventHub hub(EventHub::Limits(), [](const std::string& note) { log_note("warn", "stream", note); });
+    std::set<int> ports;
+    for (int port : {opt.https_port, opt.http_port})
+        if (port) ports.insert(port);
+    RequestDeadlines deadlines(ports, opt.request_timeout_s);
     ReceiverSettings settings;
     settings.records = records.get();
     settings.max_body = opt.max_body;
@@ -236,14 +261,14 @@ int run(const Options& opt) {
     if (opt.https_port) {
         tls = make_tls_server(opt);
         if (!tls) return 1;
-        set_limits(*tls, opt);
+        set_limits(*tls, opt, deadlines);
         install_operations(*tls, collector, *store);
         install_routes(*tls, collector, "https");
         if (!bind(*tls, opt.listen, opt.https_port)) return 1;
     }
     if (opt.http_port) {
         plain.reset(new httplib::Server);
-        set_limits(*plain, opt);
+        set_limits(*plain, opt, deadlines);
         install_operations(*plain, collector, *store);
         // The page and the API first: install_routes ends with catch-all routes.
         install_api(*plain, *store, hub, [&collector](const httplib::Request& req, const std::string& why) {
@@ -265,6 +290,7 @@ int run(const Options& opt) {
 
     int sig = 0;
     sigwait(&stop, &sig);
+    LogLine("info", "stopping").add("signal", sig == SIGINT ? "SIGINT" : "SIGTERM").write(stdout, "");
     hub.close();  // the servers wait for their worker threads, and open streams hold some
     if (tls) tls->stop();
     if (plain) plain->stop();

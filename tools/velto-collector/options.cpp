@@ -33,6 +33,10 @@ const char kUsage[] =
     "  --max-connections N  connections served at once on each port (default 512)\n"
     "  --max-body BYTES     larger request bodies are refused (default 67108864)\n"
     "  --read-timeout S     a connection quiet for S seconds is closed (default 5)\n"
+    "  --request-timeout S  a request not answered S seconds after its connection opened (or after the\n"
+    "                       previous reply) is cut off, however its bytes trickle in (default 30)\n"
+    "  --log-format F       readable (default: lines for a terminal), text (key=value) or json (objects),\n"
+    "                       one line per request, start-up, database error and shutdown\n"
     "  --help               this text;  --version  its version, which is the library's\n";
 
 namespace {
@@ -78,6 +82,9 @@ const std::map<std::string, Setter>& setters() {
              return true;
          }},
         {"--read-timeout", [](const char* v, Options& o) { return parse_int(v, 1, 3600, o.read_timeout_s); }},
+        {"--request-timeout",
+         [](const char* v, Options& o) { return parse_int(v, 1, 86400, o.request_timeout_s); }},
+        {"--log-format", [](const char* v, Options& o) { return parse_log_format(v, o.log_format); }},
     };
     return table;
 }

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <string>
 
+#include "log_lines.h"
+
 namespace vcollect {
 
 struct Options {
@@ -24,6 +26,8 @@ struct Options {
     int max_connections = 512;    // connections served at once per port
     size_t max_body = 64u << 20;  // larger request bodies are refused
     int read_timeout_s = 5;       // a connection quiet this long (handshake, headers, body) is closed
+    int request_timeout_s = 30;   // the most one request may take in all, however its bytes trickle
+    LogFormat log_format = LogFormat::kReadable;
 };
 
 extern const char kUsage[];

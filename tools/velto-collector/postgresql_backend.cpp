@@ -15,6 +15,8 @@
 #include <time.h>
 
 #include <algorithm>
+#include <map>
+#include <set>
 
 #include "json_text.h"
 #include "schema.h"
@@ -53,6 +55,9 @@ std::string one_line(std::string text) {
         if (c == '\n' || c == '\r' || c == '\t') c = ' ';
     return text;
 }
+
+const size_t kPreparedStatements = 64;  // per session
+const size_t kSeenStatements = 256;     // statements remembered as run once, per session
 
 int remaining_ms(Deadline d) {
     const auto left =
@@ -124,10 +129,14 @@ class PgConnection : public Connection {
             texts.push_back(p.is_text ? database_text(p.text) : std::to_string(p.number));
         std::vector<const char*> values;
         for (const std::string& t : texts) values.push_back(t.c_str());
+        const std::string* name = prepared(sql, static_cast<int>(values.size()), d);
         ready();
-        if (!PQsendQueryParams(conn_, numbered_placeholders(sql).c_str(), static_cast<int>(values.size()),
-                               nullptr, values.data(), nullptr, nullptr, 0))
-            fail("cannot send");
+        const int sent = name ? PQsendQueryPrepared(conn_, name->c_str(), static_cast<int>(values.size()),
+                                                    values.data(), nullptr, nullptr, 0)
+                              : PQsendQueryParams(conn_, numbered_placeholders(sql).c_str(),
+                                                  static_cast<int>(values.size()), nullptr, values.data(),
+                                                  nullptr, nullptr, 0);
+        if (!sent) fail("cannot send");
         return results(d);
     }
 
@@ -142,6 +151,23 @@ class PgConnection : public Connection {
   private:
     void ready() {
         if (broken()) fail("the connection was lost");
+    }
+
+    // The name of sql prepared on this session, null while it has been seen only once (the API's
+    // queries vary) or when the session holds enough: a statement run again (an upload of the same
+    // number of records) is then parsed and planned once per session.
+    const std::string* prepared(const std::string& sql, int params, Deadline d) {
+        const auto known = prepared_.find(sql);
+        if (known != prepared_.end()) return &known->second;
+        if (prepared_.size() >= kPreparedStatements || seen_.size() >= kSeenStatements) return nullptr;
+        if (seen_.insert(sql).second) return nullptr;
+        const std::string name = "velto_" + std::to_string(prepared_.size());
+        ready();
+        if (!PQsendPrepare(conn_, name.c_str(), numbered_placeholders(sql).c_str(), params, nullptr))
+            fail("cannot send");
+        results(d);
+        seen_.erase(sql);
+        return &(prepared_[sql] = name);
     }
 
     // Sends what is queued and collects every result until the server is done; the rows of the last.
@@ -191,6 +217,8 @@ class PgConnection : public Connection {
     }
 
     PGconn* conn_ = nullptr;
+    std::map<std::string, std::string> prepared_;  // SQL text -> statement name
+    std::set<std::string> seen_;                   // SQL texts run once
 };
 
 int64_t first_number(Connection& c, const std::string& sql, Deadline d) {
@@ -243,6 +271,7 @@ class PgBackend : public Backend {
     }
     size_t max_connections() const override { return 8; }
     const char* like_any_case() const override { return "ILIKE"; }
+    bool chained_inserts() const override { return true; }
 
     void prepare(Connection& c) override {
         const Deadline d = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms_);

@@ -9,6 +9,7 @@
 
 #include "api.h"
 #include "json_text.h"
+#include "log_lines.h"
 #include "terminal.h"
 #include "upload.h"
 
@@ -19,6 +20,12 @@ namespace {
 int64_t now_ms() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+int64_t steady_ms() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
         .count();
 }
 
@@ -55,6 +62,16 @@ std::string prometheus_labels(const std::string& endpoint, const std::string& re
     return "{endpoint=\"" + endpoint + "\",result=\"" + result + "\"}";
 }
 
+// The structured line of one answered request; started_ms < 0 leaves out its duration.
+LogLine request_line(const RequestRow& row, const char* result, int status, int64_t started_ms) {
+    LogLine line(status >= 500 ? "error" : status >= 400 ? "warn" : "info", "request");
+    line.add("endpoint", row.endpoint).add("scheme", row.scheme).add("peer", row.peer);
+    line.add("status", status).add("result", result).add("records", row.records).add("batch", row.batch);
+    line.add("bytes", row.bytes);
+    if (started_ms >= 0) line.add("duration_ms", steady_ms() - started_ms);
+    return line;
+}
+
 }  // namespace
 
 Collector::Collector(ReceiverSettings settings, ConfReply conf, Store& store, EventHub& hub)
@@ -86,22 +103,22 @@ bool Collector::store(RequestRow& request, Output& out, bool& repeat) {
         repeat = store_.add(request, out.rows);
         return true;
     } catch (const std::exception& e) {
-        print_note("cannot store " + printable(request.endpoint) + " from " + printable(request.peer) + ": " +
-                   printable(e.what(), 300));
+        LogLine("error", "database_error")
+            .add("endpoint", request.endpoint)
+            .add("peer", request.peer)
+            .add("error", e.what())
+            .write(stderr, clock_text(time(nullptr)) + " cannot store " + printable(request.endpoint) +
+                               " from " + printable(request.peer) + ": " + printable(e.what(), 300) + "\n");
         return false;
     }
 }
 
 // Shows the stored request and sends it to the event streams, under one lock so that the terminal,
 // the file and the streams see requests in one order.
-void Collector::publish(const Output& out, const RequestRow& request, bool repeat) {
+void Collector::publish(const Output& out, const RequestRow& request, bool repeat, int64_t started_ms) {
     std::lock_guard<std::mutex> hold(m_);
     count(request.endpoint, repeat ? "repeat" : "ok");
-    if (repeat) {
-        printf("%s upload %s  %zu records: a batch stored before, not stored again\n",
-               clock_text(request.time / 1000).c_str(), printable(out.batch).c_str(), out.rows.size());
-        fflush(stdout);
-    } else {
+    if (!repeat) {
         for (const auto& k : out.kinds) kinds_[k.first] += k.second;
         unreadable_ += out.unreadable;
         records_stored_ += static_cast<long long>(out.rows.size());
@@ -109,10 +126,18 @@ void Collector::publish(const Output& out, const RequestRow& request, bool repea
             fwrite(out.json.data(), 1, out.json.size(), settings_.records);
             fflush(settings_.records);
         }
-        fputs(out.shown.c_str(), stdout);
-        fflush(stdout);
-        fputs(out.warnings.c_str(), stderr);
-        fflush(stderr);
+    }
+    if (structured_log()) {
+        LogLine line = request_line(request, repeat ? "repeat" : "ok", 200, started_ms);
+        if (out.unreadable > 0) line.add("unreadable", out.unreadable);
+        line.write(stdout, "");
+    } else if (repeat) {
+        write_whole(stdout, clock_text(request.time / 1000) + " upload " + printable(out.batch) + "  " +
+                                std::to_string(out.rows.size()) +
+                                " records: a batch stored before, not stored again\n");
+    } else {
+        write_whole(stdout, out.shown);
+        if (!out.warnings.empty()) write_whole(stderr, out.warnings);
     }
     hub_.publish("request", request_json(request));
     if (!repeat)
@@ -120,7 +145,8 @@ void Collector::publish(const Output& out, const RequestRow& request, bool repea
 }
 
 void Collector::serve(const std::string& scheme, const httplib::Request& req, const std::string& body,
-                      const std::vector<FormPart>& parts, size_t bytes_read, httplib::Response& res) {
+                      const std::vector<FormPart>& parts, size_t bytes_read, int64_t started_ms,
+                      httplib::Response& res) {
     try {
         RequestRow request = request_row(scheme, req, bytes_read);
         Received from;
@@ -131,7 +157,10 @@ void Collector::serve(const std::string& scheme, const httplib::Request& req, co
         const bool stored = store(request, out, repeat);
         if (req.path == "/v1/conf") {
             // The configuration is served even when the database cannot keep the request.
-            if (stored) publish(out, request, false);
+            if (stored)
+                publish(out, request, false, started_ms);
+            else
+                request_line(request, "ok", 200, started_ms).write(stdout, "");
             res.set_content(conf_(form_value(parse_form(body), "brand")), "application/json");
             return;
         }
@@ -140,33 +169,42 @@ void Collector::serve(const std::string& scheme, const httplib::Request& req, co
                 std::lock_guard<std::mutex> hold(m_);
                 count(req.path, "unavailable");
             }
+            request_line(request, "unavailable", 503, started_ms).write(stdout, "");
             res.status = 503;
             res.set_content(R"({"status":1,"error":"the database is unavailable; send again later"})",
                             "application/json");
             return;
         }
-        publish(out, request, repeat);
+        publish(out, request, repeat, started_ms);
         res.set_content("{\"status\":0}", "application/json");
     } catch (const BadRequest& e) {
-        reject(scheme, req, e.what(), res, 400, bytes_read);
+        reject(scheme, req, e.what(), res, 400, bytes_read, started_ms);
     } catch (const std::exception& e) {
-        reject(scheme, req, std::string("cannot be read: ") + e.what(), res, 400, bytes_read);
+        reject(scheme, req, std::string("cannot be read: ") + e.what(), res, 400, bytes_read, started_ms);
     } catch (...) {
-        reject(scheme, req, "cannot be read", res, 400, bytes_read);
+        reject(scheme, req, "cannot be read", res, 400, bytes_read, started_ms);
     }
 }
 
 void Collector::print_bad_request(const std::string& scheme, const httplib::Request& req,
-                                  const std::string& why) {
-    fprintf(stderr, "%s bad request: %s %s://%s:%d%s from %s:%d: %s\n", clock_text(time(nullptr)).c_str(),
-            printable(req.method, 16).c_str(), scheme.c_str(), printable(req.local_addr, 64).c_str(),
-            req.local_port, printable(req.path, 100).c_str(), req.remote_addr.c_str(), req.remote_port,
-            printable(why, 300).c_str());
-    fflush(stderr);
+                                  const std::string& why, int status, size_t bytes_read, int64_t started_ms) {
+    if (structured_log()) {
+        request_line(request_row(scheme, req, bytes_read), "bad", status, started_ms)
+            .add("method", req.method)
+            .add("error", why)
+            .write(stdout, "");
+        return;
+    }
+    char line[1024];
+    snprintf(line, sizeof line, "%s bad request: %s %s://%s:%d%s from %s:%d: %s\n",
+             clock_text(time(nullptr)).c_str(), printable(req.method, 16).c_str(), scheme.c_str(),
+             printable(req.local_addr, 64).c_str(), req.local_port, printable(req.path, 100).c_str(),
+             req.remote_addr.c_str(), req.remote_port, printable(why, 300).c_str());
+    write_whole(stderr, line);
 }
 
 void Collector::reject(const std::string& scheme, const httplib::Request& req, const std::string& why,
-                       httplib::Response& res, int status, size_t bytes_read) {
+                       httplib::Response& res, int status, size_t bytes_read, int64_t started_ms) {
     RequestRow row = request_row(scheme, req, bytes_read);
     row.result = "bad: " + why.substr(0, 300);
     bool stored = false;
@@ -175,12 +213,12 @@ void Collector::reject(const std::string& scheme, const httplib::Request& req, c
         store_.add(row, none);
         stored = true;
     } catch (const std::exception& e) {
-        print_note("the bad request cannot be stored: " + printable(e.what(), 300));
+        log_note("error", "database_error", "the bad request cannot be stored: " + printable(e.what(), 300));
     }
     {
         std::lock_guard<std::mutex> hold(m_);
         count(req.path, "bad");
-        print_bad_request(scheme, req, why);
+        print_bad_request(scheme, req, why, status, bytes_read, started_ms);
         if (stored) hub_.publish("request", request_json(row));
     }
     res.status = status;
@@ -190,27 +228,42 @@ void Collector::reject(const std::string& scheme, const httplib::Request& req, c
 void Collector::report_bad_query(const std::string& scheme, const httplib::Request& req,
                                  const std::string& why) {
     std::lock_guard<std::mutex> hold(m_);
-    print_bad_request(scheme, req, why);
+    print_bad_request(scheme, req, why, 400, 0, -1);
 }
 
 void Collector::print_summary() {
     std::lock_guard<std::mutex> hold(m_);
     long long total = 0;
     for (const auto& k : kinds_) total += k.second;
-    printf("velto-collector: %lld records received\n", total);
-    for (const auto& k : kinds_) printf("  %-14s %lld\n", printable(k.first, 30).c_str(), k.second);
     std::map<std::string, long long> by_endpoint, by_result;
     for (const auto& r : requests_) {
         by_endpoint[r.first.first] += r.second;
         by_result[r.first.second] += r.second;
     }
-    printf("  requests: %lld conf, %lld data, %lld file; %lld bad requests, %lld unreadable records\n",
-           by_endpoint["/v1/conf"], by_endpoint["/v1/data"], by_endpoint["/v1/file"], by_result["bad"],
-           unreadable_);
-    if (by_result["repeat"] > 0) printf("  %lld batches uploaded again (stored once)\n", by_result["repeat"]);
+    LogLine line("info", "stop");
+    line.add("records", total);
+    for (const auto& k : kinds_) line.add(("records_" + printable(k.first, 30)).c_str(), k.second);
+    line.add("conf_requests", by_endpoint["/v1/conf"]).add("data_requests", by_endpoint["/v1/data"]);
+    line.add("file_requests", by_endpoint["/v1/file"]).add("bad_requests", by_result["bad"]);
+    line.add("repeats", by_result["repeat"]).add("unavailable", by_result["unavailable"]);
+    line.add("unreadable", unreadable_);
+    std::string text = "velto-collector: " + std::to_string(total) + " records received\n";
+    char buf[256];
+    for (const auto& k : kinds_) {
+        snprintf(buf, sizeof buf, "  %-14s %lld\n", printable(k.first, 30).c_str(), k.second);
+        text += buf;
+    }
+    snprintf(buf, sizeof buf,
+             "  requests: %lld conf, %lld data, %lld file; %lld bad requests, %lld unreadable records\n",
+             by_endpoint["/v1/conf"], by_endpoint["/v1/data"], by_endpoint["/v1/file"], by_result["bad"],
+             unreadable_);
+    text += buf;
+    if (by_result["repeat"] > 0)
+        text += "  " + std::to_string(by_result["repeat"]) + " batches uploaded again (stored once)\n";
     if (by_result["unavailable"] > 0)
-        printf("  %lld uploads answered 503 (database unavailable)\n", by_result["unavailable"]);
-    fflush(stdout);
+        text += "  " + std::to_string(by_result["unavailable"]) +
+                " uploads answered 503 (database unavailable)\n";
+    line.write(stdout, text);
 }
 
 std::string Collector::metrics() {
@@ -269,6 +322,7 @@ void install_routes(httplib::Server& server, Collector& collector, const std::st
     for (const char* path : {"/v1/conf", "/v1/data", "/v1/file"}) {
         server.Post(path, [&collector, scheme, max_body](const httplib::Request& req, httplib::Response& res,
                                                          const httplib::ContentReader& reader) {
+            const int64_t started_ms = steady_ms();
             std::string body;
             std::vector<FormPart> parts;
             size_t bytes_read = 0;
@@ -301,9 +355,9 @@ void install_routes(httplib::Server& server, Collector& collector, const std::st
                                      ? "the body is larger than the collector takes (" +
                                            std::to_string(max_body) + " bytes)"
                                      : "the body could not be read (broken multipart form or cut short)",
-                                 res, 400, bytes_read);
+                                 res, 400, bytes_read, started_ms);
             else
-                collector.serve(scheme, req, body, parts, bytes_read, res);
+                collector.serve(scheme, req, body, parts, bytes_read, started_ms, res);
         });
     }
     // Anything else gets the same kind of JSON error, not httplib's empty 404.

@@ -7,6 +7,7 @@
 #ifndef VELTO_COLLECTOR_RECEIVER_H
 #define VELTO_COLLECTOR_RECEIVER_H
 
+#include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <map>
@@ -40,13 +41,16 @@ class Collector {
     Collector(ReceiverSettings settings, ConfReply conf, Store& store, EventHub& hub);
 
     // Answers one upload or configuration request whose body was read whole; never throws.
+    // started_ms (steady clock) is when its handler began, for the duration in the log.
     void serve(const std::string& scheme, const httplib::Request& req, const std::string& body,
-               const std::vector<FormPart>& parts, size_t bytes_read, httplib::Response& res);
-    // Answers with an error, prints it and stores the request with result "bad: <why>".
+               const std::vector<FormPart>& parts, size_t bytes_read, int64_t started_ms,
+               httplib::Response& res);
+    // Answers with an error, logs it and stores the request with result "bad: <why>".
     void reject(const std::string& scheme, const httplib::Request& req, const std::string& why,
-                httplib::Response& res, int status = 400, size_t bytes_read = 0);
-    // Prints the line of an API request answered with 400 (not stored: the store keeps uploads).
+                httplib::Response& res, int status = 400, size_t bytes_read = 0, int64_t started_ms = -1);
+    // Logs an API request answered with 400 (not stored: the store keeps uploads).
     void report_bad_query(const std::string& scheme, const httplib::Request& req, const std::string& why);
+    // The records by kind and the requests by result, logged at shutdown.
     void print_summary();
     // The counters of /metrics, in the Prometheus text format.
     std::string metrics();
@@ -54,9 +58,10 @@ class Collector {
     const ReceiverSettings& settings() const { return settings_; }
 
   private:
-    void publish(const Output& out, const RequestRow& request, bool repeat);
+    void publish(const Output& out, const RequestRow& request, bool repeat, int64_t started_ms);
     void count(const std::string& endpoint, const std::string& result);
-    void print_bad_request(const std::string& scheme, const httplib::Request& req, const std::string& why);
+    void print_bad_request(const std::string& scheme, const httplib::Request& req, const std::string& why,
+                           int status, size_t bytes_read, int64_t started_ms);
     RequestRow request_row(const std::string& scheme, const httplib::Request& req, size_t bytes_read) const;
     bool store(RequestRow& request, Output& out, bool& repeat);
 

@@ -108,9 +108,4 @@ std::string readable_line(const FlatMembers& rec, long long received) {
     return line + "  sid=" + (sid ? printable(*sid) : "-");
 }
 
-void print_note(const std::string& line) {
-    fprintf(stderr, "%s %s\n", clock_text(time(nullptr)).c_str(), line.c_str());
-    fflush(stderr);
-}
-
 }  // namespace vcollect

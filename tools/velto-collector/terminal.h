@@ -23,9 +23,6 @@ std::string clock_text(long long t);
 // "[12:03:07] screenview  category=MainWindow  sid={...}": the record's own time when it has one.
 std::string readable_line(const FlatMembers& rec, long long received);
 
-// A line for stderr, written whole with one call.
-void print_note(const std::string& line);
-
 }  // namespace vcollect
 
 #endif

@@ -2,8 +2,8 @@
 // why it did not decode, and the file upload's "file" part (length prefix, whole AES blocks,
 // inflating) with its "sdk_log" name. Used by velto-collector to answer 400 with a reason, and by the
 // fuzz targets. Stateless; safe on any thread. Bad input throws BadRequest and nothing else.
-#ifndef VELTO_COLLECTOR_UPLOAD_H
-#define VELTO_COLLECTOR_UPLOAD_H
+#ifndef VELTO_WIRE_UPLOAD_H
+#define VELTO_WIRE_UPLOAD_H
 
 #include <cstddef>
 #include <stdexcept>

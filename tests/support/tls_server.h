@@ -1,10 +1,10 @@
-// A loopback HTTPS collector for the tests and the collector tool: cpp-httplib's SSL server on
+// A loopback HTTPS collector for the tests: cpp-httplib's SSL server on
 // 127.0.0.1 (ephemeral port) with a self-signed certificate made at start-up. It answers
 // "/v1/data", "/v1/file" and "/v1/conf" with a configurable reply and records every request
 // (method, path, headers, body, multipart parts in order). Requests are served on httplib's worker
 // threads; every accessor is thread-safe. stop() (and the destructor) waits for handlers in flight.
-#ifndef VELTO_COLLECTOR_TLS_SERVER_H
-#define VELTO_COLLECTOR_TLS_SERVER_H
+#ifndef VELTO_TESTS_TLS_SERVER_H
+#define VELTO_TESTS_TLS_SERVER_H
 
 #include <cstddef>
 #include <map>
@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "payload.h"
+#include "self_signed_cert.h"
 
 namespace vcollect {
 
@@ -25,9 +26,6 @@ struct TlsRequest {
 
     std::string header(const std::string& name) const;  // case-insensitive; "" when absent
 };
-
-// Writes a fresh self-signed certificate for 127.0.0.1 (EC P-256, SHA-256) and its key as PEM files.
-bool make_self_signed_cert(const std::string& cert_path, const std::string& key_path);
 
 class TlsServer {
   public:

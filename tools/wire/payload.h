@@ -2,8 +2,8 @@
 // own raw layout and libcurl's), the Base64 form payload and the binary file payload, both optionally
 // deflated. Used by the tests and the collector tool to turn captured requests back into records.
 // Stateless; safe on any thread. Nothing here trusts its input: bad input gives false or empty results.
-#ifndef VELTO_COLLECTOR_PAYLOAD_H
-#define VELTO_COLLECTOR_PAYLOAD_H
+#ifndef VELTO_WIRE_PAYLOAD_H
+#define VELTO_WIRE_PAYLOAD_H
 
 #include <cstddef>
 #include <cstdint>

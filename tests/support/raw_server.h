@@ -1,10 +1,10 @@
-// A loopback HTTP collector over plain TCP, for the tests and the collector tool: it listens on
+// A loopback HTTP collector over plain TCP, for the tests: it listens on
 // 127.0.0.1 with an ephemeral port, records the exact bytes of every request (the head, then
 // Content-Length bytes of body) and answers the way it is told to, including the ways a broken or
 // hostile server would. One accept thread and one thread per connection; every accessor is
 // thread-safe. stop() (and the destructor) returns within about a tenth of a second.
-#ifndef VELTO_COLLECTOR_RAW_SERVER_H
-#define VELTO_COLLECTOR_RAW_SERVER_H
+#ifndef VELTO_TESTS_RAW_SERVER_H
+#define VELTO_TESTS_RAW_SERVER_H
 
 #include <atomic>
 #include <condition_variable>

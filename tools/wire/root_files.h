@@ -1,8 +1,8 @@
 // Readers of the files the library keeps in its root directory (the message file, its journal, the
 // set-aside batches and the configuration file), rendering them as JSON lines. Used by velto-decode,
 // which does the file handling around them, and by the fuzz targets. Nothing here trusts its input.
-#ifndef VELTO_COLLECTOR_ROOT_FILES_H
-#define VELTO_COLLECTOR_ROOT_FILES_H
+#ifndef VELTO_WIRE_ROOT_FILES_H
+#define VELTO_WIRE_ROOT_FILES_H
 
 #include <ostream>
 #include <string>
