@@ -18,12 +18,14 @@ using vcollect::RawServer;
 
 const char kMarker[] = "sdk.declined";
 
-// The files in root but the empty lock file, which other processes on the root may hold.
+// The files in root but the empty lock files, which other processes on the root may hold (the
+// fetch's may have been made before the refusal).
 std::set<std::string> files_in(const std::string& root) {
     Velto::StrList names;
     Velto::get_files(root, names);
     std::set<std::string> out(names.begin(), names.end());
     out.erase("sdk.lock");
+    out.erase("sdk.net.lock");
     return out;
 }
 
