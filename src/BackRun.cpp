@@ -67,7 +67,8 @@ const auto kHoldWindow = std::chrono::milliseconds(40);
 // writes the records held back for a send of their own, so that data_stop can return.
 class DeliveryLoop : public WaitPump {
   public:
-    explicit DeliveryLoop(BackRun& owner) : owner_(owner), msg_(owner.msg_file()) {}
+    explicit DeliveryLoop(BackRun& owner)
+        : owner_(owner), msg_(owner.msg_file()), conf_(owner.settings()), uploader_(owner.uploader()) {}
 
     void run();
     void pump() override;
@@ -137,8 +138,8 @@ class DeliveryLoop : public WaitPump {
 
     BackRun& owner_;
     MsgFile& msg_;
-    Config& conf_ = *Config::obj_;
-    Uploader& uploader_ = Uploader::standard();
+    Config& conf_;
+    Uploader& uploader_;
 
     std::string upload_base_;
     std::string data_url_;
@@ -780,6 +781,10 @@ void BackRun::set_stop_flag(int v) {
     stop_.store(v);
 }
 
+BackRun::BackRun() : BackRun(*Config::obj_, Uploader::standard()) {}
+
+BackRun::BackRun(Config& conf, Uploader& uploader) : conf_(conf), uploader_(uploader), msg_(conf, uploader) {}
+
 void BackRun::stop() {
     const bool thread_runs = stop_flag() != 0;
     stop_requested_ns_.store(std::chrono::steady_clock::now().time_since_epoch().count());
@@ -812,11 +817,11 @@ void BackRun::run() {
 }
 
 std::string BackRun::get_svrd() {
-    return DebugReport().server_address();
+    return DebugReport(conf_.get_str("ROOT_DIR")).server_address();
 }
 
 void BackRun::save_debug_msg(std::string& answer) {
-    DebugReport().save(answer);
+    DebugReport(conf_.get_str("ROOT_DIR")).save(answer);
 }
 
 }  // namespace Velto

@@ -16,8 +16,16 @@
 
 namespace Velto {
 
+class Config;
+class Uploader;
+
 class BackRun : public Thread {
   public:
+    // The settings and the uploader of the loop and its message file. Without arguments: the
+    // process-wide ones.
+    BackRun();
+    BackRun(Config& conf, Uploader& uploader);
+
     void init() override;  // creates the mutex, stop flag = 1
     void run() override;   // the thread body
     // Asks the loop to stop (stop flag 2), wakes it, and waits until every record queued before is
@@ -45,11 +53,15 @@ class BackRun : public Thread {
     void save_debug_msg(std::string& answer);
 
     MsgFile& msg_file() { return msg_; }
+    Config& settings() { return conf_; }
+    Uploader& uploader() { return uploader_; }
     Mutex& mutex() RETURN_CAPABILITY(m_) { return m_; }
     // In a child process after fork: no thread runs there, so the library is stopped.
     void after_fork_in_child();
 
   private:
+    Config& conf_;
+    Uploader& uploader_;
     Mutex m_;
     MsgFile msg_;
     std::atomic<int> running_{1};

@@ -20,8 +20,8 @@ struct InitMutex {
 };
 }  // namespace
 
-BackRun& g_back_run = *new BackRun();
 Config* Config::obj_ = new Config();
+BackRun& g_back_run = *new BackRun();  // takes the settings above
 Cache* Cache::obj_ = new Cache();
 Log* Log::obj_ = new Log();
 std::string& g_test = *new std::string();

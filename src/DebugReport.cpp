@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "Common.h"
-#include "Config.h"
 #include "Consent.h"
 #include "Log.h"
 #include "OsApi.h"
@@ -144,13 +143,10 @@ void write_report(std::fstream& report, const std::string& kept_rows, const std:
 
 }  // namespace
 
-std::string DebugReport::root() {
-    return root_.empty() ? Config::obj_->get_str("ROOT_DIR") : root_;
-}
-
 std::string DebugReport::server_address() {
     try {
-        std::ifstream in(root() + kSwitchName);
+        if (root_.empty()) return "";
+        std::ifstream in(root_ + kSwitchName);
         if (!in.is_open()) return "";
         std::string line;
         if (std::getline(in, line)) return line;
@@ -164,8 +160,8 @@ std::string DebugReport::server_address() {
 void DebugReport::save(const std::string& answer) {
     std::fstream report;
     try {
-        if (consent_declined()) return;
-        const std::string path = root() + kReportName;
+        if (consent_declined() || root_.empty()) return;
+        const std::string path = root_ + kReportName;
         if (ensure_own_file(path)) report.open(path, std::ios::in);
 
         long long kept = 0;

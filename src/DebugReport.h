@@ -11,8 +11,8 @@ namespace Velto {
 
 class DebugReport {
   public:
-    // root: the root directory with its trailing "/"; empty: ROOT_DIR of the process-wide settings.
-    explicit DebugReport(std::string root = std::string()) : root_(std::move(root)) {}
+    // root: the root directory with its trailing "/"; empty (no root yet): no switch, no report.
+    explicit DebugReport(std::string root) : root_(std::move(root)) {}
 
     // The switch file's first line, "" when there is no switch file.
     std::string server_address();
@@ -20,8 +20,6 @@ class DebugReport {
     void save(const std::string& answer);
 
   private:
-    std::string root();
-
     std::string root_;
 };
 

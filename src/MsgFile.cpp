@@ -47,10 +47,6 @@ const long long kSecondsPerDay = 86400;
 const std::ios::openmode kAppendMode = std::ios::in | std::ios::out | std::ios::app;
 const std::ios::openmode kRewriteMode = std::ios::in | std::ios::out | std::ios::trunc;
 
-std::string root_dir() {
-    return Config::obj_->get_str("ROOT_DIR");
-}
-
 // Empties a file (creating it when missing); false when it cannot be opened.
 bool truncate_file(const std::string& path) {
     return ensure_own_file(path, true);
@@ -238,7 +234,7 @@ void end_torn_line(std::fstream& fs) {
 int MsgFile::open() {
     try {
         close();
-        const std::string path = root_dir();
+        const std::string path = root();
         if (path.empty()) {
             LOGW << "null path, maybe exiting" << LEND;
             return RES_FILE_OPEN;
@@ -276,6 +272,14 @@ int MsgFile::open() {
     }
 }
 
+MsgFile::MsgFile() : MsgFile(*Config::obj_, Uploader::standard()) {}
+
+MsgFile::MsgFile(Config& conf, Uploader& uploader) : conf_(conf), uploader_(uploader) {}
+
+std::string MsgFile::root() const {
+    return conf_.get_str("ROOT_DIR");
+}
+
 MsgFile::~MsgFile() {
     try {
         close();
@@ -290,7 +294,7 @@ bool MsgFile::check_drop() {
 
 bool MsgFile::check_cap(long long cap) {
     try {
-        if (root_dir().empty()) {
+        if (root().empty()) {
             LOGW << "null path, may init" << LEND;
             return false;
         }
@@ -319,7 +323,7 @@ bool MsgFile::check_cap(long long cap) {
 // Keeps the newest whole lines that fit in keep_bytes as they stand on disk, through a temporary
 // file renamed over "sdk.msg"; the oldest go, counted in the log as a rewrite does.
 void MsgFile::trim_to(long long keep_bytes) {
-    const std::string msg_path = root_dir() + kMsgName;
+    const std::string msg_path = root() + kMsgName;
     const int in = ::open(msg_path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (in < 0) return;
     struct stat st;
@@ -439,7 +443,7 @@ bool MsgFile::roll_needed(long long begin, long long max_bytes) {
         flush();
         RootLock hold(*this, false);
         follow_moved_file();
-        const int fd = ::open((root_dir() + kMsgName).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+        const int fd = ::open((root() + kMsgName).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
         if (fd < 0) return true;
         struct stat st;
         char head[kTimeFieldLen + 1];
@@ -472,7 +476,7 @@ int MsgFile::roll_msg(long long begin, long long max_count, long long max_bytes,
         LOGI << "roll_msg cnt: " << n << LEND;
         records.clear();
 
-        const std::string path = root_dir();
+        const std::string path = root();
         const std::string msg_path = path + kMsgName;
         if (raw_lines.empty()) {
             LOGI << "roll_msg null" << LEND;
@@ -552,8 +556,8 @@ class BatchLock {
 
 // Uploads one set-aside file; it is deleted once the server took it, when it holds no record, or
 // when its newest record is older than cutoff (a time in the future counts as now).
-bool send_set_aside(MsgFile& store, const std::string& path, const std::string& url, const std::string& guid,
-                    long long now, long long cutoff) {
+bool send_set_aside(MsgFile& store, Uploader& uploader, const std::string& path, const std::string& url,
+                    const std::string& guid, long long now, long long cutoff) {
     std::string body;
     long long newest = 0;
     {
@@ -571,7 +575,7 @@ bool send_set_aside(MsgFile& store, const std::string& path, const std::string& 
     }
     LOGI << "snd old msgs: " << path << LEND;
     // The delivery loop's pump appends to this store while the upload waits (see process_msgs).
-    const int r = Uploader::standard().send_file(body, url, guid);
+    const int r = uploader.send_file(body, url, guid);
     if (r != 0) {
         LOGW << "snd old msgs: " << path << ", ret: " << r << LEND;
         return false;
@@ -647,9 +651,8 @@ void MsgFile::note_clock(long long now) {
 
 bool MsgFile::process_msgs(bool has_new) {
     try {
-        Config& conf = *Config::obj_;
-        const std::string root = conf.get_str("ROOT_DIR");
-        const std::string base = conf.get_str("CONF_URL");
+        const std::string root = this->root();
+        const std::string base = conf_.get_str("CONF_URL");
         if (root.empty()) {
             LOGW << "null path, maybe exiting" << LEND;
             return false;
@@ -662,14 +665,14 @@ bool MsgFile::process_msgs(bool has_new) {
         bound_set_aside(root, files, kSetAsideCap);
 
         const long long retention =
-            static_cast<long long>(std::atoi(conf.get_str("MAX_RESV_DAY").c_str())) * kSecondsPerDay;
+            static_cast<long long>(std::atoi(conf_.get_str("MAX_RESV_DAY").c_str())) * kSecondsPerDay;
         const long long cutoff = expiry_cutoff(now, retention);
         const std::string url = base + "/v1/file";
         for (const SetAside& file : files) {
             const std::string path = root + file.name;
             BatchLock batch(path);
             if (!batch.held()) continue;  // another process is on it, or it is gone
-            if (!send_set_aside(*this, path, url, file.guid, now, cutoff)) return false;
+            if (!send_set_aside(*this, uploader_, path, url, file.guid, now, cutoff)) return false;
         }
         return true;
     } catch (...) {
@@ -753,7 +756,7 @@ bool MsgFile::write_out() {
 // REQUIRES: the root's lock held.
 void MsgFile::follow_moved_file() {
     if (fd_ < 0) return;
-    const std::string path = root_dir() + kMsgName;
+    const std::string path = root() + kMsgName;
     struct stat mine, named;
     if (::fstat(fd_, &mine) == 0 && ::stat(path.c_str(), &named) == 0 && mine.st_ino == named.st_ino &&
         mine.st_dev == named.st_dev)
@@ -767,7 +770,7 @@ void MsgFile::follow_moved_file() {
 MsgFile::RootLock::RootLock(MsgFile& store, bool exclusive) : store_(store) {
     if (store_.lock_depth_++ > 0) return;
     if (store_.lock_fd_ < 0) {
-        const std::string root = root_dir();
+        const std::string root = store_.root();
         if (root.empty()) return;
         store_.lock_fd_ = open_own_file(root + kLockName, O_RDWR);
     }
@@ -786,7 +789,7 @@ bool MsgFile::remove_line(const std::string& line) {
         flush();
         RootLock hold(*this, true);
         follow_moved_file();
-        const std::string path = root_dir() + kMsgName;
+        const std::string path = root() + kMsgName;
         std::ifstream in(path, std::ios::binary);
         std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
         const std::string whole = line + "\n";

@@ -19,9 +19,16 @@
 
 namespace Velto {
 
+class Config;
+class Uploader;
+
 class MsgFile {
   public:
-    MsgFile() = default;
+    // The settings name the root directory ("ROOT_DIR"), the collector ("CONF_URL") and how long
+    // records are kept ("MAX_RESV_DAY"), as they stand at each use; the uploader sends the set-aside
+    // batches. Without arguments: the process-wide settings and uploader.
+    MsgFile();
+    MsgFile(Config& conf, Uploader& uploader);
     ~MsgFile();
     MsgFile(const MsgFile&) = delete;
     MsgFile& operator=(const MsgFile&) = delete;
@@ -102,6 +109,7 @@ class MsgFile {
       private:
         MsgFile& store_;
     };
+    std::string root() const;
     bool set_aside(const std::string& root, long long now);
     void follow_moved_file();
     void trim_to(long long keep_bytes);
@@ -109,6 +117,8 @@ class MsgFile {
     void note_write_failure(int err);
     void keep_unwritten_within_bound();
 
+    Config& conf_;
+    Uploader& uploader_;
     long long size_limit_ = kDefaultLimit;
     std::fstream fs_;  // reads and rewrites
     int fd_ = -1;      // appends (O_APPEND), opened beside fs_ on the same file

@@ -1,6 +1,5 @@
 // Shared ground of the configuration file and fetch tests: a settings store of the test's own over a
-// fresh root directory, the log beside it (HOME elsewhere, since opening the log reads the client
-// id), complete base information so that the fetch never waits, and the configuration endpoint aimed
+// fresh root directory, the log beside it, complete base information so that the fetch never waits, and the configuration endpoint aimed
 // at a loopback port where nothing listens unless the test starts a collector.
 #ifndef VELTO_TEST_CONFIG_FIXTURE_H
 #define VELTO_TEST_CONFIG_FIXTURE_H
@@ -23,7 +22,6 @@ namespace conftest {
 class ConfFixture : public ::testing::Test {
   protected:
     void SetUp() override {
-        setenv("HOME", home_.path().c_str(), 1);
         conf_.init_mutex();
         conf_.set("ROOT_DIR", root());
         Velto::Log::obj_->init(dir_.file("sdk.log").c_str());
@@ -50,7 +48,7 @@ class ConfFixture : public ::testing::Test {
         return log_text().find(text, from) != std::string::npos;
     }
 
-    vtest::TempDir dir_, home_;
+    vtest::TempDir dir_;
     Velto::Config conf_;
     long long shifted_ = 0;
 };

@@ -57,7 +57,7 @@ class Deadline : public transporttest::TransportTest, public ::testing::WithPara
 // ones must succeed (the deadline is not cut short); the hostile ones must fail by the deadline.
 TEST_P(Deadline, EveryTransferEndsByItsDeadline) {
     const int timeout = GetParam();
-    Velto::Config::obj_->set("CON_TIMEOUT", timeout);
+    transporttest::settings().set("CON_TIMEOUT", timeout);
     const long long deadline_ms = std::max(1000, 2 * timeout);
 
     RawServer silent(RawMode::kSilent), drip(RawMode::kDripFeed, padded_success()),
@@ -137,7 +137,7 @@ TEST_F(ErrorStatus, BatchIsKeptUntilTheServerAnswers200) {
     const long long now = Velto::os_time();
     const std::string name = "MSG_PRE_{a}" + Velto::Util::ltoa(now);
     vtest::write_file(file(name), vtest::msg_line(now, kRecord));
-    Velto::MsgFile store;
+    Velto::MsgFile store(conf_, uploader_);
     EXPECT_FALSE(store.process_msgs(false));
     EXPECT_TRUE(vtest::file_exists(file(name)));
 

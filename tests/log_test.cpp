@@ -40,20 +40,13 @@ size_t line_size(const std::string& tag, const std::string& message) {
     return 22 + tag.size() + 3 + message.size() + 1;
 }
 
-// A Log of the test's own in a fresh directory; HOME points at another fresh directory because
-// opening the log reads (and may create) the client id's preferences file there.
+// A Log of the test's own in a fresh directory.
 class LogFile : public ::testing::Test {
   protected:
-    void SetUp() override {
-        const char* home = std::getenv("HOME");
-        old_home_ = home ? home : "";
-        setenv("HOME", home_.path().c_str(), 1);
-    }
-    void TearDown() override { setenv("HOME", old_home_.c_str(), 1); }
     std::string contents() const { return vtest::read_file(path_); }
 
-    vtest::TempDir home_, dir_;
-    std::string old_home_, path_ = dir_.file("sdk.log");
+    vtest::TempDir dir_;
+    std::string path_ = dir_.file("sdk.log");
     Log log_;
 };
 
@@ -152,7 +145,8 @@ TEST_F(LogFile, FollowsDeletedMovedAndEmptiedFile) {
 
 // Warn and error lines count into LOGERR_NUM while LOGERR_SEND_LIM is positive; info lines never do.
 TEST_F(LogFile, ErrorCounting) {
-    Velto::Config& conf = *Velto::Config::obj_;
+    Velto::Config conf;
+    conf.init_mutex();
     const std::pair<long long, long long> cases[] = {{1, 2}, {0, 0}, {-1, 0}};
     for (const auto& c : cases) {
         conf.load_default();

@@ -12,7 +12,6 @@
 
 namespace {
 
-using Velto::Config;
 using Velto::Log;
 
 class LogUpload : public vtest::CollectorFixture {
@@ -23,6 +22,7 @@ class LogUpload : public vtest::CollectorFixture {
         Log::obj_->info() << std::string(text_len, 'x') << "\n";
         return log();
     }
+    int send_log() { return Velto::LogUpload(*Log::obj_, conf_, uploader_).send_log(); }
     std::string backup() const { return vtest::read_file(file("sdk.log.bak")); }
     std::string last_upload() const { return vtest::file_uploads(server_).back().second; }
 };
@@ -42,11 +42,11 @@ TEST_F(LogUpload, SizeAndErrorTriggers) {
     size_t sent = 0;
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.max_kib) + " " + c.err_count);
-        Config::obj_->set("MAX_LOG_SIZE", c.max_kib);
-        Config::obj_->set("LOGERR_SEND_LIM", c.err_limit);
+        conf_.set("MAX_LOG_SIZE", c.max_kib);
+        conf_.set("LOGERR_SEND_LIM", c.err_limit);
         const std::string text = write_line(c.text_len);
-        Config::obj_->set("LOGERR_NUM", c.err_count);
-        EXPECT_EQ(0, Velto::LogUpload().send_log());
+        conf_.set("LOGERR_NUM", c.err_count);
+        EXPECT_EQ(0, send_log());
         sent += c.due;
         ASSERT_EQ(sent, server_.requests().size());
         if (!c.due) continue;
@@ -66,38 +66,38 @@ TEST_F(LogUpload, SizeAndErrorTriggers) {
 
 TEST_F(LogUpload, FailedUploadLeavesTheBackupForNextTime) {
     server_.set_reply("{\"status\":1}");
-    Config::obj_->set("MAX_LOG_SIZE", "2");
+    conf_.set("MAX_LOG_SIZE", "2");
     const std::string text = write_line(1000);
-    EXPECT_EQ(-2, Velto::LogUpload().send_log());
+    EXPECT_EQ(-2, send_log());
     const std::string kept = backup();
     EXPECT_EQ(0u, kept.find(text));  // line breaks kept in the backup
     EXPECT_FALSE(vtest::has(log(), std::string(1000, 'x')));
 
-    EXPECT_EQ(-1, Velto::LogUpload().send_log());  // the backup goes first and fails again
+    EXPECT_EQ(-1, send_log());  // the backup goes first and fails again
     EXPECT_TRUE(vtest::has(log(), "send bak log file"));
     EXPECT_EQ(kept, backup());
 
     server_.set_reply("{\"status\":0}");
-    EXPECT_EQ(0, Velto::LogUpload().send_log());
+    EXPECT_EQ(0, send_log());
     EXPECT_EQ(kept, last_upload());
     EXPECT_EQ("", backup());
 }
 
 TEST_F(LogUpload, BackupOfTenBytesIsNeitherSentNorEmptied) {
     vtest::write_file(file("sdk.log.bak"), "012345678\n");
-    EXPECT_EQ(0, Velto::LogUpload().send_log());
+    EXPECT_EQ(0, send_log());
     EXPECT_EQ(0u, server_.connections());
     EXPECT_EQ("012345678\n", backup());
 
     vtest::write_file(file("sdk.log.bak"), "0123456789\n");
-    EXPECT_EQ(0, Velto::LogUpload().send_log());
+    EXPECT_EQ(0, send_log());
     ASSERT_EQ(1u, server_.requests().size());
     EXPECT_EQ("0123456789\n", last_upload());
     EXPECT_EQ("", backup());
 }
 
 TEST_F(LogUpload, LinesWrittenDuringTheMoveLandInExactlyOneFile) {
-    Config::obj_->set("MAX_LOG_SIZE", "2");
+    conf_.set("MAX_LOG_SIZE", "2");
     std::atomic<bool> done{false};
     const int kLines = 2000;
     std::thread writer([&] {
@@ -105,7 +105,7 @@ TEST_F(LogUpload, LinesWrittenDuringTheMoveLandInExactlyOneFile) {
         for (int i = 0; i < kLines; ++i) Log::obj_->info() << "<" + std::to_string(i) + ">" << LEND;
         done = true;
     });
-    for (int round = 0; round < 100000 && !done; ++round) EXPECT_LE(0, Velto::LogUpload().send_log());
+    for (int round = 0; round < 100000 && !done; ++round) EXPECT_LE(0, send_log());
     writer.join();
 
     std::string everything = log();

@@ -48,7 +48,7 @@ class MsgStore : public vtest::CollectorFixture {
         return name;
     }
 
-    Velto::MsgFile store_;
+    Velto::MsgFile store_{conf_, uploader_};
     long long now_ = 0, newest_ = 0;
 };
 
@@ -180,7 +180,7 @@ TEST_F(MsgStore, NothingPendingOrNothingToSetAside) {
     std::remove(file("sdk.msg").c_str());
     EXPECT_FALSE(store_.process_msgs(true));  // the rename fails
     EXPECT_TRUE(has(log(), "rename: "));
-    Velto::Config::obj_->set("ROOT_DIR", "");
+    conf_.set("ROOT_DIR", "");
     EXPECT_FALSE(store_.process_msgs(false));
     EXPECT_EQ(0u, server_.connections());
 }
@@ -234,7 +234,7 @@ TEST_F(MsgStore, ExpiredEmptyAndMalformedSetAsideFiles) {
     const std::string good = set_aside("x}", now_, line(now_, 1));
     const std::string bad = set_aside("}", now_, line(now_, 2));  // nothing before the brace
     EXPECT_TRUE(store_.process_msgs(false));
-    Velto::Config::obj_->set("MAX_RESV_DAY", "0");
+    conf_.set("MAX_RESV_DAY", "0");
     const std::string past = set_aside("{c}", now_, line(now_ - 1, 1));
     EXPECT_TRUE(store_.process_msgs(false));
     for (const std::string& name : {week_old, invalid, past, good, old_name})

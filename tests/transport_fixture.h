@@ -1,6 +1,6 @@
-// Shared ground of the transport tests: the settings store at its defaults with a one-second
-// connection time-out, complete base information (so file uploads never wait for it), the log in a
-// temporary directory (HOME beside it), and a helper that bounds a blocking call.
+// Shared ground of the transport tests: a settings store of their own at its defaults with a
+// one-second connection time-out, complete base information of their own (so file uploads never
+// wait for it), the log in a temporary directory, and a helper that bounds a blocking call.
 #ifndef VELTO_TEST_TRANSPORT_FIXTURE_H
 #define VELTO_TEST_TRANSPORT_FIXTURE_H
 
@@ -46,10 +46,20 @@ auto bounded(F fn, int seconds = 20) -> decltype(fn()) {
     return result.get();
 }
 
+// The settings and base information the uploads of these tests are made from.
+inline Velto::Config& settings() {
+    static Velto::Config* conf = new Velto::Config();  // never destroyed: bounded() may outlive a test
+    return *conf;
+}
+inline Velto::BaseInfo& base_info() {
+    static Velto::BaseInfo* base = new Velto::BaseInfo();
+    return *base;
+}
+
 // The context the library's own uploads would have now: the settings and base information the test
 // set up.
 inline Velto::UploadContext upload_context() {
-    return Velto::Uploader().context();
+    return Velto::Uploader(&settings(), &base_info()).context();
 }
 
 const char kFormType[] = "Content-Type:application/x-www-form-urlencoded\r\n";
@@ -66,21 +76,21 @@ inline std::string raw_head(const std::string& request_line, const std::string& 
 class TransportTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        setenv("HOME", home_.path().c_str(), 1);
         curl_global_init(CURL_GLOBAL_ALL);
         Velto::Log::obj_->init(dir_.file("sdk.log").c_str());
-        Velto::Config::obj_->load_default();
-        Velto::Config::obj_->set("CON_TIMEOUT", 1000);
-        Velto::Config::obj_->set("tid", kTid);
+        settings().init_mutex();
+        settings().load_default();
+        settings().set("CON_TIMEOUT", 1000);
+        settings().set("tid", kTid);
+        base_info().init_mutex();
         const char* const base[] = {
             "procname", kProcName, "did",    kDid,    "uid",    "u1", "pid",      "42",        "pver",  "2.0",
             "BRAND",    "Brand",   "modver", "1.1.1", "plang",  "en", "ostype",   "linux",     "osver", "6.1",
             "osbit",    "64",      "oslang", "en-US", "oszone", "1",  "tinstall", "1600000000"};
-        for (size_t i = 0; i < sizeof base / sizeof *base; i += 2)
-            Velto::g_base_info.set(base[i], base[i + 1]);
+        for (size_t i = 0; i < sizeof base / sizeof *base; i += 2) base_info().set(base[i], base[i + 1]);
     }
 
-    void zip(bool on) { Velto::Config::obj_->set("ZIP_DATA", on ? "ON" : "OFF"); }
+    void zip(bool on) { settings().set("ZIP_DATA", on ? "ON" : "OFF"); }
     std::string log_text() {
         Velto::Log::obj_->flush();
         return vtest::read_file(dir_.file("sdk.log"));
@@ -95,7 +105,6 @@ class TransportTest : public ::testing::Test {
     }
 
     vtest::TempDir dir_;
-    vtest::TempDir home_;
 };
 
 }  // namespace transporttest

@@ -16,6 +16,7 @@
 #include "Config.h"
 #include "Log.h"
 #include "OsApi.h"
+#include "Uploader.h"
 #include "Util.h"
 #include "payload.h"
 #include "raw_server.h"
@@ -79,25 +80,29 @@ inline std::vector<std::pair<std::string, std::string>> file_uploads(const vcoll
     return out;
 }
 
-// The process-wide settings store on defaults over a fresh root, the log in it (HOME elsewhere,
-// since opening the log reads the client id), complete base information, and CONF_URL aimed at a
-// loopback collector, so that uploads go out at once.
+// A settings store of the test's own on defaults over a fresh root, the process's log in it,
+// complete base information of its own and CONF_URL aimed at a loopback collector, so that uploads
+// go out at once; the uploader and the message file of a test take these.
 class CollectorFixture : public ::testing::Test {
   protected:
     void SetUp() override {
-        setenv("HOME", home_.path().c_str(), 1);
         ASSERT_TRUE(server_.ok());
-        Velto::Config::obj_->load_default();
-        Velto::Config::obj_->set("ROOT_DIR", dir_.path() + "/");
-        Velto::Config::obj_->set("CONF_URL", server_.url());
-        for (int i = 0; i < 14; ++i) Velto::g_base_info.set("k" + std::to_string(i), "v");
+        conf_.init_mutex();
+        conf_.load_default();
+        conf_.set("ROOT_DIR", dir_.path() + "/");
+        conf_.set("CONF_URL", server_.url());
+        base_.init_mutex();
+        for (int i = 0; i < 14; ++i) base_.set("k" + std::to_string(i), "v");
         Velto::Log::obj_->init(file("sdk.log").c_str());
     }
     std::string file(const std::string& name) const { return dir_.file(name); }
     std::string log() const { return read_file(file("sdk.log")); }
 
-    TempDir home_, dir_;
+    TempDir dir_;
     vcollect::RawServer server_;
+    Velto::Config conf_;
+    Velto::BaseInfo base_;
+    Velto::Uploader uploader_{&conf_, &base_};
 };
 
 }  // namespace vtest
