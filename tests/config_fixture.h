@@ -1,6 +1,7 @@
 // Shared ground of the configuration file and fetch tests: a settings store of the test's own over a
-// fresh root directory, the log beside it, complete base information so that the fetch never waits, and the configuration endpoint aimed
-// at a loopback port where nothing listens unless the test starts a collector.
+// fresh root directory, the log beside it, complete base information so that the fetch never
+// waits, and the configuration endpoint aimed at a loopback port where nothing listens unless the
+// test starts a collector.
 #ifndef VELTO_TEST_CONFIG_FIXTURE_H
 #define VELTO_TEST_CONFIG_FIXTURE_H
 
