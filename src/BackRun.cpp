@@ -679,7 +679,9 @@ void DeliveryLoop::drop_collected(bool again) {
     pending_count_ = pending_bytes_ = 0;
     batch_count_ = batch_bytes_ = 0;
     msg_.forget();
-    erase_collected_files(conf_.get_str("ROOT_DIR"));
+    const std::string root = conf_.get_str("ROOT_DIR");
+    MsgFile::erase_files(root);
+    erase_collected_files(root);
     dropped_round_ = round;
     note_consent_honoured(round);
 }

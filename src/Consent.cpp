@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cstdio>
 
-#include "MsgFile.h"
 #include "OsApi.h"
 
 namespace Velto {
@@ -60,7 +59,6 @@ bool keep_consent_choice(const std::string& root, bool declined) {
 
 void erase_collected_files(const std::string& root) {
     if (root.empty()) return;
-    MsgFile::erase_files(root);
     for (const char* name : kCollectedNames) std::remove((root + name).c_str());
 }
 

@@ -21,9 +21,9 @@ unsigned consent_honoured();
 bool consent_marker_present(const std::string& root);
 // Writes the marker (declined) or removes it; false when that could not be done.
 bool keep_consent_choice(const std::string& root, bool declined);
-// Deletes every file of collected data under root: the message file, its journals, the set-aside
-// batches, the configuration, the debug report, the log's upload copy and the probe. The log
-// "sdk.log" and the marker stay; so does "sdk.lock", which other processes may hold.
+// Deletes the files of collected data under root beside the message store's own (which
+// MsgFile::erase_files deletes): the configuration, the debug report, the log's upload copy and the
+// probe. The log "sdk.log" and the marker stay; so does "sdk.lock", which other processes may hold.
 void erase_collected_files(const std::string& root);
 
 }  // namespace Velto

@@ -859,6 +859,7 @@ void MsgFile::forget() {
 }
 
 void MsgFile::erase_files(const std::string& root) {
+    if (root.empty()) return;
     const int lock_fd = open_own_file(root + kLockName, O_RDWR);
     while (lock_fd >= 0 && ::flock(lock_fd, LOCK_EX) != 0 && errno == EINTR) {
     }

@@ -80,7 +80,7 @@ class MsgFile {
     // The user declined: the lines not yet written are dropped and the file is closed unwritten.
     void forget();
     // Deletes "sdk.msg", its journals and every set-aside batch under root, under the root's lock
-    // held exclusively (a lock of its own, so that any thread may call it).
+    // held exclusively (a lock of its own, so that any thread may call it); nothing for an empty root.
     static void erase_files(const std::string& root);
     bool is_open() const { return fd_ >= 0; }
     bool has_unwritten() const { return !unwritten_.empty(); }

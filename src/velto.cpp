@@ -345,6 +345,7 @@ void erase_collected(const std::string& root) REQUIRES(api_m) {
     const unsigned round = Velto::consent_round();
     while (!Cache::obj_->get().empty()) {
     }
+    Velto::MsgFile::erase_files(root);
     Velto::erase_collected_files(root);
     Velto::doorbell().ring();
     const auto end = std::chrono::steady_clock::now() + kConsentBound;
