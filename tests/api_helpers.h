@@ -44,6 +44,17 @@ inline void park_background() {
     drain();
 }
 
+// Waits (bounded) until the background thread has ended.
+inline void wait_stopped() {
+    ASSERT_TRUE(vtest::wait_until([] { return Velto::g_back_run.stop_flag() == 0; }, 30000));
+}
+
+// data_stop, then the thread's end: whatever it would still write or send is written or sent.
+inline void stop_and_wait() {
+    data_stop();
+    wait_stopped();
+}
+
 // data_init and data_base_info, then the queue belongs to the test.
 inline void start(const std::string& root) {
     ASSERT_EQ(0, data_init(root.c_str(), "brand"));

@@ -23,11 +23,14 @@
 
 #include "Cache.h"
 #include "DebugReport.h"
+#include "api_helpers.h"
 #include "delivery.h"
 #include "velto.h"
 
 namespace {
 
+using apitest::stop_and_wait;
+using apitest::wait_stopped;
 using vcollect::RawMode;
 using vcollect::RawServer;
 using Velto::Config;
@@ -126,18 +129,7 @@ void start(const RawServer& server, const std::string& root, const Velto::StrMap
     ASSERT_TRUE(server.ok());
     vtest::write_conf(root, server.url(), changes);
     ASSERT_EQ(0, data_init(root.c_str(), "brand"));
-    ASSERT_EQ(
-        0, data_base_info("tid1", 42, "1.0", 8, "uip1", "en", "mac", "10.15", 64, "en-US", 0, "src", "u1"));
-}
-
-// Waits (bounded) until the loop has really ended.
-void wait_stopped() {
-    ASSERT_TRUE(vtest::wait_until([] { return Velto::g_back_run.stop_flag() == 0; }, kWaitMs));
-}
-
-void stop_and_wait() {
-    data_stop();
-    wait_stopped();
+    ASSERT_EQ(0, apitest::give_base_info());
 }
 
 // The records of a message file (or a set-aside one): "<10-digit time>,<fencode>" per line.

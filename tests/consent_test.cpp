@@ -13,6 +13,7 @@
 namespace {
 
 using apitest::give_base_info;
+using apitest::stop_and_wait;
 using vcollect::RawMode;
 using vcollect::RawServer;
 
@@ -37,12 +38,6 @@ void plant_old_records(const std::string& root) {
     vtest::write_file(root + "/sdk.msg", vtest::msg_line(now, "{\"old\":\"in the file\"}"));
     vtest::write_file(root + "/MSG_PRE_{00000000000000000000000000000001}" + std::to_string(now),
                       vtest::msg_line(now, "{\"old\":\"set aside\"}"));
-}
-
-// data_stop, then the background thread's end: whatever it would still send has been sent.
-void stop_and_wait() {
-    data_stop();
-    ASSERT_TRUE(vtest::wait_until([] { return Velto::g_back_run.stop_flag() == 0; }, 20000));
 }
 
 TEST(Consent, RefusedBeforeInitNothingLeavesOrStays) {
