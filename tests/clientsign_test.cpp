@@ -235,61 +235,35 @@ std::string nested_xml(int depth) {
 
 struct PrefsCase {
     const char* name;
-    std::string (*bytes)();
+    std::string bytes;
     const char* did;  // nullptr: a fresh id
 };
 
-const PrefsCase kPrefsCases[] = {
-    {"StoredIdCleaned",
-     [] { return xml_plist("<dict><key>client ID</key><string>my id\xC3\xA9xyz1</string></dict>"); },
-     "{my0id00xyz1}"},
-    {"BinaryFile",
-     [] {
-         return binary_dict({{"client ID", "{binary-id-01}"}, {"x", "y"}});
-     },
-     "{binary-id-01}"},
-    {"ShallowNestingKept",
-     [] {
-         return xml_plist(
-             "<dict><key>a</key><array><dict/><array><dict><key>b</key><true/></dict></array></array>"
-             "<key>client ID</key><string>{shallow-id-1}</string></dict>");
-     },
-     "{shallow-id-1}"},
-    {"NulInsideId",
-     [] {
-         return xml_plist(std::string("<dict><key>client ID</key><string>0123") + '\0' +
-                          "456789abc</string></dict>");
-     },
-     nullptr},
-    {"IntegerId", [] { return xml_plist("<dict><key>client ID</key><integer>12345678901</integer></dict>"); },
-     nullptr},
-    {"DictionaryId",
-     [] {
-         return xml_plist(
-             "<dict><key>client ID</key><dict><key>a</key><string>0123456789</string></dict></dict>");
-     },
-     nullptr},
-    {"RootIsArray",
-     [] { return xml_plist("<array><string>client ID</string><string>0123456789</string></array>"); },
-     nullptr},
-    {"TruncatedXml", [] { return std::string(kXmlHead) + "<dict><key>client ID</key><string>0123"; },
-     nullptr},
-    {"BinaryJunk", [] { return std::string("\x00\xff\x13\x37junk\x80\x81", 10); }, nullptr},
-    {"BinaryHeaderJunkTable", [] { return "bplist00" + std::string(40, '\xEE'); }, nullptr},
-    {"OverOneMiB",
-     [] {
-         return xml_plist("<dict><key>client ID</key><string>{too-large-1}</string><key>pad</key><string>" +
-                          std::string(1 << 20, 'p') + "</string></dict>");
-     },
-     nullptr},
-    {"XmlNested65000Deep", [] { return nested_xml(65000); }, nullptr},
-    {"BinaryNested100000Deep", [] { return binary_chain(100000, false); }, nullptr},
-    {"BinaryCycle", [] { return binary_chain(3, true); }, nullptr},
-};
-
-void PrintTo(const PrefsCase& c, std::ostream* os) {
-    *os << c.name;
+std::string id_plist(const std::string& value) {
+    return xml_plist("<dict><key>client ID</key>" + value + "</dict>");
 }
+
+const PrefsCase kPrefsCases[] = {
+    {"StoredIdCleaned", id_plist("<string>my id\xC3\xA9xyz1</string>"), "{my0id00xyz1}"},
+    {"BinaryFile", binary_dict({{"client ID", "{binary-id-01}"}, {"x", "y"}}), "{binary-id-01}"},
+    {"ShallowNestingKept",
+     xml_plist("<dict><key>a</key><array><dict/><array><dict><key>b</key><true/></dict></array></array>"
+               "<key>client ID</key><string>{shallow-id-1}</string></dict>"),
+     "{shallow-id-1}"},
+    {"NulInsideId", id_plist(std::string("<string>0123") + '\0' + "456789abc</string>"), nullptr},
+    {"IntegerId", id_plist("<integer>12345678901</integer>"), nullptr},
+    {"DictionaryId", id_plist("<dict><key>a</key><string>0123456789</string></dict>"), nullptr},
+    {"RootIsArray", xml_plist("<array><string>client ID</string><string>0123456789</string></array>"), nullptr},
+    {"TruncatedXml", std::string(kXmlHead) + "<dict><key>client ID</key><string>0123", nullptr},
+    {"BinaryJunk", std::string("\x00\xff\x13\x37junk\x80\x81", 10), nullptr},
+    {"BinaryHeaderJunkTable", "bplist00" + std::string(40, '\xEE'), nullptr},
+    {"OverOneMiB",
+     id_plist("<string>{too-large-1}</string><key>pad</key><string>" + std::string(1 << 20, 'p') + "</string>"),
+     nullptr},
+    {"XmlNested65000Deep", nested_xml(65000), nullptr},
+    {"BinaryNested100000Deep", binary_chain(100000, false), nullptr},
+    {"BinaryCycle", binary_chain(3, true), nullptr},
+};
 
 // Whatever the preferences file holds, data_init succeeds; an id that cannot be read cleanly gives a
 // fresh one, which the file then holds. Each case is one process.
@@ -299,7 +273,7 @@ TEST_P(PrefsFile, DataInitGetsUsableId) {
     const PrefsCase& c = GetParam();
     RUN_SCENARIO({
         const std::string home = getenv("HOME");
-        write_prefs(home, c.bytes());
+        write_prefs(home, c.bytes);
         ASSERT_EQ(0, init_on_small_stack(root));
         const std::string did = Velto::g_base_info["did"];
         if (c.did) {

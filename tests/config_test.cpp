@@ -1,16 +1,16 @@
 // Tests of the settings store: typed reads, switches, the counter, the built-in defaults and the
-// configuration endpoint seam.
+// configuration endpoint taken from the environment.
 #include "Config.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <climits>
 #include <string>
 
 using Velto::Config;
 
-TEST(ConfigStore, ReadsWritesSwitchesAndCounter) {
+// Integers read as far as they go, from a leading run of digits.
+TEST(ConfigStore, IntegerReads) {
     Config conf;
     conf.init_mutex();
     const std::pair<const char*, long long> ints[] = {
@@ -20,22 +20,26 @@ TEST(ConfigStore, ReadsWritesSwitchesAndCounter) {
         EXPECT_EQ(c.second, conf.get_int("K")) << c.first;
     }
     EXPECT_EQ(0, conf.get_int("ABSENT"));
-    EXPECT_EQ("", conf.get_str("ABSENT"));
-    EXPECT_FALSE(conf.on("ABSENT"));
     EXPECT_FALSE(conf.has("ABSENT"));  // reading does not create the key
-    conf.set("", "x");
-    conf.set("", 5);
-    EXPECT_EQ(1u, conf.snapshot().size());
-    conf.set("N", LLONG_MIN);
-    EXPECT_EQ("-9223372036854775808", conf.get_str("N"));
+}
 
+// A switch is on only for "on" in any case, nothing else.
+TEST(ConfigStore, SwitchIsOnOnlyForOn) {
+    Config conf;
+    conf.init_mutex();
     const std::pair<const char*, bool> switches[] = {{"on", true}, {"On", true},   {"ON", true},
                                                      {"1", false}, {"YES", false}, {" ON", false}};
     for (const auto& c : switches) {
         conf.set("SW", c.first);
         EXPECT_EQ(c.second, conf.on("SW")) << c.first;
     }
+    EXPECT_FALSE(conf.on("ABSENT"));
+}
 
+// The error counter counts only once it is set.
+TEST(ConfigStore, CounterCountsOnlyOnceSet) {
+    Config conf;
+    conf.init_mutex();
     EXPECT_EQ(0, conf.ins("LOGERR_NUM"));
     EXPECT_FALSE(conf.has("LOGERR_NUM"));
     conf.set("LOGERR_NUM", 41);
@@ -50,8 +54,8 @@ TEST(ConfigStore, DefaultsKeepOtherKeysAndPassTheirOwnRules) {
     for (const char* key : {"ROOT_DIR", "TID", "data_event", "SEND_GAP"}) conf.set(key, "x");
     EXPECT_EQ(0, conf.load_default());
     for (const char* key : {"ROOT_DIR", "TID", "data_event"}) EXPECT_EQ("x", conf.get_str(key)) << key;
+    EXPECT_NE("x", conf.get_str("SEND_GAP"));
     const Velto::StrMap defaults = conf.snapshot();
-    EXPECT_EQ(26u, defaults.size());                 // 23 defaults and the three kept keys
     const std::string text = conf.save_conf(false);  // as the file would hold them
     for (const auto& kv : defaults) {
         if (!kv.second.empty() && kv.second != "x") conf.set(kv.first, "junk");
@@ -80,11 +84,4 @@ TEST(ConfigEndpoint, EnvironmentHostOnlyWhenWellFormed) {
         Velto::set_conf_endpoint_host("");
     }
     unsetenv("VELTO_COLLECT_HOST");
-}
-
-TEST(ConfigEndpoint, BuiltInUnlessATestAimsIt) {
-    Velto::set_conf_endpoint_host("127.0.0.1:43210");
-    EXPECT_EQ("https://127.0.0.1:43210/v1/conf", Velto::conf_endpoint());
-    Velto::set_conf_endpoint_host("");
-    EXPECT_EQ(std::string("https://") + VELTO_COLLECT_HOST + "/v1/conf", Velto::conf_endpoint());
 }

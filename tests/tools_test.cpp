@@ -131,12 +131,20 @@ TEST(VeltoDecode, ReportsDamagedLinesByNumberAndCarriesOn) {
 
 // ---- velto-collector ----
 
-sockaddr_in loopback(int port) {
+// A socket connected to port on 127.0.0.1 (-1 when refused), its reads bounded by timeout_ms.
+int connect_loopback(int port, int timeout_ms) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<uint16_t>(port));
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return addr;
+    const timeval limit{timeout_ms / 1000, timeout_ms % 1000 * 1000};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        close(fd);
+        fd = -1;
+    }
+    return fd;
 }
 
 class CollectorTest : public ::testing::Test {
@@ -217,15 +225,11 @@ std::string json_at(const std::string& json, const std::string& path) {
 
 // Writes bytes to a fresh connection and reads (bounded) until the server closes it.
 void send_raw(int port, const std::string& bytes) {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr = loopback(port);
-    timeval limit{5, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) {
-        send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        shutdown(fd, SHUT_WR);
-        for (char buf[512]; recv(fd, buf, sizeof buf, 0) > 0;) {
-        }
+    const int fd = connect_loopback(port, 5000);
+    if (fd < 0) return;
+    send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    shutdown(fd, SHUT_WR);
+    for (char buf[512]; recv(fd, buf, sizeof buf, 0) > 0;) {
     }
     close(fd);
 }
@@ -492,13 +496,9 @@ TEST_F(CollectorTest, ApiFiltersCountsRepeatsAndEscapesEveryLabel) {
 // A GET /api/stream connection, read through a raw socket.
 class EventStream {
   public:
-    explicit EventStream(int port) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
-        sockaddr_in addr = loopback(port);
-        timeval limit{0, 100000};
-        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    explicit EventStream(int port) : fd_(connect_loopback(port, 100)) {
         const std::string request = "GET /api/stream HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
-        if (connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0)
-            send(fd_, request.data(), request.size(), MSG_NOSIGNAL);
+        send(fd_, request.data(), request.size(), MSG_NOSIGNAL);
     }
     ~EventStream() { close(fd_); }
     // Waits (bounded) until text has arrived, or with text "" until the server closed the stream.
@@ -647,9 +647,8 @@ TEST_F(CollectorTest, UploadsFlowWhileTwoHundredSlowConnectionsAreOpen) {
     start({"--request-timeout", "2"});
     std::vector<int> silent, trickling;
     for (int i = 0; i < 200; ++i) {
-        const int fd = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr = loopback(i % 2 ? https_port_ : http_port_);
-        ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+        const int fd = connect_loopback(i % 2 ? https_port_ : http_port_, 5000);
+        ASSERT_GE(fd, 0);
         (i % 4 < 2 ? silent : trickling).push_back(fd);
     }
     // A handshake record that announces 16 KB, or a request whose header never ends.

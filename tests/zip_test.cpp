@@ -1,7 +1,6 @@
 // Tests of the payload envelope: Base64 (against OpenSSL and against the decoders' documented rules
-// on odd input), the padding rule checked by deciphering with OpenSSL under the built-in key and IV,
-// whole envelopes rebuilt with OpenSSL, fencode/fdecode and their stripping rule, zlib, and use from
-// several threads. Arbitrary bytes into the decoders are the envelope fuzz target's part.
+// on odd input), whole envelopes rebuilt with OpenSSL under the built-in key and IV, fencode/fdecode
+// and their stripping rule, zlib, and use from several threads. Arbitrary bytes into the decoders are the envelope fuzz target's part.
 #include "Zip.h"
 
 #include <gtest/gtest.h>
@@ -32,19 +31,6 @@ std::string random_text(std::mt19937& rng, size_t n, int lo = 0x20, int hi = 0x7
     std::string s(n, ' ');
     for (auto& c : s) c = char(lo + int(rng() % unsigned(hi - lo + 1)));
     return s;
-}
-
-Bytes openssl_decipher(const Bytes& in) {
-    EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
-    Bytes out(in.size() + 16);
-    int n = 0, tail = 0;
-    EXPECT_EQ(1, EVP_DecryptInit_ex(ctx, EVP_aes_256_cbc(), nullptr, kKey, kIv));
-    EVP_CIPHER_CTX_set_padding(ctx, 0);
-    EXPECT_EQ(1, EVP_DecryptUpdate(ctx, out.data(), &n, in.data(), int(in.size())));
-    EXPECT_EQ(1, EVP_DecryptFinal_ex(ctx, out.data() + n, &tail));
-    EVP_CIPHER_CTX_free(ctx);
-    out.resize(size_t(n + tail));
-    return out;
 }
 
 // The envelope built with OpenSSL alone: padding, AES-256-CBC, EVP_EncodeBlock.
@@ -94,31 +80,6 @@ std::string aes_encode(const std::string& plain) {
 
 }  // namespace
 
-// n plain bytes become ceil(n / 16) blocks, never an extra one: 16 bytes give 24 Base64 characters
-// ending "==", 17 give 44. The padding bytes all hold 16 - n % 16, as OpenSSL shows.
-TEST(Zip, EnvelopePadsToWholeBlocksOnly) {
-    std::mt19937 rng(21);
-    for (size_t len = 1; len <= 64; len++) {
-        const std::string plain = random_text(rng, len, 0, 255), text = aes_encode(plain);
-        const size_t n = (len + 15) / 16 * 16;
-        EXPECT_EQ((n + 2) / 3 * 4, text.size()) << len;
-        EXPECT_EQ(std::string((3 - n % 3) % 3, '='), text.substr(text.find_last_not_of('=') + 1)) << len;
-        Bytes wire(text.size());
-        wire.resize(size_t(Velto::base64_decode(text.c_str(), wire.data())));
-        ASSERT_EQ(n, wire.size()) << len;
-
-        Bytes raw(n);
-        int raw_len = 0;
-        ASSERT_EQ(0, Velto::AES_Encode2(uc(plain), int(len), raw.data(), raw_len));
-        EXPECT_EQ(int(n), raw_len);
-        EXPECT_EQ(wire, raw) << len;
-
-        const Bytes clear = openssl_decipher(wire);
-        EXPECT_EQ(plain, std::string(clear.begin(), clear.begin() + long(len)));
-        for (size_t i = len; i < n; i++) EXPECT_EQ(16 - len % 16, clear[i]) << len;
-    }
-}
-
 TEST(Zip, BadOrEmptyArguments) {
     unsigned char buf[64];
     int out_len = 0;
@@ -133,18 +94,6 @@ TEST(Zip, BadOrEmptyArguments) {
     EXPECT_EQ("", Velto::Util::fencode(nullptr, 5));
     EXPECT_EQ("", Velto::Util::fdecode(std::string()));
     EXPECT_EQ("", Velto::base64_encode(uc("abc"), 0));
-}
-
-TEST(Zip, FdecodeReversesFencode) {
-    std::mt19937 rng(22);
-    for (const std::string& plain :
-         {std::string("A"), std::string(16, 'q'), std::string(17, 'r'), random_text(rng, 600),
-          std::string("{\"k\":\"\\u00e9 tab\there\"}x\x10")}) {
-        const std::string token = Velto::Util::fencode(plain);
-        EXPECT_EQ(token, Velto::Util::fencode(plain.data(), (long long)plain.size()));
-        EXPECT_EQ(token.find_first_not_of(Velto::base64_chars + "="), std::string::npos);
-        EXPECT_EQ(plain, Velto::Util::fdecode(token));
-    }
 }
 
 TEST(Zip, FdecodeStripsTrailingBytesThatReadAsSmallSignedChars) {
@@ -167,23 +116,6 @@ TEST(Zip, FdecodeThrowsWhenTheDecodedLengthIsNotWholeBlocks) {
     unsigned char out[8] = {1};
     EXPECT_THROW(Velto::AES_Decode("", out), std::exception);
     EXPECT_EQ(0, out[0]);
-}
-
-TEST(Zip, Base64KnownAnswers) {
-    const std::pair<std::string, std::string> rfc[] = {{"f", "Zg=="},          {"fo", "Zm8="},
-                                                       {"foo", "Zm9v"},        {"foob", "Zm9vYg=="},
-                                                       {"foobar", "Zm9vYmFy"}, {"", ""}};
-    for (const auto& c : rfc) {
-        EXPECT_EQ(c.second, Velto::base64_encode(uc(c.first), unsigned(c.first.size())));
-        unsigned char out[8] = {0};
-        ASSERT_EQ(int(c.first.size()), Velto::base64_decode(c.second.c_str(), out)) << c.second;
-        EXPECT_EQ(c.first, std::string(reinterpret_cast<char*>(out), c.first.size()));
-    }
-    // The tolerant form keeps the whole groups before the first "=" or foreign byte.
-    EXPECT_EQ("foobar", Velto::base64_decode(std::string("Zm9vYmFy")));
-    EXPECT_EQ("foo", Velto::base64_decode(std::string("Zm9vYg==")));
-    EXPECT_EQ("foo", Velto::base64_decode(std::string("Zm9v\nYmFy")));
-    EXPECT_EQ("", Velto::base64_decode(std::string("Zm9")));
 }
 
 TEST(Zip, ZipRoundTripsAndRespectsCapacities) {
@@ -209,8 +141,8 @@ TEST(Zip, ZipRoundTripsAndRespectsCapacities) {
 }
 
 // Every length up to a few hundred bytes (the encoder works in pieces of several blocks) and a few
-// large ones: AES_Encode, AES_Encode2 and fencode give exactly the envelope OpenSSL builds, and the
-// decoders take it back.
+// large ones: AES_Encode, AES_Encode2 and fencode give exactly the envelope OpenSSL builds (whole
+// blocks only, never an extra one, padded with 16 - n % 16), and the decoders take it back.
 TEST(Zip, EnvelopeMatchesOneBuiltWithOpenSsl) {
     std::mt19937 rng(23);
     std::vector<size_t> lengths;
@@ -220,6 +152,7 @@ TEST(Zip, EnvelopeMatchesOneBuiltWithOpenSsl) {
         const std::string plain = random_text(rng, len, 0, 255), expected = openssl_envelope(plain);
         ASSERT_EQ(expected, aes_encode(plain)) << len;
         ASSERT_EQ(expected, Velto::Util::fencode(plain)) << len;
+        ASSERT_EQ(expected, Velto::Util::fencode(plain.data(), (long long)len)) << len;
         Bytes raw(len + 16);
         int raw_len = 0;
         ASSERT_EQ(0, Velto::AES_Encode2(uc(plain), int(len), raw.data(), raw_len));

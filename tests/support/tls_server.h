@@ -29,8 +29,6 @@ struct TlsRequest {
 
 class TlsServer {
   public:
-    static const char* const kPaths[3];  // "/v1/data", "/v1/file", "/v1/conf"
-
     TlsServer();
     ~TlsServer();
     TlsServer(const TlsServer&) = delete;
