@@ -57,12 +57,8 @@ def record_host(root, records):
 
 def free_ports(n):
     socks = [socket.socket() for _ in range(n)]
-    for s in socks:
-        s.bind(("127.0.0.1", 0))
-    ports = [s.getsockname()[1] for s in socks]
-    for s in socks:
-        s.close()
-    return ports
+    ports = [s.bind(("127.0.0.1", 0)) or s.getsockname()[1] for s in socks]
+    return [s.close() or p for s, p in zip(socks, ports)]
 
 
 class CollectorPage(unittest.TestCase):
@@ -100,12 +96,9 @@ class CollectorPage(unittest.TestCase):
         except subprocess.TimeoutExpired:
             self.collector.kill()
         self.log.close()
-        print("--- collector output:\n" + self.output())  # CTest shows it when the test fails
-        shutil.rmtree(self.dir, ignore_errors=True)
-
-    def output(self):
         with open(os.path.join(self.dir, "collector.log"), errors="replace") as f:
-            return f.read()
+            print("--- collector output:\n" + f.read())  # CTest shows it when the test fails
+        shutil.rmtree(self.dir, ignore_errors=True)
 
     def url(self, path):
         return "http://127.0.0.1:%d%s" % (self.http_port, path)
@@ -155,18 +148,16 @@ class CollectorPage(unittest.TestCase):
             box.send_keys(value)
             self.driver.find_element(By.ID, "filter-apply").click()
 
-    def run_host(self, *records):
+    def run_program(self, *command):
+        """Runs a program that uses the library (the root directory appended) in a home of its own."""
         home = os.path.join(self.dir, "home-%d" % time.monotonic_ns())
-        env = dict(os.environ, HOME=home, VELTO_COLLECT_HOST="127.0.0.1:%d" % self.https_port)
-        subprocess.run([sys.executable, __file__, BUILD, LIBRARY, "--host", home + "/root",
-                        json.dumps(records)], env=env, timeout=90, check=True)
-
-    def run_demo(self):
-        home = os.path.join(self.dir, "demo-home")
         os.makedirs(home)
         env = dict(os.environ, HOME=home, VELTO_COLLECT_HOST="127.0.0.1:%d" % self.https_port)
-        subprocess.run([BUILD + "/examples/velto-demo", home + "/root"], env=env, timeout=90, check=True,
+        subprocess.run(list(command) + [home + "/root"], env=env, timeout=90, check=True,
                        stdout=subprocess.DEVNULL)
+
+    def run_host(self, *records):
+        self.run_program(sys.executable, __file__, BUILD, LIBRARY, json.dumps(records), "--host")
 
     def check_chart(self, query):
         """The chart's bars: per minute and kind, the records the API lists for the filter."""
@@ -239,7 +230,7 @@ class CollectorPage(unittest.TestCase):
         self.assertEqual(["open", "save"], self.settle(lambda: self.rows("label"), ["open", "save"]))
 
         # Live records obey the filter: of the demo's records only its events join the table.
-        self.run_demo()
+        self.run_program(BUILD + "/examples/velto-demo")
         events = self.api_ids("kind=event")
         self.assertEqual(events, self.settle(lambda: self.rows("id"), events))
         self.assertLess(2, len(events))  # the first run's two, and the demo's
@@ -275,7 +266,7 @@ class CollectorPage(unittest.TestCase):
 
 if __name__ == "__main__":
     if "--host" in sys.argv:
-        sys.exit(record_host(sys.argv[4], json.loads(sys.argv[5])))
+        sys.exit(record_host(sys.argv[5], json.loads(sys.argv[3])))
     try:
         from selenium import webdriver
         from selenium.webdriver.chrome.service import Service

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "Result.h"
 #include "config_fixture.h"
 
 using Velto::Config;
@@ -146,7 +147,7 @@ TEST_F(ConfFile, DataRangeSwitchesKindsOffForGood) {
 
 TEST_F(ConfFile, InitPathsWithoutServer) {
     // Missing file: created empty, and the fetch (which finds no server) is stamped and reported.
-    EXPECT_EQ(204, conf_.init_conf());
+    EXPECT_EQ(Velto::RES_SVR_REJECT, conf_.init_conf());
     EXPECT_EQ(0, vtest::file_size(cf_path()));
     EXPECT_NEAR(Velto::os_time(), conf_.get_int("CONF_UPD_TIME"), 5);
     EXPECT_TRUE(logged("update conf from svr"));
@@ -166,9 +167,9 @@ TEST_F(ConfFile, InitPathsWithoutServer) {
     big.set("CONF_URL", std::string(800 * 1024, 'u'));
     vtest::write_file(cf_path(), fencode(big.save_conf(false)));
     ASSERT_GT(vtest::file_size(cf_path()), 1 << 20);
-    EXPECT_EQ(204, conf_.init_conf());
+    EXPECT_EQ(Velto::RES_SVR_REJECT, conf_.init_conf());
 
     conf_.set("ROOT_DIR", root() + "missing/");
-    EXPECT_EQ(203, conf_.init_conf());
+    EXPECT_EQ(Velto::RES_FILE_OPEN, conf_.init_conf());
     EXPECT_TRUE(logged("to open: " + root() + "missing/sdk.cf, errno: 2"));
 }

@@ -26,13 +26,10 @@ const char kRecord[] = "{\"dtype\":\"event\",\"category\":\"c\"}";
 const char k5xx[] =
     "HTTP/1.1 500 Internal Server Error\r\nContent-Type: application/json\r\nContent-Length: 12\r\n"
     "Connection: close\r\n\r\n{\"status\":0}";
-
 // A 200 reply that a client waiting long enough takes as a success: its status-0 body comes last,
 // after some hundred bytes of padding.
-std::string padded_success() {
-    const std::string body = std::string(400, ' ') + "{\"status\":0}";
-    return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-}
+const std::string kPaddedSuccess =
+    "HTTP/1.1 200 OK\r\nContent-Length: 412\r\n\r\n" + std::string(400, ' ') + "{\"status\":0}";
 
 std::string noise() {
     std::mt19937 rng(11);
@@ -60,7 +57,7 @@ TEST_P(Deadline, EveryTransferEndsByItsDeadline) {
     Velto::Config::obj_->set("CON_TIMEOUT", timeout);
     const long long deadline_ms = std::max(1000, 2 * timeout);
 
-    RawServer silent(RawMode::kSilent), drip(RawMode::kDripFeed, padded_success()),
+    RawServer silent(RawMode::kSilent), drip(RawMode::kDripFeed, kPaddedSuccess),
         garbage(RawMode::kRawBytes, noise()), error(RawMode::kRawBytes, k5xx), handshake(RawMode::kSilent),
         slow(RawMode::kDelayedReply);
     vcollect::TlsServer slow_tls;
@@ -170,14 +167,6 @@ size_t events_in(const std::string& path) {
     return n;
 }
 
-// The last lines of a log, without the record calls' own lines.
-std::string tail(const std::string& log) {
-    std::string out;
-    for (const std::string& line : vtest::lines_of(log))
-        if (!has(line, ") event")) out += line + "\n";
-    return out.substr(out.size() > 3000 ? out.size() - 3000 : 0);
-}
-
 // Starts the library on a saved configuration uploading to url, waits until the server holds the
 // loop's connection, records the events and expects them in the file while the connection is held.
 void record_while_held(const std::string& root, const RawServer& holder, const std::string& url,
@@ -193,8 +182,7 @@ void record_while_held(const std::string& root, const RawServer& holder, const s
     for (int i = 0; i < kEvents; ++i)
         ASSERT_EQ(0, data_event(("e" + std::to_string(i)).c_str(), "act", nullptr, 0));
     EXPECT_TRUE(vtest::wait_until([&] { return events_in(root + "/sdk.msg") == kEvents; }, 3000))
-        << events_in(root + "/sdk.msg") << " events in the file; the log ends:\n"
-        << tail(vtest::read_file(root + "/sdk.log"));
+        << events_in(root + "/sdk.msg") << " events in the file";
     EXPECT_EQ(1u, holder.connections());
     EXPECT_EQ(1u, holder.open_connections());
 }

@@ -1,6 +1,7 @@
 // Tests of the Rijndael cipher: standard vectors, OpenSSL as a second implementation for AES, round
 // trips for the 24- and 32-byte blocks OpenSSL lacks, the AES-instruction path against the table path,
-// the caller-chain CBC calls (also shared between threads), and the failure rules.
+// the caller-chain CBC calls and the failure rules. Use from several threads is checked through the
+// envelope (zip_test).
 #include "Rijndael.h"
 
 #include <gtest/gtest.h>
@@ -10,8 +11,6 @@
 #include <exception>
 #include <random>
 #include <string>
-#include <thread>
-#include <vector>
 
 using Velto::CRijndael;
 using Bytes = std::string;  // raw bytes
@@ -244,33 +243,5 @@ TEST(Rijndael, CallerChainCbcContinuesAndLeavesTheObjectChain) {
         char out[16];
         EXPECT_THROW(r.EncryptCbc(plain.data(), out, 15, &Bytes(iv)[0]), std::exception);
         EXPECT_THROW(CRijndael().DecryptCbc(plain.data(), out, 16, &Bytes(iv)[0]), std::exception);
-    }
-}
-
-// One keyed object, several threads, each with its own chain (as the envelope uses it): every
-// thread gets the single-threaded bytes. Run under ThreadSanitizer this also shows no shared writes.
-TEST(Rijndael, KeyedObjectServesThreadsWithTheirOwnChains) {
-    std::mt19937 rng(17);
-    const Bytes key = random_bytes(rng, 32), iv = random_bytes(rng, 16), plain = random_bytes(rng, 16 * 50);
-    const Bytes expected = keyed_run(key, iv, true, plain, CRijndael::CBC);
-    for (bool tables : {false, true}) {
-        CRijndael shared;
-        shared.UseTablesOnly(tables);
-        shared.MakeKey(key.data(), iv.data(), 32, 16);
-        const CRijndael& r = shared;
-        std::vector<int> ok(4, 0);
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 4; t++) {
-            threads.emplace_back([&, t] {
-                for (int i = 0; i < 50; i++) {
-                    Bytes enc(plain.size(), 0), dec(plain.size(), 0), c1 = iv, c2 = iv;
-                    r.EncryptCbc(plain.data(), &enc[0], plain.size(), &c1[0]);
-                    r.DecryptCbc(enc.data(), &dec[0], enc.size(), &c2[0]);
-                    ok[size_t(t)] += enc == expected && dec == plain;
-                }
-            });
-        }
-        for (auto& th : threads) th.join();
-        for (int n : ok) EXPECT_EQ(50, n) << tables;
     }
 }

@@ -199,7 +199,8 @@ TEST(Zip, Base64MatchesOpenSslAndTheDecodersKeepTheirRulesOnOddInput) {
 }
 
 // The envelope from several threads at once (the background loop and host threads do this); each
-// result must be the single-threaded one. Under ThreadSanitizer this checks the shared cipher.
+// result must be the single-threaded one. Under ThreadSanitizer this checks the shared keyed cipher,
+// each thread running its own chain.
 TEST(Zip, EnvelopeFromSeveralThreads) {
     std::mt19937 rng(25);
     std::vector<std::string> plains, tokens;
