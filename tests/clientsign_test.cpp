@@ -3,7 +3,6 @@
 // damaged or hostile preferences files.
 #include "ClientSign.h"
 
-#include <ctype.h>
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 #include <pthread.h>
@@ -12,6 +11,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
+#include <regex>
 #include <vector>
 
 #include "BaseInfo.h"
@@ -47,12 +47,7 @@ class FakeLeaves : public ClientIdLeaves {
 
 // An upper-case textual UUID: 8-4-4-4-12 hexadecimal digits.
 bool is_upper_uuid(const std::string& s) {
-    if (s.size() != 36) return false;
-    for (size_t i = 0; i < s.size(); ++i) {
-        bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-        if (dash ? s[i] != '-' : !isxdigit(static_cast<unsigned char>(s[i])) || islower(s[i])) return false;
-    }
-    return true;
+    return std::regex_match(s, std::regex("[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}"));
 }
 
 const char kRandomForm[] = "{[AAAAAAAA-BBBB-CCCC-DDDD-EEEEEEEEEEEE]}";
@@ -114,19 +109,17 @@ TEST(ClientSign, WrapAndSanitize) {
     EXPECT_EQ("{", Velto::wrap_client_id("{"));
 }
 
-// The preferences file of a HOME directory.
+// The preferences directory and file of a HOME directory.
 std::string prefs_dir(const std::string& home) {
     return home + "/Library/Preferences";
 }
-std::string prefs_path(const std::string& home) {
-    return prefs_dir(home) + "/com.orvexa.helper_compact.plist";
-}
+const char kPrefsFile[] = "/com.orvexa.helper_compact.plist";
 
 typedef std::map<std::string, std::string> Prefs;
 
 // The string members of the preferences file's dictionary; {"?": content} when unreadable.
 Prefs read_prefs(const std::string& home) {
-    std::string xml = vtest::read_file(prefs_path(home));
+    std::string xml = vtest::read_file(prefs_dir(home) + kPrefsFile);
     plist_t root = nullptr;
     plist_from_memory(xml.data(), static_cast<uint32_t>(xml.size()), &root);
     if (!root || plist_get_node_type(root) != PLIST_DICT) return {{"?", xml}};
@@ -154,19 +147,16 @@ std::string xml_plist(const std::string& body) {
 
 void write_prefs(const std::string& home, const std::string& bytes) {
     std::filesystem::create_directories(prefs_dir(home));
-    vtest::write_file(prefs_path(home), bytes);
+    vtest::write_file(prefs_dir(home) + kPrefsFile, bytes);
 }
 
 // A new id is the platform UUID in braces, or the random form when the machine has none.
 void expect_new_id(const std::string& id) {
-    std::string uuid = Velto::platform_client_id_leaves().platform_uuid();
-    if (!uuid.empty()) {
-        EXPECT_EQ("{" + uuid + "}", id);
-    } else {
-        EXPECT_TRUE(id.size() == 40 && id.compare(0, 2, "{[") == 0 && id.compare(38, 2, "]}") == 0 &&
-                    is_upper_uuid(id.substr(2, 36)))
-            << id;
-    }
+    const std::string uuid = Velto::platform_client_id_leaves().platform_uuid();
+    EXPECT_TRUE(uuid.empty() ? id.size() == 40 && id.compare(0, 2, "{[") == 0 && id.compare(38, 2, "]}") == 0 &&
+                                   is_upper_uuid(id.substr(2, 36))
+                             : id == "{" + uuid + "}")
+        << id;
 }
 
 // A binary property list of n arrays, each holding the next; the last one holds the first (cyclic) or
@@ -207,22 +197,19 @@ std::string binary_dict(const Prefs& values) {
 
 // data_init on a thread with a small stack, as a host may call it from a worker thread.
 int init_on_small_stack(const std::string& root) {
-    struct Call {
-        const std::string* root;
-        int result;
-    } call = {&root, -1};
+    std::pair<const std::string*, int> call = {&root, -1};
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setstacksize(&attr, 512 * 1024);
     pthread_t thread;
     auto body = [](void* arg) -> void* {
-        Call* c = static_cast<Call*>(arg);
-        c->result = data_init(c->root->c_str(), "brand");
+        auto* c = static_cast<std::pair<const std::string*, int>*>(arg);
+        c->second = data_init(c->first->c_str(), "brand");
         return nullptr;
     };
     if (pthread_create(&thread, &attr, body, &call) == 0) pthread_join(thread, nullptr);
     pthread_attr_destroy(&attr);
-    return call.result;
+    return call.second;
 }
 
 // A dictionary holding depth nested arrays.
