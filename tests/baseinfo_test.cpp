@@ -1,5 +1,5 @@
 // The base information: data_base_info with its "init" record, its checks and its deliberate partial
-// update; the parsing of data_base_info2 lines; data_base_ext; and the store's own operations.
+// update; the parsing of data_base_info2 lines; and data_base_ext.
 #include "api_helpers.h"
 
 namespace {
@@ -126,19 +126,6 @@ TEST(BaseInfo, Extension) {
         data_stop();
         EXPECT_EQ(VELTO_STOPPED, data_base_ext("k", "v"));
     });
-}
-
-TEST(BaseInfo, StoreOperations) {
-    Velto::BaseInfo info;
-    info.init_mutex();
-    EXPECT_FALSE(info.wait(0));
-    EXPECT_FALSE(info.wait(1));
-    for (int i = 0; i < 13; ++i) info.set("k" + std::to_string(i), "v");
-    EXPECT_EQ("", info["missing"]);  // reading creates the field...
-    EXPECT_EQ(14u, info.count());    // ...which completes the store
-    EXPECT_TRUE(info.wait(30));
-    info.clear();
-    EXPECT_EQ(0u, info.count());
 }
 
 }  // namespace

@@ -96,26 +96,6 @@ void set_up_child(const std::string& root, const std::string& side, vcollect::Ra
     LOGI << "child start" << LEND;  // the log's write position is its size from here on
 }
 
-// Runs fn in a forked child; its exit code, or 128 + the signal that ended it. Killed past 60 s.
-int in_child(const std::function<void()>& fn) {
-    fflush(stdout);
-    fflush(stderr);
-    const pid_t pid = fork();
-    if (pid < 0) return -1;
-    if (pid == 0) {
-        fn();
-        fflush(stdout);
-        _exit(::testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = 0;
-    if (!vtest::wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 60000)) {
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
-        return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 // ---- what the next start finds ----
 
 // The records in "sdk.msg" after opening it as the next start does, and in every set-aside file.
@@ -220,21 +200,22 @@ std::vector<std::string> run_once(const Rewrite& rw, size_t end_at) {
     const long long now = Velto::os_time();
     prepare(root.path(), now, rw.backup);
     if (rw.alter) rw.alter(root.path(), now);
-    const int code = in_child([&] {
-        vcollect::RawServer server(vcollect::RawMode::kReply,
-                                   rw.accept ? "{\"status\":0}" : "{\"status\":1}");
-        set_up_child(root.path(), side.path(), server);
-        g_end_at = end_at;
-        Velto::set_fault_hook(&hook);
-        rw.run(now);
-        report();
-        _exit(0);
-    });
+    const bool completed = vtest::run_scenario(
+        [&](const std::string&) {
+            vcollect::RawServer server(vcollect::RawMode::kReply,
+                                       rw.accept ? "{\"status\":0}" : "{\"status\":1}");
+            set_up_child(root.path(), side.path(), server);
+            g_end_at = end_at;
+            Velto::set_fault_hook(&hook);
+            rw.run(now);
+            report();
+        },
+        60);
     const std::vector<std::string> steps = vtest::lines_of(vtest::read_file(side.file("steps")));
     if (end_at == SIZE_MAX)
-        EXPECT_EQ(0, code);
+        EXPECT_TRUE(completed);
     else
-        EXPECT_EQ(kKilled, code) << "step " << end_at << " not reached";
+        EXPECT_EQ(end_at + 1, steps.size()) << "step " << end_at << " not reached";
     expect_recoverable(root.path(), vtest::read_file(side.file("delivered")), rw.keep, rw.backup);
     return steps;
 }
@@ -280,7 +261,7 @@ enum Ops { kAppend, kTrim, kEverything };
 void run_faulty(const std::string& root, long long limit, Ops ops, bool as_nobody = false) {
     vtest::TempDir side;
     const long long now = Velto::os_time();
-    EXPECT_EQ(0, in_child([&] {
+    EXPECT_TRUE(vtest::run_scenario([&](const std::string&) {
                   vcollect::RawServer server(vcollect::RawMode::kReply, "{\"status\":1}");
                   // Permissions do not stop the super-user's writes.
                   if (as_nobody && geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(2);
@@ -300,7 +281,7 @@ void run_faulty(const std::string& root, long long limit, Ops ops, bool as_nobod
                   if (ops != kAppend) store.roll_msg(now - 100, 0, 0, g_newest);
                   if (ops == kEverything) store.process_msgs(true);
                   _exit(0);
-              }))
+              }, 60))
         << "the library crashed";
 }
 

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <list>
+#include <future>
 #include <random>
 #include <string>
 #include <thread>
@@ -37,16 +37,6 @@ std::string noise() {
     for (char& c : bytes) c = static_cast<char>(rng());
     return bytes;
 }
-
-struct Call {
-    std::string what, url;
-    bool file = false;  // send_file, else send_msg
-    bool want_ok = false;
-    int rc = -99;
-    long long ms = -1;
-    std::atomic<bool> done{false};
-    std::thread thread;
-};
 
 class Deadline : public transporttest::TransportTest, public ::testing::WithParamInterface<int> {};
 
@@ -81,44 +71,38 @@ TEST_P(Deadline, EveryTransferEndsByItsDeadline) {
         // One request only: the HTTPS collector's server library races with itself on concurrent ones.
         {"TLS reply in a quarter of the deadline", slow_tls.url(), true, {false}},
     };
-    std::list<Call> calls;
+    struct Call {
+        std::string what;
+        bool want_ok;
+        std::future<std::pair<int, long long>> result;  // the call's result and its milliseconds
+    };
+    std::vector<Call> calls;
     for (const auto& s : servers) {
         for (bool file : s.files) {
-            calls.emplace_back();
-            Call& c = calls.back();
-            c.what = std::string(s.what) + (file ? ", send_file" : ", send_msg");
-            c.url = s.base + (file ? "/v1/file" : "/v1/data");
-            c.file = file;
-            c.want_ok = s.want_ok;
+            const std::string url = s.base + (file ? "/v1/file" : "/v1/data");
+            calls.push_back({std::string(s.what) + (file ? ", send_file" : ", send_msg"), s.want_ok,
+                             std::async(std::launch::async, [url, file] {
+                                 const auto start = std::chrono::steady_clock::now();
+                                 const Velto::UploadContext ctx = transporttest::upload_context();
+                                 const int rc = file ? Velto::send_file(kRecord, url.c_str(), "a.log", ctx)
+                                                     : Velto::send_msg(kRecord, url.c_str(), "data", ctx);
+                                 return std::make_pair(rc, (long long)((std::chrono::steady_clock::now() - start) /
+                                                                       std::chrono::milliseconds(1)));
+                             })});
         }
     }
-    for (Call& c : calls) {
-        c.thread = std::thread([&c] {
-            const auto start = std::chrono::steady_clock::now();
-            c.rc = c.file ? Velto::send_file(kRecord, c.url.c_str(), "a.log", transporttest::upload_context())
-                          : Velto::send_msg(kRecord, c.url.c_str(), "data", transporttest::upload_context());
-            c.ms = (std::chrono::steady_clock::now() - start) / std::chrono::milliseconds(1);
-            c.done = true;
-        });
-    }
-    auto all_done = [&] {
-        return std::all_of(calls.begin(), calls.end(), [](const Call& c) { return c.done.load(); });
-    };
-    vtest::wait_until(all_done, static_cast<int>(deadline_ms) + kSlackMs + 500);
+    const auto hung_after = std::chrono::steady_clock::now() + std::chrono::milliseconds(deadline_ms + kSlackMs + 500);
+    for (Call& c : calls) c.result.wait_until(hung_after);
     // Calls still running are hung; closing their connections lets them return.
     for (RawServer* s : {&silent, &drip, &garbage, &error, &handshake, &slow}) s->stop();
-    if (!vtest::wait_until(all_done, 60000)) {
-        ADD_FAILURE() << "a call kept running after its server closed";
-        std::_Exit(1);
-    }
     for (Call& c : calls) {
-        c.thread.join();
-        if (c.want_ok) {
-            EXPECT_EQ(0, c.rc) << c.what;
-        } else {
-            EXPECT_NE(0, c.rc) << c.what;
+        if (c.result.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+            ADD_FAILURE() << c.what << ": the call kept running after its server closed";
+            std::_Exit(1);
         }
-        EXPECT_LE(c.ms, deadline_ms + kSlackMs) << c.what << " (CON_TIMEOUT " << timeout << ")";
+        const std::pair<int, long long> r = c.result.get();
+        EXPECT_EQ(c.want_ok, r.first == 0) << c.what << ": " << r.first;
+        EXPECT_LE(r.second, deadline_ms + kSlackMs) << c.what << " (CON_TIMEOUT " << timeout << ")";
     }
 }
 
