@@ -10,7 +10,6 @@
 #include <string>
 #include <thread>
 
-#include "MsgFile.h"
 #include "delivery.h"
 #include "transport_fixture.h"
 #include "velto.h"
@@ -107,29 +106,6 @@ TEST_P(Deadline, EveryTransferEndsByItsDeadline) {
 }
 
 INSTANTIATE_TEST_SUITE_P(ConTimeout, Deadline, ::testing::Values(1, 500, 999, 1000, 3000));
-
-// ---------------------------------------------------------------------------------------------
-
-class ErrorStatus : public vtest::CollectorFixture {};
-
-TEST_F(ErrorStatus, BatchIsKeptUntilTheServerAnswers200) {
-    server_.set_mode(RawMode::kRawBytes);
-    server_.set_reply(k5xx);
-    const long long now = Velto::os_time();
-    const std::string name = "MSG_PRE_{a}" + Velto::Util::ltoa(now);
-    vtest::write_file(file(name), vtest::msg_line(now, kRecord));
-    Velto::MsgFile store;
-    EXPECT_FALSE(store.process_msgs(false));
-    EXPECT_TRUE(vtest::file_exists(file(name)));
-
-    server_.set_mode(RawMode::kReply);
-    server_.set_reply("{\"status\":0}");
-    EXPECT_TRUE(store.process_msgs(false));
-    EXPECT_FALSE(vtest::file_exists(file(name)));
-    const auto uploads = vtest::file_uploads(server_);
-    ASSERT_EQ(2u, uploads.size());
-    EXPECT_EQ(std::string(kRecord) + "\n", uploads[1].second);
-}
 
 // ---------------------------------------------------------------------------------------------
 // Records keep reaching "sdk.msg" while the background loop waits on a server that holds its
