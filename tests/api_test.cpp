@@ -1,5 +1,5 @@
 // The exported API's lifecycle: result codes before data_init, after it and after data_stop, the
-// root-directory and brand checks, the test entry points, the library's exported symbols, loading it
+// root-directory and brand checks, the library's exported symbols, loading it
 // with dlopen, and a host that exits without data_stop. Each scenario runs in its own process.
 #include <dlfcn.h>
 #include <signal.h>
@@ -123,15 +123,6 @@ TEST(Api, AfterStopEverythingIsRefusedWithoutLogging) {
         EXPECT_EQ(VELTO_ALREADY_INIT, data_init(root.c_str(), "brand"));
         data_stop();  // a second stop is harmless
     });
-}
-
-TEST(Api, TestEntryPoints) {
-    char buf[32] = "untouched";
-    EXPECT_EQ(VELTO_EXCEPTION, call_test(7, nullptr));
-    EXPECT_EQ(0, call_test(-12, buf));
-    EXPECT_STREQ("api get: -12", buf);
-    EXPECT_EQ(5, call_test3(99, buf));
-    EXPECT_STREQ("y", buf);
 }
 
 // Exactly the public functions are exported, and they work when the library is loaded by name.

@@ -115,8 +115,9 @@ TEST(BaseInfo, Extension) {
     RUN_SCENARIO({
         apitest::start(root);
         const std::string s64(64, 'k'), s65(65, 'k');
-        for (const auto& kv : {std::make_pair("", "v"), std::make_pair(s65.c_str(), "v"),
-                               std::make_pair("k", static_cast<const char*>(nullptr)), std::make_pair("k", s65.c_str())})
+        for (const auto& kv :
+             {std::make_pair("", "v"), std::make_pair(s65.c_str(), "v"),
+              std::make_pair("k", static_cast<const char*>(nullptr)), std::make_pair("k", s65.c_str())})
             EXPECT_EQ(VELTO_BAD_ARG, data_base_ext(kv.first, kv.second)) << kv.first;
         EXPECT_EQ(0, data_base_ext(s64.c_str(), s64.c_str()));
         EXPECT_EQ(0, data_base_ext("k\"", "v/"));  // the key is taken as it is, the value escaped

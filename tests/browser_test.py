@@ -34,10 +34,9 @@ def record_host(root, records):
     (bounded) for its last upload. Runs in a child process, a session of its own."""
     lib = ctypes.CDLL(LIBRARY)
     text, number = ctypes.c_char_p, ctypes.c_longlong
-    for call, args in {"data_base_info": [text, number, text, ctypes.c_int] + [text] * 4 +
-                       [ctypes.c_int, text, number, text, text], "data_screen": [text],
-                       "data_event": [text] * 3 + [number], "data_count": [text, number, text]}.items():
-        getattr(lib, call).argtypes = args
+    lib.data_base_info.argtypes = [text, number, text, ctypes.c_int] + [text] * 4 + [ctypes.c_int, text, number,
+                                                                                      text, text]
+    lib.data_event.argtypes, lib.data_count.argtypes = [text] * 3 + [number], [text, number, text]
     os.makedirs(root, exist_ok=True)
     assert lib.data_init(root.encode(), b"browser-test") == 0
     assert lib.data_base_info(b"tid", 42, b"1.0", 60, b"127.0.0.1", b"en", b"Linux", b"12", 64, b"en_US", 0,
@@ -46,13 +45,8 @@ def record_host(root, records):
         assert getattr(lib, call)(*[a.encode() if isinstance(a, str) else a for a in args]) == 0, (call, args)
     lib.data_stop()
     log = os.path.join(root, "sdk.log")
-    for _ in range(600):
-        if os.path.exists(log):
-            with open(log, errors="replace") as f:
-                if "back thread stop ..." in f.read():
-                    return 0
-        time.sleep(0.1)
-    return 1
+    stopped = lambda: os.path.exists(log) and "back thread stop ..." in open(log, errors="replace").read()
+    return 0 if CollectorPage.settle(stopped, True, 60) else 1
 
 
 def free_ports(n):
@@ -85,8 +79,8 @@ class CollectorPage(unittest.TestCase):
         self.driver.set_page_load_timeout(30)
         self.driver.set_script_timeout(10)
         self.driver.get(self.url("/"))
-        live = lambda: self.js("document.getElementById('live').dataset.state")
-        self.assertEqual("open", self.settle(live, "open"))
+        self.assertEqual("open", self.settle(lambda: self.js("document.getElementById('live').dataset.state"),
+                                             "open"))
         self.js("window.velto_marker = 'same page'")  # any reload of the page would drop it
 
     def stop_collector(self):
@@ -214,7 +208,7 @@ class CollectorPage(unittest.TestCase):
         self.assertEqual(("timing", "1520", "pdf"), (detail["dtype"], detail["ttime"], detail["label"]))
 
         os.makedirs(BUILD + "/browser", exist_ok=True)
-        self.assertTrue(self.driver.save_screenshot(BUILD + "/browser/collector.png"))
+        self.driver.save_screenshot(BUILD + "/browser/collector.png")
 
     def test_filters_narrow_the_table_the_stream_the_chart_and_the_exports(self):
         self.run_host(["data_screen", "Start"], ["data_event", "panel", "click", "save", 1],

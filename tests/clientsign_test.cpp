@@ -153,8 +153,8 @@ void write_prefs(const std::string& home, const std::string& bytes) {
 // A new id is the platform UUID in braces, or the random form when the machine has none.
 void expect_new_id(const std::string& id) {
     const std::string uuid = Velto::platform_client_id_leaves().platform_uuid();
-    EXPECT_TRUE(uuid.empty() ? id.size() == 40 && id.compare(0, 2, "{[") == 0 && id.compare(38, 2, "]}") == 0 &&
-                                   is_upper_uuid(id.substr(2, 36))
+    EXPECT_TRUE(uuid.empty() ? id.size() == 40 && id.compare(0, 2, "{[") == 0 &&
+                                   id.compare(38, 2, "]}") == 0 && is_upper_uuid(id.substr(2, 36))
                              : id == "{" + uuid + "}")
         << id;
 }
@@ -240,12 +240,14 @@ const PrefsCase kPrefsCases[] = {
     {"NulInsideId", id_plist(std::string("<string>0123") + '\0' + "456789abc</string>"), nullptr},
     {"IntegerId", id_plist("<integer>12345678901</integer>"), nullptr},
     {"DictionaryId", id_plist("<dict><key>a</key><string>0123456789</string></dict>"), nullptr},
-    {"RootIsArray", xml_plist("<array><string>client ID</string><string>0123456789</string></array>"), nullptr},
+    {"RootIsArray", xml_plist("<array><string>client ID</string><string>0123456789</string></array>"),
+     nullptr},
     {"TruncatedXml", std::string(kXmlHead) + "<dict><key>client ID</key><string>0123", nullptr},
     {"BinaryJunk", std::string("\x00\xff\x13\x37junk\x80\x81", 10), nullptr},
     {"BinaryHeaderJunkTable", "bplist00" + std::string(40, '\xEE'), nullptr},
     {"OverOneMiB",
-     id_plist("<string>{too-large-1}</string><key>pad</key><string>" + std::string(1 << 20, 'p') + "</string>"),
+     id_plist("<string>{too-large-1}</string><key>pad</key><string>" + std::string(1 << 20, 'p') +
+              "</string>"),
      nullptr},
     {"XmlNested65000Deep", nested_xml(65000), nullptr},
     {"BinaryNested100000Deep", binary_chain(100000, false), nullptr},

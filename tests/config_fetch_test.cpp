@@ -132,8 +132,9 @@ TEST_F(ConfFetch, InitConfFailures) {
         const char* log;
     } cases[] = {
         {reply("1", 10), Velto::RES_SVR_REJECT, "get_conf_frm_svr"},
-        {reply("\"0\"", 10), Velto::RES_SVR_REJECT, "get_conf_frm_svr"},  // the status text must be 0, not "0"
-        {"", Velto::RES_SVR_REJECT, "get_conf_frm_svr"},                  // headers only
+        {reply("\"0\"", 10), Velto::RES_SVR_REJECT,
+         "get_conf_frm_svr"},                             // the status text must be 0, not "0"
+        {"", Velto::RES_SVR_REJECT, "get_conf_frm_svr"},  // headers only
         {"{\"status\":0,\"conf\":{}}", Velto::RES_SVR_REJECT, "svr ret: 204"},
         {reply("0", 9), Velto::RES_CONF_REJECT, "ana conf2"},
     };

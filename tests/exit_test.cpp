@@ -48,8 +48,9 @@ std::string run_host_on(const std::string& root, const std::string& mode, int de
     hung = !host.ended();
     if (status == kHostStatus) return "";
     return mode + " after " + std::to_string(delay_us) + " us: " +
-           (hung ? "still running after " + std::to_string(kBoundSeconds) + " s, killed"
-                 : status < 0 ? "ended by a signal" : "status " + std::to_string(status)) +
+           (hung         ? "still running after " + std::to_string(kBoundSeconds) + " s, killed"
+            : status < 0 ? "ended by a signal"
+                         : "status " + std::to_string(status)) +
            "\n" + vtest::read_file(home.file("out"));
 }
 

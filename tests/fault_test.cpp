@@ -261,27 +261,29 @@ enum Ops { kAppend, kTrim, kEverything };
 void run_faulty(const std::string& root, long long limit, Ops ops, bool as_nobody = false) {
     vtest::TempDir side;
     const long long now = Velto::os_time();
-    EXPECT_TRUE(vtest::run_scenario([&](const std::string&) {
-                  vcollect::RawServer server(vcollect::RawMode::kReply, "{\"status\":1}");
-                  // Permissions do not stop the super-user's writes.
-                  if (as_nobody && geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(2);
-                  set_up_child(root, side.path(), server);
-                  if (limit >= 0) {
-                      signal(SIGXFSZ, SIG_IGN);
-                      const rlimit lim = {static_cast<rlim_t>(limit), static_cast<rlim_t>(limit)};
-                      setrlimit(RLIMIT_FSIZE, &lim);
-                  }
-                  if (ops == kEverything) {  // first, while the log still knows its size
-                      Velto::LogUpload().send_log();
-                      Config::obj_->save_conf(true);
-                  }
-                  Velto::MsgFile store;
-                  store.open();
-                  for (int i = 20; i < 30; ++i) store.append(now, Util::fencode(rec(i)));
-                  if (ops != kAppend) store.roll_msg(now - 100, 0, 0, g_newest);
-                  if (ops == kEverything) store.process_msgs(true);
-                  _exit(0);
-              }, 60))
+    EXPECT_TRUE(vtest::run_scenario(
+        [&](const std::string&) {
+            vcollect::RawServer server(vcollect::RawMode::kReply, "{\"status\":1}");
+            // Permissions do not stop the super-user's writes.
+            if (as_nobody && geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(2);
+            set_up_child(root, side.path(), server);
+            if (limit >= 0) {
+                signal(SIGXFSZ, SIG_IGN);
+                const rlimit lim = {static_cast<rlim_t>(limit), static_cast<rlim_t>(limit)};
+                setrlimit(RLIMIT_FSIZE, &lim);
+            }
+            if (ops == kEverything) {  // first, while the log still knows its size
+                Velto::LogUpload().send_log();
+                Config::obj_->save_conf(true);
+            }
+            Velto::MsgFile store;
+            store.open();
+            for (int i = 20; i < 30; ++i) store.append(now, Util::fencode(rec(i)));
+            if (ops != kAppend) store.roll_msg(now - 100, 0, 0, g_newest);
+            if (ops == kEverything) store.process_msgs(true);
+            _exit(0);
+        },
+        60))
         << "the library crashed";
 }
 

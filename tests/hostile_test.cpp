@@ -85,12 +85,14 @@ TEST_P(Deadline, EveryTransferEndsByItsDeadline) {
                                  const Velto::UploadContext ctx = transporttest::upload_context();
                                  const int rc = file ? Velto::send_file(kRecord, url.c_str(), "a.log", ctx)
                                                      : Velto::send_msg(kRecord, url.c_str(), "data", ctx);
-                                 return std::make_pair(rc, (long long)((std::chrono::steady_clock::now() - start) /
-                                                                       std::chrono::milliseconds(1)));
+                                 return std::make_pair(
+                                     rc, (long long)((std::chrono::steady_clock::now() - start) /
+                                                     std::chrono::milliseconds(1)));
                              })});
         }
     }
-    const auto hung_after = std::chrono::steady_clock::now() + std::chrono::milliseconds(deadline_ms + kSlackMs + 500);
+    const auto hung_after =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(deadline_ms + kSlackMs + 500);
     for (Call& c : calls) c.result.wait_until(hung_after);
     // Calls still running are hung; closing their connections lets them return.
     for (RawServer* s : {&silent, &drip, &garbage, &error, &handshake, &slow}) s->stop();

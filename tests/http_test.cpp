@@ -3,8 +3,7 @@
 // bytes on the raw-socket path, the same uploads decoded on an HTTPS collector, the reply verdicts and
 // the cases that must send nothing.
 #include "Result.h"
-#include "Util.h"
-#include "Zip.h"
+#include "collector_client.h"
 #include "transport_fixture.h"
 
 using transporttest::bounded;
@@ -128,7 +127,8 @@ TEST_F(TransportTest, NoReplyFailsWithinTheTimeout) {
     const Velto::UploadContext ctx = transporttest::upload_context();
     EXPECT_EQ(Velto::RES_NO_REPLY, bounded([&] { return Velto::send_msg("{}x", url.c_str(), "data", ctx); }));
     EXPECT_TRUE(logged("msg http_client ret: 0"));
-    EXPECT_EQ(Velto::RES_NO_REPLY, bounded([&] { return Velto::send_file("{}x", url.c_str(), "a.log", ctx); }));
+    EXPECT_EQ(Velto::RES_NO_REPLY,
+              bounded([&] { return Velto::send_file("{}x", url.c_str(), "a.log", ctx); }));
     EXPECT_TRUE(logged("file http_client ret: 0"));
     EXPECT_EQ("", bounded([&] { return Velto::send_msg_res("{}x", url.c_str(), "conf", ctx); }));
 
@@ -155,7 +155,8 @@ TEST_F(TransportTest, HostileRepliesGiveAResultNotACrash) {
             EXPECT_LE(reply.size(), c.reply.size());
         }
         const Velto::UploadContext ctx = transporttest::upload_context();
-        const int rc = bounded([&] { return Velto::send_msg("{\"k\":\"v\"}", srv.url().c_str(), "data", ctx); });
+        const int rc =
+            bounded([&] { return Velto::send_msg("{\"k\":\"v\"}", srv.url().c_str(), "data", ctx); });
         EXPECT_TRUE(rc == Velto::RES_SVR_REJECT || rc == Velto::RES_NO_REPLY) << rc;
     }
 }
@@ -231,24 +232,18 @@ std::string expected_multipart(const std::string& name, const std::string& paylo
            "\"\r\nContent-Type: application/octet-stream\r\n\r\n" + payload + kBoundary + "--\r\n";
 }
 
-std::string sealed(const std::string& data) {
-    std::vector<unsigned char> out(data.size() + 32);
-    int len = 0;
-    Velto::AES_Encode2(reinterpret_cast<const unsigned char*>(data.data()), static_cast<int>(data.size()),
-                       out.data(), len);
-    return std::string(reinterpret_cast<const char*>(out.data()), static_cast<size_t>(len));
-}
-
 vcollect::Zipped zipped_if(bool on) {
     return on ? vcollect::Zipped::kYes : vcollect::Zipped::kNo;
 }
 
 // The upload calls, bounded.
 int msg(const std::string& url) {
-    return bounded([&] { return Velto::send_msg(kRecord, url.c_str(), "data", transporttest::upload_context()); });
+    return bounded(
+        [&] { return Velto::send_msg(kRecord, url.c_str(), "data", transporttest::upload_context()); });
 }
 int file(const std::string& text, const std::string& url, const char* name) {
-    return bounded([&] { return Velto::send_file(text, url.c_str(), name, transporttest::upload_context()); });
+    return bounded(
+        [&] { return Velto::send_file(text, url.c_str(), name, transporttest::upload_context()); });
 }
 std::string msg_res(const std::string& url) {
     return bounded(
@@ -302,7 +297,7 @@ TEST_F(TransportTest, SendFileRawBytes) {
         EXPECT_EQ(expected_multipart("sdk_x.log", file->data), req.body);
         EXPECT_EQ(c.length, file->data.substr(0, 4));
         if (!zipped) {
-            EXPECT_EQ(sealed(c.text), file->data.substr(4));
+            EXPECT_EQ(vtest::client::file_payload(uint32_t(c.text.size()), c.text), file->data);
         }
         vcollect::FilePayload decoded;
         ASSERT_TRUE(vcollect::decode_file_payload(file->data, decoded, zipped_if(zipped)));
@@ -369,7 +364,8 @@ TEST_F(TransportTest, ReplyVerdicts) {
     } cases[] = {
         {RawMode::kReply, "{\"status\":0}", 0, false, ""},
         {RawMode::kReply, "{\"status\":\"0\",\"data\":\"x\"}", Velto::RES_SVR_REJECT, true, "\"x\""},
-        {RawMode::kReply, "{\"status\":1,\"data\":{\"a\":\"1\"}}", Velto::RES_SVR_REJECT, true, "\"a\":\"1\""},
+        {RawMode::kReply, "{\"status\":1,\"data\":{\"a\":\"1\"}}", Velto::RES_SVR_REJECT, true,
+         "\"a\":\"1\""},
         {RawMode::kRawBytes, "{}", Velto::RES_SVR_REJECT, false, ""},
     };
     for (const auto& c : cases) {

@@ -65,7 +65,7 @@ TEST(Session, ChangeStateEvents) {
         StrMap fg = only_record();
         EXPECT_EQ("fg", fg["act"]);
         EXPECT_EQ(bg["sid"], fg["sid"]);  // a short absence keeps the session
-        data_stop();  // refused, but the state still changes
+        data_stop();                      // refused, but the state still changes
         EXPECT_EQ(VELTO_STOPPED, data_changestate(0));
         EXPECT_TRUE(session_in_background());
         EXPECT_EQ(VELTO_STOPPED, data_changestate(1));

@@ -154,7 +154,8 @@ class ConfCollector {
     // The configuration was fetched; an upload carried a record of category (when not "").
     bool got(const std::string& category = "") const {
         for (const vcollect::TlsRequest& r : server_.requests())
-            if (category.empty() ? r.path == "/v1/conf" : has(uploaded_text(r), R"("category":")" + category + "\""))
+            if (category.empty() ? r.path == "/v1/conf"
+                                 : has(uploaded_text(r), R"("category":")" + category + "\""))
                 return true;
         return false;
     }
@@ -193,8 +194,7 @@ TEST(StartConf, CutShortConfigurationFile) {
         ASSERT_EQ(0, give_base_info());
         ASSERT_EQ(0, data_event("fresh", "after", nullptr, 0));
         stop_and_wait();
-        EXPECT_TRUE(collector.got() && collector.got("fresh"))
-            << vtest::read_file(root + "/sdk.log");
+        EXPECT_TRUE(collector.got() && collector.got("fresh")) << vtest::read_file(root + "/sdk.log");
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);

@@ -251,21 +251,12 @@ TEST_F(CollectorTest, TakesTheLibrarysUploadsOverHttpAndHttps) {
     // The same records through the API, with the fields the page shows filled in.
     const std::string listed = get(http("/api/records?order=asc")).second;
     ASSERT_EQ("8", json_at(listed, "$.total")) << listed;
-    const auto field = [](const char* name) { return std::string("json_extract(value, '$.") + name + "')"; };
     EXPECT_EQ("8", sql_column(":memory:",
-                              "SELECT count(*) FROM json_each(?1, '$.records') WHERE " + field("kind") + " = " +
-                                  field("record.dtype") + " AND " + field("brand") + " = 'tools-test' AND " +
-                                  field("pver") + " = '1.0' AND " + field("sid") + " <> '' AND " + field("cid") +
-                                  " <> '' AND " + field("time") + " <> '' AND " + field("request") +
-                                  " <> '' AND (" + field("kind") + " = 'init' OR " + field("batch") + " LIKE '{%')",
+                              "SELECT count(*) FROM json_each(?1, '$.records') WHERE json_extract(value, "
+                              "'$.kind') = json_extract(value, '$.record.dtype') AND json_extract(value, "
+                              "'$.brand') = 'tools-test' AND json_extract(value, '$.sid') <> ''",
                               {listed})[0])
         << listed;
-    const std::string stats = get(http("/api/stats")).second;
-    const std::pair<const char*, const char*> counts[] = {
-        {"$.records", "8"}, {"$.kinds.init", "2"}, {"$.recent.kinds.screenview", "2"}, {"$.repeats", "0"}};
-    for (const auto& count : counts)
-        EXPECT_EQ(count.second, json_at(stats, count.first)) << count.first << "\n" << stats;
-    EXPECT_EQ(json_at(get(http("/api/requests")).second, "$.total"), json_at(stats, "$.requests"));
 
     EXPECT_EQ(0, stop());
     for (const char* shown : {"conf request  brand=tools-test", "] screenview  category=screen-tls  sid={",
@@ -458,7 +449,8 @@ TEST_F(CollectorTest, ApiAnswersBadQueriesWith400) {
         EXPECT_NE("", json_at(reply.second, "$.error")) << reply.second;
     }
     EXPECT_EQ(0, stop());
-    EXPECT_EQ(std::size(bad_queries), count_with(lines_of(err()), {"bad request: GET http://127.0.0.1:"})) << err();
+    EXPECT_EQ(std::size(bad_queries), count_with(lines_of(err()), {"bad request: GET http://127.0.0.1:"}))
+        << err();
 }
 
 // A GET /api/stream connection, read through a raw socket.

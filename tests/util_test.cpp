@@ -42,8 +42,10 @@ TEST(Util, SplitsAtTheFirstSeparatorAndDropsEmptyPieces) {
         bool up;
         StrList want;
     } splits[] = {
-        {"a,,b,", false, {"a", "b"}}, {"a,b", true, {"A", "b"}},  // the last piece is never upper-cased
-        {",,,", false, {}},           {"", false, {}},
+        {"a,,b,", false, {"a", "b"}},
+        {"a,b", true, {"A", "b"}},  // the last piece is never upper-cased
+        {",,,", false, {}},
+        {"", false, {}},
     };
     for (const Split& c : splits) {
         StrList out = {"stale"};

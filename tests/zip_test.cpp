@@ -1,6 +1,7 @@
 // Tests of the payload envelope: Base64 (against OpenSSL and against the decoders' documented rules
 // on odd input), whole envelopes rebuilt with OpenSSL under the built-in key and IV, fencode/fdecode
-// and their stripping rule, zlib, and use from several threads. Arbitrary bytes into the decoders are the envelope fuzz target's part.
+// and their stripping rule, zlib, and use from several threads. Arbitrary bytes into the decoders are
+// the envelope fuzz target's part.
 #include "Zip.h"
 
 #include <gtest/gtest.h>

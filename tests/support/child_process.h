@@ -50,8 +50,9 @@ inline std::vector<int> free_loopback_ports(int n) {
 }
 
 // A program in a child process, its standard output and error in files (the same file when out ==
-// err), env set (an empty value unset) in its environment. Killed if it outlives the object. With own_group, it runs in a process group of its own that
-// is asked to end (SIGTERM, 10 s) and then killed as a whole, and it dies if the test process dies.
+// err), env set (an empty value unset) in its environment. Killed if it outlives the object. With own_group,
+// it runs in a process group of its own that is asked to end (SIGTERM, 10 s) and then killed as a whole, and
+// it dies if the test process dies.
 class ChildProcess {
   public:
     ChildProcess(std::vector<std::string> args, const std::string& out, const std::string& err,

@@ -102,9 +102,12 @@ class Collector {
 
     // The command line on the current ports, with extra arguments after the constructor's.
     std::vector<std::string> command(const std::vector<std::string>& extra = {}) const {
-        std::vector<std::string> c = {binary_dir() + "/tools/velto-collector", "--http-port",
-                                      std::to_string(http_port),           "--https-port",
-                                      std::to_string(https_port),          "--cert-dir",
+        std::vector<std::string> c = {binary_dir() + "/tools/velto-collector",
+                                      "--http-port",
+                                      std::to_string(http_port),
+                                      "--https-port",
+                                      std::to_string(https_port),
+                                      "--cert-dir",
                                       file("cert")};
         c.insert(c.end(), args_.begin(), args_.end());
         c.insert(c.end(), extra.begin(), extra.end());
@@ -129,7 +132,9 @@ class Collector {
     }
     void signal(int sig) { proc_->signal(sig); }
     int wait(int timeout_ms) { return proc_->wait(timeout_ms); }
-    std::string url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(http_port) + path; }
+    std::string url(const std::string& path) const {
+        return "http://127.0.0.1:" + std::to_string(http_port) + path;
+    }
     std::string https_url(const std::string& path) const {
         return "https://127.0.0.1:" + std::to_string(https_port) + path;
     }

@@ -30,9 +30,8 @@ std::string lower(std::string s) {
 // Waits up to kTickMs for fd to become readable: 1 readable, 0 not yet, -1 error.
 int wait_readable(int fd) {
     pollfd p = {fd, POLLIN, 0};
-    int r = poll(&p, 1, kTickMs);
-    if (r < 0) return errno == EINTR ? 0 : -1;
-    return r > 0 ? 1 : 0;
+    const int r = poll(&p, 1, kTickMs);
+    return r < 0 ? (errno == EINTR ? 0 : -1) : r > 0;
 }
 
 // Each send waits at most kSendTimeoutMs for the client to take bytes.
@@ -49,7 +48,8 @@ bool send_all(int fd, const std::string& bytes) {
 
 // Sleeps ms in small steps, ending early when stop is set.
 void pause(int ms, const std::atomic<bool>& stop) {
-    for (int waited = 0; waited < ms && !stop; waited += 5) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    for (int waited = 0; waited < ms && !stop; waited += 5)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
 }
 
 std::string http_response(const std::string& body) {
@@ -58,10 +58,7 @@ std::string http_response(const std::string& body) {
 }
 
 size_t content_length(const std::string& head) {
-    const std::string lowered = lower(head);
-    size_t at = lowered.find("\ncontent-length:");
-    if (at == std::string::npos) return 0;
-    unsigned long long n = strtoull(head.c_str() + at + 16, nullptr, 10);
+    const unsigned long long n = strtoull(RawRequest{head, ""}.header("Content-Length").c_str(), nullptr, 10);
     return n > kMaxBody ? kMaxBody : static_cast<size_t>(n);
 }
 
