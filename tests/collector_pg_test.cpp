@@ -78,18 +78,14 @@ TEST_F(CollectorPg, TwoCollectorsShareOneDatabaseAndStoreEachRecordOnce) {
         << pg_.value("SELECT count(*) FROM records");
 
     // The same batches sent to both collectors at once: each stored once, the other copy a repeat.
-    const int batches = 20;
-    std::vector<std::string> replies_a(batches), replies_b(batches);
-    std::thread to_b([&] {
-        for (int i = 0; i < batches; ++i)
-            replies_b[i] = send_batch(b, "{both-" + std::to_string(i) + "}", 10);
-    });
-    for (int i = 0; i < batches; ++i) replies_a[i] = send_batch(a, "{both-" + std::to_string(i) + "}", 10);
+    std::atomic<int> taken{0};
+    const auto send_batches = [&](const Collector* c) {
+        for (int i = 0; i < 20; ++i) taken += send_batch(*c, "{both-" + std::to_string(i) + "}", 10) == kOk;
+    };
+    std::thread to_b(send_batches, &b);
+    send_batches(&a);
     to_b.join();
-    for (int i = 0; i < batches; ++i) {
-        EXPECT_EQ(kOk, replies_a[i]) << i;
-        EXPECT_EQ(kOk, replies_b[i]) << i;
-    }
+    EXPECT_EQ(40, taken.load());
     EXPECT_EQ("200", pg_.value("SELECT count(*) FROM records WHERE batch LIKE '{both-%'"));
     EXPECT_EQ("", broken_batches(pg_, "{both-%", 10));
     EXPECT_EQ("20", pg_.value("SELECT count(*) FROM requests WHERE result = 'repeat'"));

