@@ -304,7 +304,9 @@ TEST_F(LinuxLeaves, UuidForms) {
     EXPECT_TRUE(source.empty() || (is_upper_uuid(id) && id.find(source) == std::string::npos)) << id;
 }
 
-TEST_F(LinuxLeaves, NewFileCreatedAndReadBack) {
+// A new file holds the new id alone and is read back; a stored id that is too short is replaced and
+// the file's other keys are kept.
+TEST_F(LinuxLeaves, PreferencesFileWrittenAndReadBack) {
     const std::string& home = home_.path();
     ASSERT_FALSE(leaves_.prefs_exists());
     std::string id = Velto::client_sign(leaves_);
@@ -314,15 +316,11 @@ TEST_F(LinuxLeaves, NewFileCreatedAndReadBack) {
     Velto::get_files(prefs_dir(home), files);
     EXPECT_EQ(1u, files.size());  // no temporary file left behind
     EXPECT_EQ(id, Velto::client_sign(leaves_));
-}
 
-TEST_F(LinuxLeaves, ShortIdReplacedOtherKeysKept) {
-    write_prefs(home_.path(),
-                binary_dict({{"client ID", "012345678"}, {"Client Sign", "x"}, {"other", "keep me"}}));
-    std::string id = Velto::client_sign(leaves_);
+    write_prefs(home, binary_dict({{"client ID", "012345678"}, {"Client Sign", "x"}, {"other", "keep me"}}));
+    id = Velto::client_sign(leaves_);
     expect_new_id(id);
-    EXPECT_EQ((Prefs{{"client ID", id}, {"Client Sign", "x"}, {"other", "keep me"}}),
-              read_prefs(home_.path()));
+    EXPECT_EQ((Prefs{{"client ID", id}, {"Client Sign", "x"}, {"other", "keep me"}}), read_prefs(home));
 }
 
 }  // namespace

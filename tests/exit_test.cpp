@@ -113,8 +113,9 @@ const int kShortRuns = 20;
 const int kShortRuns = 200;
 #endif
 
-// The records in the message file and in the set-aside batches of root.
-std::vector<std::string> records_on_disk(const std::string& root) {
+// The records in the message file and in the set-aside batches of root. torn_ok: the process may
+// have ended in the middle of an append, which leaves that line torn.
+std::vector<std::string> records_on_disk(const std::string& root, bool torn_ok = false) {
     std::vector<std::string> out;
     Velto::StrList names;
     Velto::get_files(root + "/", names);
@@ -124,7 +125,7 @@ std::vector<std::string> records_on_disk(const std::string& root) {
             try {
                 if (line.size() > 11) out.push_back(Velto::Util::fdecode(line.substr(11)));
             } catch (...) {
-                ADD_FAILURE() << "a damaged line in " << name;
+                if (!torn_ok) ADD_FAILURE() << "a damaged line in " << name;
             }
         }
     }
@@ -163,9 +164,13 @@ std::string missing_records(const std::vector<std::string>& records, int n) {
 
 enum class Collector { kAnswers, kHoldsConfiguration, kNone };
 
+class ShortLivedHost : public ::testing::TestWithParam<Collector> {};
+
 // kShortRuns runs of a host that records and returns right after data_stop: every record is in its
-// files or was taken by the collector.
-void expect_short_lived_hosts_lose_nothing(Collector kind) {
+// files or was taken by the collector, whether the collector answers, holds the configuration
+// request, or is not there.
+TEST_P(ShortLivedHost, LosesNothing) {
+    const Collector kind = GetParam();
     ASSERT_TRUE(vtest::file_exists(host_path())) << host_path();
     std::vector<std::string> bad;
     for (int run = 0; run < kShortRuns && bad.size() < 5; ++run) {
@@ -192,16 +197,28 @@ void expect_short_lived_hosts_lose_nothing(Collector kind) {
     EXPECT_TRUE(bad.empty()) << list;
 }
 
-TEST(ShortLivedHost, LosesNothingWhenTheCollectorAnswers) {
-    expect_short_lived_hosts_lose_nothing(Collector::kAnswers);
-}
+INSTANTIATE_TEST_SUITE_P(Collector, ShortLivedHost,
+                         ::testing::Values(Collector::kAnswers, Collector::kHoldsConfiguration,
+                                           Collector::kNone));
 
-TEST(ShortLivedHost, LosesNothingWhileTheConfigurationRequestIsHeld) {
-    expect_short_lived_hosts_lose_nothing(Collector::kHoldsConfiguration);
-}
-
-TEST(ShortLivedHost, LosesNothingWithoutACollector) {
-    expect_short_lived_hosts_lose_nothing(Collector::kNone);
+// A host that calls exit() right after its last record call, without data_stop, loses what the loop
+// had not taken yet: reported, not asserted (it depends on the scheduler).
+TEST(ShortLivedHost, ExitWithoutStopReport) {
+    const int runs = 50;
+    int whole = 0;
+    size_t kept = 0;
+    for (int run = 0; run < runs; ++run) {
+        vtest::TempDir root;
+        vcollect::RawServer server;
+        vtest::write_conf(root.path(), server.url());
+        bool hung = false;
+        ASSERT_EQ("", run_host_on(root.path(), "exit", 0, kShortEvents, "", hung));
+        const std::vector<std::string> records = records_on_disk(root.path(), true);
+        kept += records.size();
+        whole += missing_records(records, kShortEvents).empty() ? 1 : 0;
+    }
+    printf("exit() without data_stop: %zu of %d records on disk in %d runs; %d runs kept every one\n", kept,
+           runs * (kShortEvents + 1), runs, whole);
 }
 
 }  // namespace

@@ -12,41 +12,11 @@ using apitest::only_record;
 using Velto::os_time_shift;
 using Velto::StrMap;
 
-// The process-wide session, read under the API lock like the library reads it.
-long long session_timeout() {
-    Velto::MutexLock hold(Velto::api_m);
-    return static_cast<long long>(Velto::g_session.timeout());
-}
+// Whether the process-wide session is in the background, read under the API lock like the library
+// reads it.
 bool session_in_background() {
     Velto::MutexLock hold(Velto::api_m);
     return Velto::g_session.background();
-}
-
-// Records two screens `gap` seconds apart on the moved clock and tells whether they share a
-// session. A pair is retried when the real clock ticks between the two records.
-bool same_session_after(long long gap) {
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        EXPECT_EQ(0, data_screen("a"));
-        StrMap first = only_record();
-        os_time_shift(gap);
-        EXPECT_EQ(0, data_screen("b"));
-        StrMap second = only_record();
-        if (std::stoll(second["ostime"]) - std::stoll(first["ostime"]) == gap)
-            return first["sid"] == second["sid"];
-    }
-    ADD_FAILURE() << "the clock never held still for a pair";
-    return false;
-}
-
-TEST(Session, ForegroundIdleTimeout) {
-    RUN_SCENARIO({
-        apitest::start(root);
-        ASSERT_EQ(0, data_screen("warm-up"));
-        drain();
-        long long timeout = session_timeout();
-        EXPECT_TRUE(same_session_after(timeout));
-        EXPECT_FALSE(same_session_after(timeout + 1));
-    });
 }
 
 TEST(Session, ChangeStateEvents) {

@@ -35,17 +35,6 @@ void stop_and_wait() {
     ASSERT_TRUE(vtest::wait_until([] { return Velto::g_back_run.stop_flag() == 0; }, kBoundMs));
 }
 
-// A start that records one event ("<category>"/"after") and stops. The start record goes to a
-// loopback collector of the process (made after the fork, like every thread of a scenario).
-void start_recording(const std::string& root, const std::string& category) {
-    vcollect::RawServer server;
-    vtest::write_conf(root, server.url());
-    ASSERT_EQ(0, data_init(root.c_str(), "brand"));
-    ASSERT_EQ(0, give_base_info());
-    ASSERT_EQ(0, data_event(category.c_str(), "after", nullptr, 0));
-    stop_and_wait();
-}
-
 // The records the library's reader finds in ROOT/sdk.msg, start records ("init") left out. Called in
 // the test process, where no library runs and no root directory is set.
 std::vector<std::string> stored_records(const std::string& root) {
@@ -128,7 +117,16 @@ TEST(StartFiles, TornLastMessageLineEnded) {
         vtest::TempDir dir;
         const std::string root = dir.path();
         vtest::write_file(root + "/sdk.msg", msg_line(now, kA) + msg_line(now, kB) + fragment);
-        EXPECT_TRUE(run_on(root, [](const std::string& root) { start_recording(root, "torn"); }));
+        // A start that records one event and stops; the start record goes to a loopback collector of
+        // the process (made after the fork, like every thread of a scenario).
+        EXPECT_TRUE(run_on(root, [](const std::string& root) {
+            vcollect::RawServer server;
+            vtest::write_conf(root, server.url());
+            ASSERT_EQ(0, data_init(root.c_str(), "brand"));
+            ASSERT_EQ(0, give_base_info());
+            ASSERT_EQ(0, data_event("torn", "after", nullptr, 0));
+            stop_and_wait();
+        }));
         std::vector<std::string> records = stored_records(root);
         ASSERT_EQ(3u, records.size()) << vtest::read_file(root + "/sdk.msg");
         EXPECT_EQ(kA, records[0]);

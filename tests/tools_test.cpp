@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -43,13 +44,10 @@ std::string tool(const char* name) {
 
 // How many lines hold every one of parts.
 size_t count_with(const std::vector<std::string>& lines, const std::vector<std::string>& parts) {
-    size_t n = 0;
-    for (const std::string& line : lines) {
-        bool all = true;
-        for (const std::string& p : parts) all = all && vtest::has(line, p);
-        n += all;
-    }
-    return n;
+    return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+        return std::all_of(parts.begin(), parts.end(),
+                           [&](const std::string& p) { return vtest::has(line, p); });
+    });
 }
 
 using ToolProcess = vtest::ChildProcess;

@@ -214,36 +214,25 @@ void RawServer::serve(int fd, RawMode mode, const std::string& reply, int delay_
 // the head ran too long or the server is stopping before the request was whole.
 bool RawServer::read_request(int fd, RawRequest& req) {
     std::string data;
-    size_t head_end = std::string::npos;
-    size_t want = 0;
     char buf[8192];
-    bool complete = false;
     while (!stop_) {
-        if (head_end == std::string::npos) {
-            head_end = data.find("\r\n\r\n");
-            if (head_end != std::string::npos) {
-                head_end += 4;
-                want = content_length(data.substr(0, head_end));
-            } else if (data.size() > kMaxHead) {
-                break;
-            }
-        }
-        if (head_end != std::string::npos && data.size() - head_end >= want) {
-            complete = true;
+        const size_t head_end = data.find("\r\n\r\n");
+        if (head_end != std::string::npos) {
+            req.head = data.substr(0, head_end + 4);
+            if (data.size() - req.head.size() >= content_length(req.head)) break;
+        } else if (data.size() > kMaxHead) {
             break;
         }
-        int ready = wait_readable(fd);
+        const int ready = wait_readable(fd);
         if (ready < 0) break;
         if (ready == 0) continue;
-        ssize_t n = recv(fd, buf, sizeof buf, 0);
+        const ssize_t n = recv(fd, buf, sizeof buf, 0);
         if (n <= 0) break;
         data.append(buf, static_cast<size_t>(n));
     }
-    if (head_end != std::string::npos) {
-        req.head = data.substr(0, head_end);
-        req.body = data.substr(head_end, want);
-    }
-    return complete;
+    const size_t want = content_length(req.head);  // what has come of the body, also when not all of it
+    req.body = req.head.empty() ? "" : data.substr(req.head.size(), want);
+    return !req.head.empty() && req.body.size() == want;
 }
 
 // Keeps the connection open, discarding anything the client still sends, until it closes.

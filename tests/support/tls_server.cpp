@@ -151,28 +151,12 @@ struct TlsServer::Impl {
     }
 };
 
-TlsServer::TlsServer() : impl_(new Impl) {
-    if (!impl_->start()) impl_->port = -1;
+TlsServer::TlsServer() : impl_(new Impl), cert_path_(impl_->cert_path()) {
+    if (impl_->start()) port_ = impl_->port;
 }
 
 TlsServer::~TlsServer() {
     stop();
-}
-
-bool TlsServer::ok() const {
-    return impl_->port > 0;
-}
-int TlsServer::port() const {
-    return impl_->port;
-}
-std::string TlsServer::cert_path() const {
-    return impl_->cert_path();
-}
-std::string TlsServer::host_port() const {
-    return "127.0.0.1:" + std::to_string(impl_->port);
-}
-std::string TlsServer::url(const std::string& path) const {
-    return "https://" + host_port() + path;
 }
 
 void TlsServer::set_reply(const std::string& body) {
