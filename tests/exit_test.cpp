@@ -199,7 +199,13 @@ TEST_P(ShortLivedHost, LosesNothing) {
 
 INSTANTIATE_TEST_SUITE_P(Collector, ShortLivedHost,
                          ::testing::Values(Collector::kAnswers, Collector::kHoldsConfiguration,
-                                           Collector::kNone));
+                                           Collector::kNone),
+                         [](const ::testing::TestParamInfo<Collector>& info) {
+                             return std::string(info.param == Collector::kAnswers ? "Answers"
+                                                : info.param == Collector::kNone
+                                                    ? "None"
+                                                    : "HoldsTheConfigurationRequest");
+                         });
 
 // A host that calls exit() right after its last record call, without data_stop, loses what the loop
 // had not taken yet: reported, not asserted (it depends on the scheduler).
