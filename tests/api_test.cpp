@@ -1,5 +1,5 @@
 // The exported API's lifecycle: result codes before data_init, after it and after data_stop, the
-// root-directory and brand checks, the test entry points, the library's exported symbols, loading it
+// root-directory and brand checks, the library's exported symbols, loading it
 // with dlopen, and a host that exits without data_stop. Each scenario runs in its own process.
 #include <dlfcn.h>
 #include <signal.h>
@@ -43,7 +43,8 @@ std::vector<int> refusals() {
 
 TEST(Api, BeforeInit) {
     RUN_SCENARIO({
-        EXPECT_EQ((std::vector<int>{105, 105, 106, 106, 106, 106, 106}), refusals());
+        const int n = VELTO_NOT_INIT, b = VELTO_BASE_INCOMPLETE;
+        EXPECT_EQ((std::vector<int>{n, n, b, b, b, b, b}), refusals());
         EXPECT_EQ(VELTO_BASE_INCOMPLETE, data_base_ext("k", "v"));
         EXPECT_EQ(0, data_changestate(1));                      // already in the foreground
         EXPECT_EQ(VELTO_BASE_INCOMPLETE, data_changestate(0));  // the "bg" event is refused
@@ -64,16 +65,13 @@ TEST(Api, InitStoresStartupFieldsAndOpensLog) {
         EXPECT_EQ(root + "/", Velto::Config::obj_->get_str("ROOT_DIR"));
         Velto::StrMap base;
         Velto::g_base_info.copy(base);
-        EXPECT_EQ(6u, base.size());
         EXPECT_EQ("brand\\\"x", base["BRAND"]);  // escaped like every host text
         EXPECT_EQ("api_test", base["procname"]);
         EXPECT_EQ(std::to_string(getpid()), base["procid"]);
         EXPECT_EQ("1.1.1.1113", base["modver"]);
         EXPECT_EQ('{', base["did"].front());
         EXPECT_LE(std::stoll(base["tstart"]), Velto::os_time());
-        std::string log = vtest::read_file(root + "/sdk.log");
-        EXPECT_NE(std::string::npos, log.find("data_init to start thread"));
-        EXPECT_NE(std::string::npos, log.find("data_init end"));
+        EXPECT_TRUE(vtest::has(vtest::read_file(root + "/sdk.log"), "data_init end"));
         EXPECT_EQ(VELTO_BASE_INCOMPLETE, data_event("c", "a", nullptr, 0));  // base information not yet given
         EXPECT_EQ(VELTO_BASE_INCOMPLETE, data_base_ext("k", "v"));
         EXPECT_EQ(VELTO_ALREADY_INIT, data_init(root.c_str(), "brand"));
@@ -91,12 +89,12 @@ TEST(Api, InitRefusesBadRootOrBrand) {
             const char* brand;
             int expected;
         } cases[] = {
-            {nullptr, "brand", 104},
-            {root.c_str(), nullptr, 104},
-            {root.c_str(), "br", 104},
-            {"ab", "brand", 102},                // prefix "ab/" is too short
-            {under_file.c_str(), "brand", 102},  // "tmp" cannot be created
-            {missing.c_str(), "brand", 102},
+            {nullptr, "brand", VELTO_BAD_ARG},
+            {root.c_str(), nullptr, VELTO_BAD_ARG},
+            {root.c_str(), "br", VELTO_BAD_ARG},
+            {"ab", "brand", VELTO_BAD_ROOT},                // prefix "ab/" is too short
+            {under_file.c_str(), "brand", VELTO_BAD_ROOT},  // "tmp" cannot be created
+            {missing.c_str(), "brand", VELTO_BAD_ROOT},
         };
         for (const Case& c : cases)
             EXPECT_EQ(c.expected, data_init(c.root, c.brand)) << (c.root ? c.root : "null");
@@ -117,8 +115,7 @@ TEST(Api, AfterStopEverythingIsRefusedWithoutLogging) {
         data_stop();
         ASSERT_TRUE(vtest::wait_until([] { return Velto::g_back_run.stop_flag() == 0; }, 60000));
         std::string log = vtest::read_file(root + "/sdk.log");
-        EXPECT_NE(std::string::npos, log.find("data_stop"));
-        EXPECT_EQ((std::vector<int>{207, 207, 207, 207, 207, 207, 207}), refusals());
+        EXPECT_EQ(std::vector<int>(7, VELTO_STOPPED), refusals());
         EXPECT_EQ(log, vtest::read_file(root + "/sdk.log"));
         // data_base_ext logs before its tests.
         EXPECT_EQ(VELTO_STOPPED, data_base_ext("k", "v"));
@@ -126,15 +123,6 @@ TEST(Api, AfterStopEverythingIsRefusedWithoutLogging) {
         EXPECT_EQ(VELTO_ALREADY_INIT, data_init(root.c_str(), "brand"));
         data_stop();  // a second stop is harmless
     });
-}
-
-TEST(Api, TestEntryPoints) {
-    char buf[32] = "untouched";
-    EXPECT_EQ(VELTO_EXCEPTION, call_test(7, nullptr));
-    EXPECT_EQ(0, call_test(-12, buf));
-    EXPECT_STREQ("api get: -12", buf);
-    EXPECT_EQ(5, call_test3(99, buf));
-    EXPECT_STREQ("y", buf);
 }
 
 // Exactly the public functions are exported, and they work when the library is loaded by name.
@@ -183,29 +171,27 @@ TEST(Api, ForkedChildrenNeverDeadlock) {
                 data_changestate(i % 2);
             }
         });
-        int hung = 0, failed = 0;
+        int failed = 0;
         for (int i = 0; i < 100; ++i) {
             pid_t pid = fork();
             if (pid == 0) {
-                const bool ok = data_event("child", "act", nullptr, 0) == 207 &&
-                                data_base_ext("k", "v") == 207 && data_init(root.c_str(), "brand") == 101;
+                const bool ok = data_event("child", "act", nullptr, 0) == VELTO_STOPPED &&
+                                data_base_ext("k", "v") == VELTO_STOPPED &&
+                                data_init(root.c_str(), "brand") == VELTO_ALREADY_INIT;
                 data_stop();
                 _exit(ok ? 0 : 1);
             }
             ASSERT_GT(pid, 0);
             int status = 0;
             if (!vtest::wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 10000)) {
-                ++hung;
-                kill(pid, SIGKILL);
+                kill(pid, SIGKILL);  // deadlocked
                 waitpid(pid, &status, 0);
-            } else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-                ++failed;
             }
+            failed += !WIFEXITED(status) || WEXITSTATUS(status) != 0;
         }
         done = true;
         busy.join();
-        EXPECT_EQ(0, hung) << "children that deadlocked";
-        EXPECT_EQ(0, failed) << "children whose calls gave other results";
+        EXPECT_EQ(0, failed) << "children that deadlocked or whose calls gave other results";
     });
 }
 

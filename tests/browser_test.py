@@ -34,10 +34,9 @@ def record_host(root, records):
     (bounded) for its last upload. Runs in a child process, a session of its own."""
     lib = ctypes.CDLL(LIBRARY)
     text, number = ctypes.c_char_p, ctypes.c_longlong
-    for call, args in {"data_base_info": [text, number, text, ctypes.c_int] + [text] * 4 +
-                       [ctypes.c_int, text, number, text, text], "data_screen": [text],
-                       "data_event": [text] * 3 + [number], "data_count": [text, number, text]}.items():
-        getattr(lib, call).argtypes = args
+    lib.data_base_info.argtypes = [text, number, text, ctypes.c_int] + [text] * 4 + [ctypes.c_int, text, number,
+                                                                                      text, text]
+    lib.data_event.argtypes, lib.data_count.argtypes = [text] * 3 + [number], [text, number, text]
     os.makedirs(root, exist_ok=True)
     assert lib.data_init(root.encode(), b"browser-test") == 0
     assert lib.data_base_info(b"tid", 42, b"1.0", 60, b"127.0.0.1", b"en", b"Linux", b"12", 64, b"en_US", 0,
@@ -46,23 +45,14 @@ def record_host(root, records):
         assert getattr(lib, call)(*[a.encode() if isinstance(a, str) else a for a in args]) == 0, (call, args)
     lib.data_stop()
     log = os.path.join(root, "sdk.log")
-    for _ in range(600):
-        if os.path.exists(log):
-            with open(log, errors="replace") as f:
-                if "back thread stop ..." in f.read():
-                    return 0
-        time.sleep(0.1)
-    return 1
+    stopped = lambda: os.path.exists(log) and "back thread stop ..." in open(log, errors="replace").read()
+    return 0 if CollectorPage.settle(stopped, True, 60) else 1
 
 
 def free_ports(n):
     socks = [socket.socket() for _ in range(n)]
-    for s in socks:
-        s.bind(("127.0.0.1", 0))
-    ports = [s.getsockname()[1] for s in socks]
-    for s in socks:
-        s.close()
-    return ports
+    ports = [s.bind(("127.0.0.1", 0)) or s.getsockname()[1] for s in socks]
+    return [s.close() or p for s, p in zip(socks, ports)]
 
 
 class CollectorPage(unittest.TestCase):
@@ -89,8 +79,8 @@ class CollectorPage(unittest.TestCase):
         self.driver.set_page_load_timeout(30)
         self.driver.set_script_timeout(10)
         self.driver.get(self.url("/"))
-        live = lambda: self.js("document.getElementById('live').dataset.state")
-        self.assertEqual("open", self.settle(live, "open"))
+        self.assertEqual("open", self.settle(lambda: self.js("document.getElementById('live').dataset.state"),
+                                             "open"))
         self.js("window.velto_marker = 'same page'")  # any reload of the page would drop it
 
     def stop_collector(self):
@@ -100,12 +90,9 @@ class CollectorPage(unittest.TestCase):
         except subprocess.TimeoutExpired:
             self.collector.kill()
         self.log.close()
-        print("--- collector output:\n" + self.output())  # CTest shows it when the test fails
-        shutil.rmtree(self.dir, ignore_errors=True)
-
-    def output(self):
         with open(os.path.join(self.dir, "collector.log"), errors="replace") as f:
-            return f.read()
+            print("--- collector output:\n" + f.read())  # CTest shows it when the test fails
+        shutil.rmtree(self.dir, ignore_errors=True)
 
     def url(self, path):
         return "http://127.0.0.1:%d%s" % (self.http_port, path)
@@ -155,18 +142,16 @@ class CollectorPage(unittest.TestCase):
             box.send_keys(value)
             self.driver.find_element(By.ID, "filter-apply").click()
 
-    def run_host(self, *records):
+    def run_program(self, *command):
+        """Runs a program that uses the library (the root directory appended) in a home of its own."""
         home = os.path.join(self.dir, "home-%d" % time.monotonic_ns())
-        env = dict(os.environ, HOME=home, VELTO_COLLECT_HOST="127.0.0.1:%d" % self.https_port)
-        subprocess.run([sys.executable, __file__, BUILD, LIBRARY, "--host", home + "/root",
-                        json.dumps(records)], env=env, timeout=90, check=True)
-
-    def run_demo(self):
-        home = os.path.join(self.dir, "demo-home")
         os.makedirs(home)
         env = dict(os.environ, HOME=home, VELTO_COLLECT_HOST="127.0.0.1:%d" % self.https_port)
-        subprocess.run([BUILD + "/examples/velto-demo", home + "/root"], env=env, timeout=90, check=True,
+        subprocess.run(list(command) + [home + "/root"], env=env, timeout=90, check=True,
                        stdout=subprocess.DEVNULL)
+
+    def run_host(self, *records):
+        self.run_program(sys.executable, __file__, BUILD, LIBRARY, json.dumps(records), "--host")
 
     def check_chart(self, query):
         """The chart's bars: per minute and kind, the records the API lists for the filter."""
@@ -223,7 +208,7 @@ class CollectorPage(unittest.TestCase):
         self.assertEqual(("timing", "1520", "pdf"), (detail["dtype"], detail["ttime"], detail["label"]))
 
         os.makedirs(BUILD + "/browser", exist_ok=True)
-        self.assertTrue(self.driver.save_screenshot(BUILD + "/browser/collector.png"))
+        self.driver.save_screenshot(BUILD + "/browser/collector.png")
 
     def test_filters_narrow_the_table_the_stream_the_chart_and_the_exports(self):
         self.run_host(["data_screen", "Start"], ["data_event", "panel", "click", "save", 1],
@@ -239,7 +224,7 @@ class CollectorPage(unittest.TestCase):
         self.assertEqual(["open", "save"], self.settle(lambda: self.rows("label"), ["open", "save"]))
 
         # Live records obey the filter: of the demo's records only its events join the table.
-        self.run_demo()
+        self.run_program(BUILD + "/examples/velto-demo")
         events = self.api_ids("kind=event")
         self.assertEqual(events, self.settle(lambda: self.rows("id"), events))
         self.assertLess(2, len(events))  # the first run's two, and the demo's
@@ -275,7 +260,7 @@ class CollectorPage(unittest.TestCase):
 
 if __name__ == "__main__":
     if "--host" in sys.argv:
-        sys.exit(record_host(sys.argv[4], json.loads(sys.argv[5])))
+        sys.exit(record_host(sys.argv[5], json.loads(sys.argv[3])))
     try:
         from selenium import webdriver
         from selenium.webdriver.chrome.service import Service

@@ -3,7 +3,6 @@
 // damaged or hostile preferences files.
 #include "ClientSign.h"
 
-#include <ctype.h>
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 #include <pthread.h>
@@ -12,6 +11,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
+#include <regex>
 #include <vector>
 
 #include "BaseInfo.h"
@@ -47,12 +47,7 @@ class FakeLeaves : public ClientIdLeaves {
 
 // An upper-case textual UUID: 8-4-4-4-12 hexadecimal digits.
 bool is_upper_uuid(const std::string& s) {
-    if (s.size() != 36) return false;
-    for (size_t i = 0; i < s.size(); ++i) {
-        bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-        if (dash ? s[i] != '-' : !isxdigit(static_cast<unsigned char>(s[i])) || islower(s[i])) return false;
-    }
-    return true;
+    return std::regex_match(s, std::regex("[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}"));
 }
 
 const char kRandomForm[] = "{[AAAAAAAA-BBBB-CCCC-DDDD-EEEEEEEEEEEE]}";
@@ -114,19 +109,17 @@ TEST(ClientSign, WrapAndSanitize) {
     EXPECT_EQ("{", Velto::wrap_client_id("{"));
 }
 
-// The preferences file of a HOME directory.
+// The preferences directory and file of a HOME directory.
 std::string prefs_dir(const std::string& home) {
     return home + "/Library/Preferences";
 }
-std::string prefs_path(const std::string& home) {
-    return prefs_dir(home) + "/com.orvexa.helper_compact.plist";
-}
+const char kPrefsFile[] = "/com.orvexa.helper_compact.plist";
 
 typedef std::map<std::string, std::string> Prefs;
 
 // The string members of the preferences file's dictionary; {"?": content} when unreadable.
 Prefs read_prefs(const std::string& home) {
-    std::string xml = vtest::read_file(prefs_path(home));
+    std::string xml = vtest::read_file(prefs_dir(home) + kPrefsFile);
     plist_t root = nullptr;
     plist_from_memory(xml.data(), static_cast<uint32_t>(xml.size()), &root);
     if (!root || plist_get_node_type(root) != PLIST_DICT) return {{"?", xml}};
@@ -154,19 +147,16 @@ std::string xml_plist(const std::string& body) {
 
 void write_prefs(const std::string& home, const std::string& bytes) {
     std::filesystem::create_directories(prefs_dir(home));
-    vtest::write_file(prefs_path(home), bytes);
+    vtest::write_file(prefs_dir(home) + kPrefsFile, bytes);
 }
 
 // A new id is the platform UUID in braces, or the random form when the machine has none.
 void expect_new_id(const std::string& id) {
-    std::string uuid = Velto::platform_client_id_leaves().platform_uuid();
-    if (!uuid.empty()) {
-        EXPECT_EQ("{" + uuid + "}", id);
-    } else {
-        EXPECT_TRUE(id.size() == 40 && id.compare(0, 2, "{[") == 0 && id.compare(38, 2, "]}") == 0 &&
-                    is_upper_uuid(id.substr(2, 36)))
-            << id;
-    }
+    const std::string uuid = Velto::platform_client_id_leaves().platform_uuid();
+    EXPECT_TRUE(uuid.empty() ? id.size() == 40 && id.compare(0, 2, "{[") == 0 &&
+                                   id.compare(38, 2, "]}") == 0 && is_upper_uuid(id.substr(2, 36))
+                             : id == "{" + uuid + "}")
+        << id;
 }
 
 // A binary property list of n arrays, each holding the next; the last one holds the first (cyclic) or
@@ -207,22 +197,19 @@ std::string binary_dict(const Prefs& values) {
 
 // data_init on a thread with a small stack, as a host may call it from a worker thread.
 int init_on_small_stack(const std::string& root) {
-    struct Call {
-        const std::string* root;
-        int result;
-    } call = {&root, -1};
+    std::pair<const std::string*, int> call = {&root, -1};
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setstacksize(&attr, 512 * 1024);
     pthread_t thread;
     auto body = [](void* arg) -> void* {
-        Call* c = static_cast<Call*>(arg);
-        c->result = data_init(c->root->c_str(), "brand");
+        auto* c = static_cast<std::pair<const std::string*, int>*>(arg);
+        c->second = data_init(c->first->c_str(), "brand");
         return nullptr;
     };
     if (pthread_create(&thread, &attr, body, &call) == 0) pthread_join(thread, nullptr);
     pthread_attr_destroy(&attr);
-    return call.result;
+    return call.second;
 }
 
 // A dictionary holding depth nested arrays.
@@ -235,61 +222,37 @@ std::string nested_xml(int depth) {
 
 struct PrefsCase {
     const char* name;
-    std::string (*bytes)();
+    std::string bytes;
     const char* did;  // nullptr: a fresh id
 };
 
-const PrefsCase kPrefsCases[] = {
-    {"StoredIdCleaned",
-     [] { return xml_plist("<dict><key>client ID</key><string>my id\xC3\xA9xyz1</string></dict>"); },
-     "{my0id00xyz1}"},
-    {"BinaryFile",
-     [] {
-         return binary_dict({{"client ID", "{binary-id-01}"}, {"x", "y"}});
-     },
-     "{binary-id-01}"},
-    {"ShallowNestingKept",
-     [] {
-         return xml_plist(
-             "<dict><key>a</key><array><dict/><array><dict><key>b</key><true/></dict></array></array>"
-             "<key>client ID</key><string>{shallow-id-1}</string></dict>");
-     },
-     "{shallow-id-1}"},
-    {"NulInsideId",
-     [] {
-         return xml_plist(std::string("<dict><key>client ID</key><string>0123") + '\0' +
-                          "456789abc</string></dict>");
-     },
-     nullptr},
-    {"IntegerId", [] { return xml_plist("<dict><key>client ID</key><integer>12345678901</integer></dict>"); },
-     nullptr},
-    {"DictionaryId",
-     [] {
-         return xml_plist(
-             "<dict><key>client ID</key><dict><key>a</key><string>0123456789</string></dict></dict>");
-     },
-     nullptr},
-    {"RootIsArray",
-     [] { return xml_plist("<array><string>client ID</string><string>0123456789</string></array>"); },
-     nullptr},
-    {"TruncatedXml", [] { return std::string(kXmlHead) + "<dict><key>client ID</key><string>0123"; },
-     nullptr},
-    {"BinaryJunk", [] { return std::string("\x00\xff\x13\x37junk\x80\x81", 10); }, nullptr},
-    {"BinaryHeaderJunkTable", [] { return "bplist00" + std::string(40, '\xEE'); }, nullptr},
-    {"OverOneMiB",
-     [] {
-         return xml_plist("<dict><key>client ID</key><string>{too-large-1}</string><key>pad</key><string>" +
-                          std::string(1 << 20, 'p') + "</string></dict>");
-     },
-     nullptr},
-    {"XmlNested65000Deep", [] { return nested_xml(65000); }, nullptr},
-    {"BinaryNested100000Deep", [] { return binary_chain(100000, false); }, nullptr},
-    {"BinaryCycle", [] { return binary_chain(3, true); }, nullptr},
-};
-
-void PrintTo(const PrefsCase& c, std::ostream* os) {
-    *os << c.name;
+std::string id_plist(const std::string& value) {
+    return xml_plist("<dict><key>client ID</key>" + value + "</dict>");
 }
+
+const PrefsCase kPrefsCases[] = {
+    {"StoredIdCleaned", id_plist("<string>my id\xC3\xA9xyz1</string>"), "{my0id00xyz1}"},
+    {"BinaryFile", binary_dict({{"client ID", "{binary-id-01}"}, {"x", "y"}}), "{binary-id-01}"},
+    {"ShallowNestingKept",
+     xml_plist("<dict><key>a</key><array><dict/><array><dict><key>b</key><true/></dict></array></array>"
+               "<key>client ID</key><string>{shallow-id-1}</string></dict>"),
+     "{shallow-id-1}"},
+    {"NulInsideId", id_plist(std::string("<string>0123") + '\0' + "456789abc</string>"), nullptr},
+    {"IntegerId", id_plist("<integer>12345678901</integer>"), nullptr},
+    {"DictionaryId", id_plist("<dict><key>a</key><string>0123456789</string></dict>"), nullptr},
+    {"RootIsArray", xml_plist("<array><string>client ID</string><string>0123456789</string></array>"),
+     nullptr},
+    {"TruncatedXml", std::string(kXmlHead) + "<dict><key>client ID</key><string>0123", nullptr},
+    {"BinaryJunk", std::string("\x00\xff\x13\x37junk\x80\x81", 10), nullptr},
+    {"BinaryHeaderJunkTable", "bplist00" + std::string(40, '\xEE'), nullptr},
+    {"OverOneMiB",
+     id_plist("<string>{too-large-1}</string><key>pad</key><string>" + std::string(1 << 20, 'p') +
+              "</string>"),
+     nullptr},
+    {"XmlNested65000Deep", nested_xml(65000), nullptr},
+    {"BinaryNested100000Deep", binary_chain(100000, false), nullptr},
+    {"BinaryCycle", binary_chain(3, true), nullptr},
+};
 
 // Whatever the preferences file holds, data_init succeeds; an id that cannot be read cleanly gives a
 // fresh one, which the file then holds. Each case is one process.
@@ -299,7 +262,7 @@ TEST_P(PrefsFile, DataInitGetsUsableId) {
     const PrefsCase& c = GetParam();
     RUN_SCENARIO({
         const std::string home = getenv("HOME");
-        write_prefs(home, c.bytes());
+        write_prefs(home, c.bytes);
         ASSERT_EQ(0, init_on_small_stack(root));
         const std::string did = Velto::g_base_info["did"];
         if (c.did) {
@@ -341,7 +304,9 @@ TEST_F(LinuxLeaves, UuidForms) {
     EXPECT_TRUE(source.empty() || (is_upper_uuid(id) && id.find(source) == std::string::npos)) << id;
 }
 
-TEST_F(LinuxLeaves, NewFileCreatedAndReadBack) {
+// A new file holds the new id alone and is read back; a stored id that is too short is replaced and
+// the file's other keys are kept.
+TEST_F(LinuxLeaves, PreferencesFileWrittenAndReadBack) {
     const std::string& home = home_.path();
     ASSERT_FALSE(leaves_.prefs_exists());
     std::string id = Velto::client_sign(leaves_);
@@ -351,15 +316,11 @@ TEST_F(LinuxLeaves, NewFileCreatedAndReadBack) {
     Velto::get_files(prefs_dir(home), files);
     EXPECT_EQ(1u, files.size());  // no temporary file left behind
     EXPECT_EQ(id, Velto::client_sign(leaves_));
-}
 
-TEST_F(LinuxLeaves, ShortIdReplacedOtherKeysKept) {
-    write_prefs(home_.path(),
-                binary_dict({{"client ID", "012345678"}, {"Client Sign", "x"}, {"other", "keep me"}}));
-    std::string id = Velto::client_sign(leaves_);
+    write_prefs(home, binary_dict({{"client ID", "012345678"}, {"Client Sign", "x"}, {"other", "keep me"}}));
+    id = Velto::client_sign(leaves_);
     expect_new_id(id);
-    EXPECT_EQ((Prefs{{"client ID", id}, {"Client Sign", "x"}, {"other", "keep me"}}),
-              read_prefs(home_.path()));
+    EXPECT_EQ((Prefs{{"client ID", id}, {"Client Sign", "x"}, {"other", "keep me"}}), read_prefs(home));
 }
 
 }  // namespace

@@ -24,47 +24,6 @@ namespace {
 
 using namespace vtest::client;
 
-// One velto-collector (plain HTTP on a free loopback port) on the database db.
-class Collector {
-  public:
-    Collector(const std::string& db, const vtest::TempDir& dir, const std::string& name,
-              std::vector<std::string> extra = {})
-        : out_(dir.file(name + ".out")), err_(dir.file(name + ".err")) {
-        port_ = vtest::free_loopback_ports(1)[0];
-        args_ = {vtest::binary_dir() + "/tools/velto-collector", "--http-port", std::to_string(port_), "--db",
-                 db};
-        args_.insert(args_.end(), extra.begin(), extra.end());
-    }
-    bool start() {
-        unlink(out_.c_str());
-        proc_.reset(new vtest::ChildProcess(args_, out_, err_));
-        return vtest::wait_until([this] { return vtest::has(out(), "listening on") || exited(); }, 20000) &&
-               !exited();
-    }
-    void kill() {
-        proc_->signal(SIGKILL);
-        proc_->wait(20000);
-    }
-    int stop() {
-        proc_->signal(SIGTERM);
-        return proc_->wait(20000);
-    }
-    int wait(int ms) { return proc_->wait(ms); }
-    std::string url(const std::string& path) const {
-        return "http://127.0.0.1:" + std::to_string(port_) + path;
-    }
-    std::string out() const { return vtest::read_file(out_); }
-    std::string err() const { return vtest::read_file(err_); }
-
-  private:
-    bool exited() { return proc_->wait(0) >= 0; }
-
-    std::string out_, err_;
-    int port_ = 0;
-    std::vector<std::string> args_;
-    std::unique_ptr<vtest::ChildProcess> proc_;
-};
-
 // n records of one batch: {"category":"<tag>-<i>","dtype":"event",...}.
 std::vector<std::string> batch_records(const std::string& tag, int n) {
     std::vector<std::string> out;
@@ -97,7 +56,7 @@ class CollectorPg : public ::testing::Test {
 };
 
 TEST_F(CollectorPg, TwoCollectorsShareOneDatabaseAndStoreEachRecordOnce) {
-    Collector a(pg_.url(), dir_, "a"), b(pg_.url(), dir_, "b");
+    Collector a(dir_, "a", {"--db", pg_.url()}), b(dir_, "b", {"--db", pg_.url()});
     ASSERT_TRUE(a.start()) << a.err();
     ASSERT_TRUE(b.start()) << b.err();
     // The library's own uploads, one run through each collector.
@@ -119,18 +78,14 @@ TEST_F(CollectorPg, TwoCollectorsShareOneDatabaseAndStoreEachRecordOnce) {
         << pg_.value("SELECT count(*) FROM records");
 
     // The same batches sent to both collectors at once: each stored once, the other copy a repeat.
-    const int batches = 20;
-    std::vector<std::string> replies_a(batches), replies_b(batches);
-    std::thread to_b([&] {
-        for (int i = 0; i < batches; ++i)
-            replies_b[i] = send_batch(b, "{both-" + std::to_string(i) + "}", 10);
-    });
-    for (int i = 0; i < batches; ++i) replies_a[i] = send_batch(a, "{both-" + std::to_string(i) + "}", 10);
+    std::atomic<int> taken{0};
+    const auto send_batches = [&](const Collector* c) {
+        for (int i = 0; i < 20; ++i) taken += send_batch(*c, "{both-" + std::to_string(i) + "}", 10) == kOk;
+    };
+    std::thread to_b(send_batches, &b);
+    send_batches(&a);
     to_b.join();
-    for (int i = 0; i < batches; ++i) {
-        EXPECT_EQ(kOk, replies_a[i]) << i;
-        EXPECT_EQ(kOk, replies_b[i]) << i;
-    }
+    EXPECT_EQ(40, taken.load());
     EXPECT_EQ("200", pg_.value("SELECT count(*) FROM records WHERE batch LIKE '{both-%'"));
     EXPECT_EQ("", broken_batches(pg_, "{both-%", 10));
     EXPECT_EQ("20", pg_.value("SELECT count(*) FROM requests WHERE result = 'repeat'"));
@@ -157,7 +112,7 @@ TEST_F(CollectorPg, TwoCollectorsShareOneDatabaseAndStoreEachRecordOnce) {
     // A database that holds another program's tables is refused, with one line saying why.
     pg_.column("CREATE DATABASE other");
     pg_.column("CREATE TABLE accounts (id INTEGER)", "other");
-    Collector foreign(pg_.url("other"), dir_, "foreign");
+    Collector foreign(dir_, "foreign", {"--db", pg_.url("other")});
     EXPECT_FALSE(foreign.start());
     EXPECT_EQ(2, foreign.wait(20000));
     EXPECT_TRUE(vtest::has(foreign.err(), "holds tables of another program")) << foreign.err();
@@ -165,7 +120,7 @@ TEST_F(CollectorPg, TwoCollectorsShareOneDatabaseAndStoreEachRecordOnce) {
 }
 
 TEST_F(CollectorPg, KilledCollectorLeavesWholeBatchesAndTheRetryCompletesThem) {
-    Collector c(pg_.url(), dir_, "c");
+    Collector c(dir_, "c", {"--db", pg_.url()});
     ASSERT_TRUE(c.start()) << c.err();
     const int records = 50;
     std::atomic<int> answered{0}, attempted{0};
@@ -177,7 +132,8 @@ TEST_F(CollectorPg, KilledCollectorLeavesWholeBatchesAndTheRetryCompletesThem) {
         }
     });
     EXPECT_TRUE(vtest::wait_until([&] { return answered >= 30; }, 60000));
-    c.kill();
+    c.signal(SIGKILL);
+    c.wait(20000);
     sender.join();
     EXPECT_EQ("", broken_batches(pg_, "{kill-%", records));
     EXPECT_LE(std::to_string(answered.load()), pg_.value("SELECT count(DISTINCT batch) FROM records"));
@@ -193,7 +149,7 @@ TEST_F(CollectorPg, KilledCollectorLeavesWholeBatchesAndTheRetryCompletesThem) {
 }
 
 TEST_F(CollectorPg, DatabaseStoppedAndStartedMeanwhileGives503AndLosesNothing) {
-    Collector c(pg_.url(), dir_, "c", {"--db-timeout", "1000"});
+    Collector c(dir_, "c", {"--db", pg_.url(), "--db-timeout", "1000"});
     ASSERT_TRUE(c.start()) << c.err();
     std::atomic<bool> stop{false};
     std::atomic<int> answered{0}, unavailable{0};
@@ -242,7 +198,7 @@ std::string partition_of(int64_t day) {
 // Retention by whole days: with --keep-days 3, today and the two days before stay with their
 // records; older days go, and requests older than three days with them.
 TEST_F(CollectorPg, KeepDaysDropsOldDaysAndKeepsRecentOnes) {
-    Collector first(pg_.url(), dir_, "first");
+    Collector first(dir_, "first", {"--db", pg_.url()});
     ASSERT_TRUE(first.start()) << first.err();
     EXPECT_EQ(kOk, send_batch(first, "{today}", 2));
     EXPECT_EQ(0, first.stop());
@@ -262,7 +218,7 @@ TEST_F(CollectorPg, KeepDaysDropsOldDaysAndKeepsRecentOnes) {
             ASSERT_EQ("<no row>", pg_.value(sql)) << sql;
     }
 
-    Collector keeping(pg_.url(), dir_, "keeping", {"--keep-days", "3"});
+    Collector keeping(dir_, "keeping", {"--db", pg_.url(), "--keep-days", "3"});
     ASSERT_TRUE(keeping.start()) << keeping.err();
     const std::string exists = "SELECT count(*) FROM pg_tables WHERE tablename = '";
     EXPECT_TRUE(

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "Result.h"
 #include "config_fixture.h"
 #include "tls_server.h"
 
@@ -120,7 +121,7 @@ TEST_F(ConfFetch, InitConfFetchesAfreshFromANewCollectionHost) {
     EXPECT_EQ(server_.host_port() + "\n", vtest::read_file(dir_.file("sdk.cf.host")));
 
     Velto::set_conf_endpoint_host("127.0.0.1:1");  // a new host where nothing listens
-    EXPECT_EQ(204, conf_.init_conf());
+    EXPECT_EQ(Velto::RES_SVR_REJECT, conf_.init_conf());
     EXPECT_EQ("https://127.0.0.1:1", conf_.get_str("CONF_URL"));
 }
 
@@ -130,11 +131,12 @@ TEST_F(ConfFetch, InitConfFailures) {
         int want;
         const char* log;
     } cases[] = {
-        {reply("1", 10), 204, "get_conf_frm_svr"},
-        {reply("\"0\"", 10), 204, "get_conf_frm_svr"},  // the status text must be 0, not "0"
-        {"", 204, "get_conf_frm_svr"},                  // headers only
-        {"{\"status\":0,\"conf\":{}}", 204, "svr ret: 204"},
-        {reply("0", 9), 206, "ana conf2"},
+        {reply("1", 10), Velto::RES_SVR_REJECT, "get_conf_frm_svr"},
+        {reply("\"0\"", 10), Velto::RES_SVR_REJECT,
+         "get_conf_frm_svr"},                             // the status text must be 0, not "0"
+        {"", Velto::RES_SVR_REJECT, "get_conf_frm_svr"},  // headers only
+        {"{\"status\":0,\"conf\":{}}", Velto::RES_SVR_REJECT, "svr ret: 204"},
+        {reply("0", 9), Velto::RES_CONF_REJECT, "ana conf2"},
     };
     for (const Case& c : cases) {
         write_conf_file(0);  // stale: fetched long ago
@@ -154,7 +156,7 @@ TEST_F(ConfFetch, SilentServerTimesOut) {
     conf_.set("CON_TIMEOUT", 1000);
     conf_.set("CONF_UPD_TIME", 0);
     std::string conf;
-    EXPECT_EQ(205, conf_.get_conf_frm_svr(conf));
+    EXPECT_EQ(Velto::RES_NO_REPLY, conf_.get_conf_frm_svr(conf));
     EXPECT_NEAR(Velto::os_time(), conf_.get_int("CONF_UPD_TIME"), 5);
     EXPECT_TRUE(logged("http_client"));
 }

@@ -1,13 +1,16 @@
-// Tests of the configuration file "sdk.cf" and of the validation of configuration texts: the round
-// trip through the file, the rules per key, the record-kind switches, init_conf's paths that need no
-// server (the fetch meets a closed loopback port). Arbitrary files and texts are the config_file fuzz
-// target's part.
+// Tests of the settings store (typed reads, switches, the counter, the built-in defaults, the
+// endpoint taken from the environment), of the configuration file "sdk.cf" and of the validation of
+// configuration texts: the round trip through the file, the rules per key, the record-kind switches,
+// init_conf's paths that need no server (the fetch meets a closed loopback port). Arbitrary files
+// and texts are the config_file fuzz target's part.
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "Result.h"
 #include "config_fixture.h"
 
 using Velto::Config;
@@ -29,6 +32,7 @@ std::string conf_text(Items items) {
 }
 
 using ConfFile = conftest::ConfFixture;
+using ConfigStore = conftest::ConfFixture;
 
 }  // namespace
 
@@ -146,7 +150,7 @@ TEST_F(ConfFile, DataRangeSwitchesKindsOffForGood) {
 
 TEST_F(ConfFile, InitPathsWithoutServer) {
     // Missing file: created empty, and the fetch (which finds no server) is stamped and reported.
-    EXPECT_EQ(204, conf_.init_conf());
+    EXPECT_EQ(Velto::RES_SVR_REJECT, conf_.init_conf());
     EXPECT_EQ(0, vtest::file_size(cf_path()));
     EXPECT_NEAR(Velto::os_time(), conf_.get_int("CONF_UPD_TIME"), 5);
     EXPECT_TRUE(logged("update conf from svr"));
@@ -166,9 +170,78 @@ TEST_F(ConfFile, InitPathsWithoutServer) {
     big.set("CONF_URL", std::string(800 * 1024, 'u'));
     vtest::write_file(cf_path(), fencode(big.save_conf(false)));
     ASSERT_GT(vtest::file_size(cf_path()), 1 << 20);
-    EXPECT_EQ(204, conf_.init_conf());
+    EXPECT_EQ(Velto::RES_SVR_REJECT, conf_.init_conf());
 
     conf_.set("ROOT_DIR", root() + "missing/");
-    EXPECT_EQ(203, conf_.init_conf());
+    EXPECT_EQ(Velto::RES_FILE_OPEN, conf_.init_conf());
     EXPECT_TRUE(logged("to open: " + root() + "missing/sdk.cf, errno: 2"));
+}
+
+// Integers read as far as they go, from a leading run of digits.
+TEST_F(ConfigStore, IntegerReads) {
+    const std::pair<const char*, long long> ints[] = {
+        {"", 0}, {"12abc", 12}, {"abc", 0}, {"0012", 12}, {"5000000000", 5000000000LL}};
+    for (const auto& c : ints) {
+        conf_.set("K", c.first);
+        EXPECT_EQ(c.second, conf_.get_int("K")) << c.first;
+    }
+    EXPECT_EQ(0, conf_.get_int("ABSENT"));
+    EXPECT_FALSE(conf_.has("ABSENT"));  // reading does not create the key
+}
+
+// A switch is on only for "on" in any case, nothing else.
+TEST_F(ConfigStore, SwitchIsOnOnlyForOn) {
+    const std::pair<const char*, bool> switches[] = {{"on", true}, {"On", true},   {"ON", true},
+                                                     {"1", false}, {"YES", false}, {" ON", false}};
+    for (const auto& c : switches) {
+        conf_.set("SW", c.first);
+        EXPECT_EQ(c.second, conf_.on("SW")) << c.first;
+    }
+    EXPECT_FALSE(conf_.on("ABSENT"));
+}
+
+// The error counter counts only once it is set.
+TEST_F(ConfigStore, CounterCountsOnlyOnceSet) {
+    EXPECT_EQ(0, conf_.ins("LOGERR_NUM"));
+    EXPECT_FALSE(conf_.has("LOGERR_NUM"));
+    conf_.set("LOGERR_NUM", 41);
+    EXPECT_EQ(42, conf_.ins("LOGERR_NUM"));
+    EXPECT_EQ("42", conf_.get_str("LOGERR_NUM"));
+}
+
+// The defaults replace only their own keys, and each passes the rules a file or server value must.
+TEST_F(ConfigStore, DefaultsKeepOtherKeysAndPassTheirOwnRules) {
+    for (const char* key : {"ROOT_DIR", "TID", "data_event", "SEND_GAP"}) conf_.set(key, "x");
+    EXPECT_EQ(0, conf_.load_default());
+    for (const char* key : {"ROOT_DIR", "TID", "data_event"}) EXPECT_EQ("x", conf_.get_str(key)) << key;
+    EXPECT_NE("x", conf_.get_str("SEND_GAP"));
+    const Velto::StrMap defaults = conf_.snapshot();
+    const std::string text = conf_.save_conf(false);  // as the file would hold them
+    for (const auto& kv : defaults) {
+        if (!kv.second.empty() && kv.second != "x") conf_.set(kv.first, "junk");
+    }
+    ASSERT_TRUE(conf_.ana_conf(text));
+    EXPECT_EQ(defaults, conf_.snapshot());
+}
+
+// VELTO_COLLECT_HOST replaces the built-in host only when it is a host with an optional port.
+TEST(ConfigEndpoint, EnvironmentHostOnlyWhenWellFormed) {
+    const std::string built_in = std::string("https://") + VELTO_COLLECT_HOST + "/v1/conf";
+    const std::pair<const char*, bool> cases[] = {
+        {"127.0.0.1:8443", true}, {"collect.example.com", true},
+        {"h:65535", true},        {"", false},
+        {"a b", false},           {"h:0", false},
+        {"h:65536", false},       {"h:", false},
+        {":80", false},           {"h/x", false},
+        {"h:80x", false},
+    };
+    for (const auto& c : cases) {
+        setenv("VELTO_COLLECT_HOST", c.first, 1);
+        Velto::read_collect_host_env();
+        EXPECT_EQ(c.second ? "https://" + std::string(c.first) + "/v1/conf" : built_in,
+                  Velto::conf_endpoint())
+            << c.first;
+        Velto::set_conf_endpoint_host("");
+    }
+    unsetenv("VELTO_COLLECT_HOST");
 }

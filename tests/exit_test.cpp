@@ -3,22 +3,14 @@
 // transfer, and the process must still end with its own status. Each run starts tests/hosts/exit_host
 // as a separate process against a loopback collector that holds every transfer open, over HTTPS
 // (libcurl and OpenSSL: the configuration fetch) and over the raw-socket client (a batch upload).
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "child_process.h"
 #include "delivery.h"
 #include "tls_server.h"
-
-extern char** environ;
 
 // In this process only the loopback HTTPS collector runs (the library runs in the host processes,
 // under their own sanitizer runtime). Its many overlapping held connections make ThreadSanitizer
@@ -41,26 +33,7 @@ const int kDelaysUs[] = {0,    200,  500,   1000,  1500,  2000,   3000,  4000,
                          6000, 8000, 12000, 20000, 50000, 120000, 300000};
 
 std::string host_path() {
-    const char* dir = getenv("VELTO_BINARY_DIR");
-    return std::string(dir ? dir : "..") + "/tests/hosts/exit_host";
-}
-
-// The test's environment with HOME and VELTO_COLLECT_HOST replaced ("" leaves the latter out).
-std::vector<std::string> child_environment(const std::string& home, const std::string& collect_host) {
-    std::vector<std::string> env;
-    for (char** e = environ; *e; ++e) {
-        if (strncmp(*e, "HOME=", 5) != 0 && strncmp(*e, "VELTO_COLLECT_HOST=", 19) != 0) env.push_back(*e);
-    }
-    env.push_back("HOME=" + home);
-    if (!collect_host.empty()) env.push_back("VELTO_COLLECT_HOST=" + collect_host);
-    return env;
-}
-
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-    std::vector<char*> out;
-    for (std::string& t : texts) out.push_back(&t[0]);
-    out.push_back(nullptr);
-    return out;
+    return vtest::binary_dir() + "/tests/hosts/exit_host";
 }
 
 // Runs exit_host once on root and describes how it ended when that was not status 3 ("" when it
@@ -68,43 +41,21 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 std::string run_host_on(const std::string& root, const std::string& mode, int delay_us, int events,
                         const std::string& collect_host, bool& hung) {
     vtest::TempDir home;
-    std::vector<std::string> args = {host_path(), root, mode, std::to_string(delay_us),
-                                     std::to_string(events)};
-    std::vector<std::string> env = child_environment(home.path(), collect_host);
-    std::vector<char*> argv = pointers(args), envp = pointers(env);
-    const std::string run = mode + " after " + std::to_string(delay_us) + " us: ";
-    fflush(stdout);
-    fflush(stderr);
-    pid_t pid = fork();
-    if (pid < 0) return run + "fork failed";
-    if (pid == 0) {
-        execve(argv[0], argv.data(), envp.data());
-        _exit(127);
-    }
-    int status = 0;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(kBoundSeconds);
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() >= end) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            hung = true;
-            return run + "still running after " + std::to_string(kBoundSeconds) + " s, killed";
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    if (WIFSIGNALED(status)) return run + "signal " + std::to_string(WTERMSIG(status));
-    if (WEXITSTATUS(status) != kHostStatus) return run + "status " + std::to_string(WEXITSTATUS(status));
-    return "";
+    vtest::ChildProcess host({host_path(), root, mode, std::to_string(delay_us), std::to_string(events)},
+                             home.file("out"), home.file("out"),
+                             {{"HOME", home.path()}, {"VELTO_COLLECT_HOST", collect_host}});
+    const int status = host.wait(kBoundSeconds * 1000);
+    hung = !host.ended();
+    if (status == kHostStatus) return "";
+    return mode + " after " + std::to_string(delay_us) + " us: " +
+           (hung         ? "still running after " + std::to_string(kBoundSeconds) + " s, killed"
+            : status < 0 ? "ended by a signal"
+                         : "status " + std::to_string(status)) +
+           "\n" + vtest::read_file(home.file("out"));
 }
 
-std::string run_host(const std::string& mode, int delay_us, const std::string& collect_host,
-                     const std::function<void(const std::string& root)>& prepare, bool& hung) {
-    vtest::TempDir root;
-    prepare(root.path());
-    return run_host_on(root.path(), mode, delay_us, 5, collect_host, hung);
-}
-
-// Every mode after every delay; fails with the number and the list of runs that did not end with 3.
+// Every mode after every delay, each on a fresh root made by prepare; fails with the number and the
+// list of runs that did not end with 3.
 void expect_clean_exits(const std::string& collect_host,
                         const std::function<void(const std::string&)>& prepare) {
     ASSERT_TRUE(vtest::file_exists(host_path())) << host_path();
@@ -114,7 +65,9 @@ void expect_clean_exits(const std::string& collect_host,
         for (const char* mode : kModes) {
             if (hung >= kMaxHung) break;
             bool killed = false;
-            std::string outcome = run_host(mode, delay_us, collect_host, prepare, killed);
+            vtest::TempDir root;
+            prepare(root.path());
+            std::string outcome = run_host_on(root.path(), mode, delay_us, 5, collect_host, killed);
             ++runs;
             hung += killed ? 1 : 0;
             if (!outcome.empty()) bad.push_back(outcome);
@@ -160,25 +113,22 @@ const int kShortRuns = 20;
 const int kShortRuns = 200;
 #endif
 
-// torn_ok: the process may have ended in the middle of an append, which leaves that line torn.
-void add_file_records(const std::string& path, bool torn_ok, std::vector<std::string>& out) {
-    for (const std::string& line : vtest::lines_of(vtest::read_file(path))) {
-        try {
-            if (line.size() > 11) out.push_back(Velto::Util::fdecode(line.substr(11)));
-        } catch (...) {
-            if (!torn_ok) ADD_FAILURE() << "a damaged line in " << path;
-        }
-    }
-}
-
-// The records in the message file and in the set-aside batches of root.
+// The records in the message file and in the set-aside batches of root. torn_ok: the process may
+// have ended in the middle of an append, which leaves that line torn.
 std::vector<std::string> records_on_disk(const std::string& root, bool torn_ok = false) {
     std::vector<std::string> out;
     Velto::StrList names;
     Velto::get_files(root + "/", names);
-    for (const std::string& name : names)
-        if (name == "sdk.msg" || name.compare(0, 8, "MSG_PRE_") == 0)
-            add_file_records(root + "/" + name, torn_ok, out);
+    for (const std::string& name : names) {
+        if (name != "sdk.msg" && name.compare(0, 8, "MSG_PRE_") != 0) continue;
+        for (const std::string& line : vtest::lines_of(vtest::read_file(root + "/" + name))) {
+            try {
+                if (line.size() > 11) out.push_back(Velto::Util::fdecode(line.substr(11)));
+            } catch (...) {
+                if (!torn_ok) ADD_FAILURE() << "a damaged line in " << name;
+            }
+        }
+    }
     return out;
 }
 
@@ -214,9 +164,13 @@ std::string missing_records(const std::vector<std::string>& records, int n) {
 
 enum class Collector { kAnswers, kHoldsConfiguration, kNone };
 
+class ShortLivedHost : public ::testing::TestWithParam<Collector> {};
+
 // kShortRuns runs of a host that records and returns right after data_stop: every record is in its
-// files or was taken by the collector.
-void expect_short_lived_hosts_lose_nothing(Collector kind) {
+// files or was taken by the collector, whether the collector answers, holds the configuration
+// request, or is not there.
+TEST_P(ShortLivedHost, LosesNothing) {
+    const Collector kind = GetParam();
     ASSERT_TRUE(vtest::file_exists(host_path())) << host_path();
     std::vector<std::string> bad;
     for (int run = 0; run < kShortRuns && bad.size() < 5; ++run) {
@@ -243,24 +197,22 @@ void expect_short_lived_hosts_lose_nothing(Collector kind) {
     EXPECT_TRUE(bad.empty()) << list;
 }
 
-TEST(ShortLivedHost, LosesNothingWhenTheCollectorAnswers) {
-    expect_short_lived_hosts_lose_nothing(Collector::kAnswers);
-}
-
-TEST(ShortLivedHost, LosesNothingWhileTheConfigurationRequestIsHeld) {
-    expect_short_lived_hosts_lose_nothing(Collector::kHoldsConfiguration);
-}
-
-TEST(ShortLivedHost, LosesNothingWithoutACollector) {
-    expect_short_lived_hosts_lose_nothing(Collector::kNone);
-}
+INSTANTIATE_TEST_SUITE_P(Collector, ShortLivedHost,
+                         ::testing::Values(Collector::kAnswers, Collector::kHoldsConfiguration,
+                                           Collector::kNone),
+                         [](const ::testing::TestParamInfo<Collector>& info) {
+                             return std::string(info.param == Collector::kAnswers ? "Answers"
+                                                : info.param == Collector::kNone
+                                                    ? "None"
+                                                    : "HoldsTheConfigurationRequest");
+                         });
 
 // A host that calls exit() right after its last record call, without data_stop, loses what the loop
 // had not taken yet: reported, not asserted (it depends on the scheduler).
 TEST(ShortLivedHost, ExitWithoutStopReport) {
     const int runs = 50;
     int whole = 0;
-    long long kept = 0;
+    size_t kept = 0;
     for (int run = 0; run < runs; ++run) {
         vtest::TempDir root;
         vcollect::RawServer server;
@@ -268,11 +220,10 @@ TEST(ShortLivedHost, ExitWithoutStopReport) {
         bool hung = false;
         ASSERT_EQ("", run_host_on(root.path(), "exit", 0, kShortEvents, "", hung));
         const std::vector<std::string> records = records_on_disk(root.path(), true);
-        const long long events = static_cast<long long>(records.size());
-        kept += events;
+        kept += records.size();
         whole += missing_records(records, kShortEvents).empty() ? 1 : 0;
     }
-    printf("exit() without data_stop: %lld of %d records on disk in %d runs; %d runs kept every one\n", kept,
+    printf("exit() without data_stop: %zu of %d records on disk in %d runs; %d runs kept every one\n", kept,
            runs * (kShortEvents + 1), runs, whole);
 }
 

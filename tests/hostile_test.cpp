@@ -5,12 +5,11 @@
 
 #include <algorithm>
 #include <chrono>
-#include <list>
+#include <future>
 #include <random>
 #include <string>
 #include <thread>
 
-#include "MsgFile.h"
 #include "delivery.h"
 #include "transport_fixture.h"
 #include "velto.h"
@@ -26,13 +25,10 @@ const char kRecord[] = "{\"dtype\":\"event\",\"category\":\"c\"}";
 const char k5xx[] =
     "HTTP/1.1 500 Internal Server Error\r\nContent-Type: application/json\r\nContent-Length: 12\r\n"
     "Connection: close\r\n\r\n{\"status\":0}";
-
 // A 200 reply that a client waiting long enough takes as a success: its status-0 body comes last,
 // after some hundred bytes of padding.
-std::string padded_success() {
-    const std::string body = std::string(400, ' ') + "{\"status\":0}";
-    return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-}
+const std::string kPaddedSuccess =
+    "HTTP/1.1 200 OK\r\nContent-Length: 412\r\n\r\n" + std::string(400, ' ') + "{\"status\":0}";
 
 std::string noise() {
     std::mt19937 rng(11);
@@ -40,16 +36,6 @@ std::string noise() {
     for (char& c : bytes) c = static_cast<char>(rng());
     return bytes;
 }
-
-struct Call {
-    std::string what, url;
-    bool file = false;  // send_file, else send_msg
-    bool want_ok = false;
-    int rc = -99;
-    long long ms = -1;
-    std::atomic<bool> done{false};
-    std::thread thread;
-};
 
 class Deadline : public transporttest::TransportTest, public ::testing::WithParamInterface<int> {};
 
@@ -60,7 +46,7 @@ TEST_P(Deadline, EveryTransferEndsByItsDeadline) {
     transporttest::settings().set("CON_TIMEOUT", timeout);
     const long long deadline_ms = std::max(1000, 2 * timeout);
 
-    RawServer silent(RawMode::kSilent), drip(RawMode::kDripFeed, padded_success()),
+    RawServer silent(RawMode::kSilent), drip(RawMode::kDripFeed, kPaddedSuccess),
         garbage(RawMode::kRawBytes, noise()), error(RawMode::kRawBytes, k5xx), handshake(RawMode::kSilent),
         slow(RawMode::kDelayedReply);
     vcollect::TlsServer slow_tls;
@@ -84,71 +70,44 @@ TEST_P(Deadline, EveryTransferEndsByItsDeadline) {
         // One request only: the HTTPS collector's server library races with itself on concurrent ones.
         {"TLS reply in a quarter of the deadline", slow_tls.url(), true, {false}},
     };
-    std::list<Call> calls;
+    struct Call {
+        std::string what;
+        bool want_ok;
+        std::future<std::pair<int, long long>> result;  // the call's result and its milliseconds
+    };
+    std::vector<Call> calls;
     for (const auto& s : servers) {
         for (bool file : s.files) {
-            calls.emplace_back();
-            Call& c = calls.back();
-            c.what = std::string(s.what) + (file ? ", send_file" : ", send_msg");
-            c.url = s.base + (file ? "/v1/file" : "/v1/data");
-            c.file = file;
-            c.want_ok = s.want_ok;
+            const std::string url = s.base + (file ? "/v1/file" : "/v1/data");
+            calls.push_back({std::string(s.what) + (file ? ", send_file" : ", send_msg"), s.want_ok,
+                             std::async(std::launch::async, [url, file] {
+                                 const auto start = std::chrono::steady_clock::now();
+                                 const Velto::UploadContext ctx = transporttest::upload_context();
+                                 const int rc = file ? Velto::send_file(kRecord, url.c_str(), "a.log", ctx)
+                                                     : Velto::send_msg(kRecord, url.c_str(), "data", ctx);
+                                 return std::make_pair(
+                                     rc, (long long)((std::chrono::steady_clock::now() - start) /
+                                                     std::chrono::milliseconds(1)));
+                             })});
         }
     }
-    for (Call& c : calls) {
-        c.thread = std::thread([&c] {
-            const auto start = std::chrono::steady_clock::now();
-            c.rc = c.file ? Velto::send_file(kRecord, c.url.c_str(), "a.log", transporttest::upload_context())
-                          : Velto::send_msg(kRecord, c.url.c_str(), "data", transporttest::upload_context());
-            c.ms = (std::chrono::steady_clock::now() - start) / std::chrono::milliseconds(1);
-            c.done = true;
-        });
-    }
-    auto all_done = [&] {
-        return std::all_of(calls.begin(), calls.end(), [](const Call& c) { return c.done.load(); });
-    };
-    vtest::wait_until(all_done, static_cast<int>(deadline_ms) + kSlackMs + 500);
+    const auto hung_after =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(deadline_ms + kSlackMs + 500);
+    for (Call& c : calls) c.result.wait_until(hung_after);
     // Calls still running are hung; closing their connections lets them return.
     for (RawServer* s : {&silent, &drip, &garbage, &error, &handshake, &slow}) s->stop();
-    if (!vtest::wait_until(all_done, 60000)) {
-        ADD_FAILURE() << "a call kept running after its server closed";
-        std::_Exit(1);
-    }
     for (Call& c : calls) {
-        c.thread.join();
-        if (c.want_ok) {
-            EXPECT_EQ(0, c.rc) << c.what;
-        } else {
-            EXPECT_NE(0, c.rc) << c.what;
+        if (c.result.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+            ADD_FAILURE() << c.what << ": the call kept running after its server closed";
+            std::_Exit(1);
         }
-        EXPECT_LE(c.ms, deadline_ms + kSlackMs) << c.what << " (CON_TIMEOUT " << timeout << ")";
+        const std::pair<int, long long> r = c.result.get();
+        EXPECT_EQ(c.want_ok, r.first == 0) << c.what << ": " << r.first;
+        EXPECT_LE(r.second, deadline_ms + kSlackMs) << c.what << " (CON_TIMEOUT " << timeout << ")";
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(ConTimeout, Deadline, ::testing::Values(1, 500, 999, 1000, 3000));
-
-// ---------------------------------------------------------------------------------------------
-
-class ErrorStatus : public vtest::CollectorFixture {};
-
-TEST_F(ErrorStatus, BatchIsKeptUntilTheServerAnswers200) {
-    server_.set_mode(RawMode::kRawBytes);
-    server_.set_reply(k5xx);
-    const long long now = Velto::os_time();
-    const std::string name = "MSG_PRE_{a}" + Velto::Util::ltoa(now);
-    vtest::write_file(file(name), vtest::msg_line(now, kRecord));
-    Velto::MsgFile store(conf_, uploader_);
-    EXPECT_FALSE(store.process_msgs(false));
-    EXPECT_TRUE(vtest::file_exists(file(name)));
-
-    server_.set_mode(RawMode::kReply);
-    server_.set_reply("{\"status\":0}");
-    EXPECT_TRUE(store.process_msgs(false));
-    EXPECT_FALSE(vtest::file_exists(file(name)));
-    const auto uploads = vtest::file_uploads(server_);
-    ASSERT_EQ(2u, uploads.size());
-    EXPECT_EQ(std::string(kRecord) + "\n", uploads[1].second);
-}
 
 // ---------------------------------------------------------------------------------------------
 // Records keep reaching "sdk.msg" while the background loop waits on a server that holds its
@@ -170,14 +129,6 @@ size_t events_in(const std::string& path) {
     return n;
 }
 
-// The last lines of a log, without the record calls' own lines.
-std::string tail(const std::string& log) {
-    std::string out;
-    for (const std::string& line : vtest::lines_of(log))
-        if (!has(line, ") event")) out += line + "\n";
-    return out.substr(out.size() > 3000 ? out.size() - 3000 : 0);
-}
-
 // Starts the library on a saved configuration uploading to url, waits until the server holds the
 // loop's connection, records the events and expects them in the file while the connection is held.
 void record_while_held(const std::string& root, const RawServer& holder, const std::string& url,
@@ -193,8 +144,7 @@ void record_while_held(const std::string& root, const RawServer& holder, const s
     for (int i = 0; i < kEvents; ++i)
         ASSERT_EQ(0, data_event(("e" + std::to_string(i)).c_str(), "act", nullptr, 0));
     EXPECT_TRUE(vtest::wait_until([&] { return events_in(root + "/sdk.msg") == kEvents; }, 3000))
-        << events_in(root + "/sdk.msg") << " events in the file; the log ends:\n"
-        << tail(vtest::read_file(root + "/sdk.log"));
+        << events_in(root + "/sdk.msg") << " events in the file";
     EXPECT_EQ(1u, holder.connections());
     EXPECT_EQ(1u, holder.open_connections());
 }

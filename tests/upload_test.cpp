@@ -1,7 +1,7 @@
 // The uploads: exact wire bytes on the raw-socket path, the same uploads decoded on an HTTPS
 // collector, the reply verdicts and the cases that must send nothing.
-#include "Util.h"
-#include "Zip.h"
+#include "Result.h"
+#include "collector_client.h"
 #include "transport_fixture.h"
 
 using transporttest::bounded;
@@ -36,16 +36,22 @@ std::string expected_multipart(const std::string& name, const std::string& paylo
            "\"\r\nContent-Type: application/octet-stream\r\n\r\n" + payload + kBoundary + "--\r\n";
 }
 
-std::string sealed(const std::string& data) {
-    std::vector<unsigned char> out(data.size() + 32);
-    int len = 0;
-    Velto::AES_Encode2(reinterpret_cast<const unsigned char*>(data.data()), static_cast<int>(data.size()),
-                       out.data(), len);
-    return std::string(reinterpret_cast<const char*>(out.data()), static_cast<size_t>(len));
-}
-
 vcollect::Zipped zipped_if(bool on) {
     return on ? vcollect::Zipped::kYes : vcollect::Zipped::kNo;
+}
+
+// The upload calls, bounded.
+int msg(const std::string& url) {
+    return bounded(
+        [&] { return Velto::send_msg(kRecord, url.c_str(), "data", transporttest::upload_context()); });
+}
+int file(const std::string& text, const std::string& url, const char* name) {
+    return bounded(
+        [&] { return Velto::send_file(text, url.c_str(), name, transporttest::upload_context()); });
+}
+std::string msg_res(const std::string& url) {
+    return bounded(
+        [&] { return Velto::send_msg_res(kRecord, url.c_str(), "conf", transporttest::upload_context()); });
 }
 
 }  // namespace
@@ -54,10 +60,7 @@ TEST_F(TransportTest, SendMsgRawBytes) {
     for (bool zipped : {false, true}) {
         zip(zipped);
         RawServer srv;
-        ASSERT_EQ(0, bounded([&] {
-                      return Velto::send_msg(kRecord, srv.url("/v1/data").c_str(), "data",
-                                             transporttest::upload_context());
-                  }));
+        ASSERT_EQ(0, msg(srv.url("/v1/data")));
         const auto req = srv.requests().at(0);
         EXPECT_EQ(raw_head("POST /v1/data", transporttest::kFormType, long(req.body.size())), req.head);
         const vcollect::FormFields form = vcollect::parse_form(req.body);
@@ -86,10 +89,7 @@ TEST_F(TransportTest, SendFileRawBytes) {
         const bool zipped = c.zipped;
         zip(zipped);
         RawServer srv;
-        ASSERT_EQ(0, bounded([&] {
-                      return Velto::send_file(c.text, srv.url("/v1/file").c_str(), "sdk_x.log",
-                                              transporttest::upload_context());
-                  }));
+        ASSERT_EQ(0, file(c.text, srv.url("/v1/file"), "sdk_x.log"));
         const auto req = srv.requests().at(0);
         EXPECT_EQ(raw_head("POST /v1/file", "Content-Type:multipart/form-data;boundary=70db372eb000e2ax\r\n",
                            long(req.body.size())),
@@ -101,7 +101,7 @@ TEST_F(TransportTest, SendFileRawBytes) {
         EXPECT_EQ(expected_multipart("sdk_x.log", file->data), req.body);
         EXPECT_EQ(c.length, file->data.substr(0, 4));
         if (!zipped) {
-            EXPECT_EQ(sealed(c.text), file->data.substr(4));
+            EXPECT_EQ(vtest::client::file_payload(uint32_t(c.text.size()), c.text), file->data);
         }
         vcollect::FilePayload decoded;
         ASSERT_TRUE(vcollect::decode_file_payload(file->data, decoded, zipped_if(zipped)));
@@ -114,14 +114,8 @@ TEST_F(TransportTest, UploadsOverHttpsDecodeOnTheServer) {
     ASSERT_TRUE(srv.ok());
     for (bool zipped : {false, true}) {
         zip(zipped);
-        ASSERT_EQ(0, bounded([&] {
-                      return Velto::send_msg(kRecord, srv.url("/v1/data").c_str(), "data",
-                                             transporttest::upload_context());
-                  }));
-        ASSERT_EQ(0, bounded([&] {
-                      return Velto::send_file(kLogText, srv.url("/v1/file").c_str(), "up.log",
-                                              transporttest::upload_context());
-                  }));
+        ASSERT_EQ(0, msg(srv.url("/v1/data")));
+        ASSERT_EQ(0, file(kLogText, srv.url("/v1/file"), "up.log"));
     }
     const auto reqs = srv.requests();
     ASSERT_EQ(4u, reqs.size());
@@ -173,31 +167,22 @@ TEST_F(TransportTest, ReplyVerdicts) {
         const char* data;
     } cases[] = {
         {RawMode::kReply, "{\"status\":0}", 0, false, ""},
-        {RawMode::kReply, "{\"status\":\"0\",\"data\":\"x\"}", 204, true, "\"x\""},
-        {RawMode::kReply, "{\"status\":1,\"data\":{\"a\":\"1\"}}", 204, true, "\"a\":\"1\""},
-        {RawMode::kRawBytes, "{}", 204, false, ""},
+        {RawMode::kReply, "{\"status\":\"0\",\"data\":\"x\"}", Velto::RES_SVR_REJECT, true, "\"x\""},
+        {RawMode::kReply, "{\"status\":1,\"data\":{\"a\":\"1\"}}", Velto::RES_SVR_REJECT, true,
+         "\"a\":\"1\""},
+        {RawMode::kRawBytes, "{}", Velto::RES_SVR_REJECT, false, ""},
     };
     for (const auto& c : cases) {
         RawServer srv(c.mode, c.reply);
         const size_t log_before = log_text().size();
-        EXPECT_EQ(c.msg_rc, bounded([&] {
-                      return Velto::send_msg(kRecord, srv.url().c_str(), "data",
-                                             transporttest::upload_context());
-                  }))
-            << c.reply;
+        EXPECT_EQ(c.msg_rc, msg(srv.url())) << c.reply;
         const std::string added = log_text().substr(log_before);
         EXPECT_TRUE(c.logs ? added.find("http_client") != std::string::npos : added.empty())
             << c.reply << added;
-        EXPECT_EQ(c.data, bounded([&] {
-                      return Velto::send_msg_res(kRecord, srv.url().c_str(), "conf",
-                                                 transporttest::upload_context());
-                  }));
+        EXPECT_EQ(c.data, msg_res(srv.url()));
     }
     RawServer srv(RawMode::kReply, "{\"status\":2}");
-    EXPECT_EQ(204, bounded([&] {
-                  return Velto::send_file(kLogText, srv.url().c_str(), "a.log",
-                                          transporttest::upload_context());
-              }));
+    EXPECT_EQ(Velto::RES_SVR_REJECT, file(kLogText, srv.url(), "a.log"));
     EXPECT_TRUE(logged("http response: HTTP/1.1 200 OK\r\n"));
     EXPECT_TRUE(logged("{\"status\":2}"));
 }
@@ -215,9 +200,7 @@ TEST_F(TransportTest, CapitalHttpsGoesToTheRawClient) {
     TlsServer srv;
     std::string url = srv.url("/v1/data");
     url.replace(0, 5, "HTTPS");
-    EXPECT_EQ(205, bounded([&] {
-                  return Velto::send_msg(kRecord, url.c_str(), "data", transporttest::upload_context());
-              }));
+    EXPECT_EQ(Velto::RES_NO_REPLY, msg(url));
     EXPECT_TRUE(logged("err url head: " + url));
     EXPECT_EQ(0u, srv.requests().size());
 }

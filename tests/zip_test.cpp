@@ -1,7 +1,6 @@
-// Tests of the payload envelope: Base64 (against OpenSSL and against the decoders' documented rules
-// on odd input), the padding rule checked by deciphering with OpenSSL under the built-in key and IV,
-// whole envelopes rebuilt with OpenSSL, fencode/fdecode and their stripping rule, zlib, and use from
-// several threads. Arbitrary bytes into the decoders are the envelope fuzz target's part.
+// Tests of the payload envelope: Base64 against OpenSSL, whole envelopes rebuilt with OpenSSL under
+// the built-in key and IV, fencode/fdecode and their stripping rule, zlib, and use from several threads.
+// Arbitrary bytes into the decoders are the envelope fuzz target's part.
 #include "Zip.h"
 
 #include <gtest/gtest.h>
@@ -34,19 +33,6 @@ std::string random_text(std::mt19937& rng, size_t n, int lo = 0x20, int hi = 0x7
     return s;
 }
 
-Bytes openssl_decipher(const Bytes& in) {
-    EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
-    Bytes out(in.size() + 16);
-    int n = 0, tail = 0;
-    EXPECT_EQ(1, EVP_DecryptInit_ex(ctx, EVP_aes_256_cbc(), nullptr, kKey, kIv));
-    EVP_CIPHER_CTX_set_padding(ctx, 0);
-    EXPECT_EQ(1, EVP_DecryptUpdate(ctx, out.data(), &n, in.data(), int(in.size())));
-    EXPECT_EQ(1, EVP_DecryptFinal_ex(ctx, out.data() + n, &tail));
-    EVP_CIPHER_CTX_free(ctx);
-    out.resize(size_t(n + tail));
-    return out;
-}
-
 // The envelope built with OpenSSL alone: padding, AES-256-CBC, EVP_EncodeBlock.
 std::string openssl_envelope(const std::string& plain) {
     std::string padded = plain;
@@ -63,28 +49,6 @@ std::string openssl_envelope(const std::string& plain) {
     return std::string(reinterpret_cast<char*>(text.data()), size_t(m));
 }
 
-// The strict decoder's rules, written out: groups of four up to the end of the text, missing places
-// read as NUL; every byte outside the alphabet (NUL and "=" included) has the value 255; "=" in the
-// third place ends after one byte, in the fourth after two.
-Bytes reference_decode(const std::string& text) {
-    Bytes out;
-    for (size_t i = 0; i < text.size(); i += 4) {
-        char c[4];
-        unsigned d[4];
-        for (int k = 0; k < 4; k++) {
-            c[k] = i + size_t(k) < text.size() ? text[i + size_t(k)] : '\0';
-            const size_t at = c[k] == 0 ? std::string::npos : Velto::base64_chars.find(c[k]);
-            d[k] = at == std::string::npos ? 255u : unsigned(at);
-        }
-        out.push_back(static_cast<unsigned char>((d[0] << 2) | ((d[1] >> 4) & 3)));
-        if (c[2] == '=') break;
-        out.push_back(static_cast<unsigned char>((d[1] << 4) | ((d[2] >> 2) & 15)));
-        if (c[3] == '=') break;
-        out.push_back(static_cast<unsigned char>((d[2] << 6) | (d[3] & 63)));
-    }
-    return out;
-}
-
 std::string aes_encode(const std::string& plain) {
     std::vector<char> out(plain.size() * 2 + 64);
     EXPECT_EQ(0,
@@ -93,31 +57,6 @@ std::string aes_encode(const std::string& plain) {
 }
 
 }  // namespace
-
-// n plain bytes become ceil(n / 16) blocks, never an extra one: 16 bytes give 24 Base64 characters
-// ending "==", 17 give 44. The padding bytes all hold 16 - n % 16, as OpenSSL shows.
-TEST(Zip, EnvelopePadsToWholeBlocksOnly) {
-    std::mt19937 rng(21);
-    for (size_t len = 1; len <= 64; len++) {
-        const std::string plain = random_text(rng, len, 0, 255), text = aes_encode(plain);
-        const size_t n = (len + 15) / 16 * 16;
-        EXPECT_EQ((n + 2) / 3 * 4, text.size()) << len;
-        EXPECT_EQ(std::string((3 - n % 3) % 3, '='), text.substr(text.find_last_not_of('=') + 1)) << len;
-        Bytes wire(text.size());
-        wire.resize(size_t(Velto::base64_decode(text.c_str(), wire.data())));
-        ASSERT_EQ(n, wire.size()) << len;
-
-        Bytes raw(n);
-        int raw_len = 0;
-        ASSERT_EQ(0, Velto::AES_Encode2(uc(plain), int(len), raw.data(), raw_len));
-        EXPECT_EQ(int(n), raw_len);
-        EXPECT_EQ(wire, raw) << len;
-
-        const Bytes clear = openssl_decipher(wire);
-        EXPECT_EQ(plain, std::string(clear.begin(), clear.begin() + long(len)));
-        for (size_t i = len; i < n; i++) EXPECT_EQ(16 - len % 16, clear[i]) << len;
-    }
-}
 
 TEST(Zip, BadOrEmptyArguments) {
     unsigned char buf[64];
@@ -133,18 +72,6 @@ TEST(Zip, BadOrEmptyArguments) {
     EXPECT_EQ("", Velto::Util::fencode(nullptr, 5));
     EXPECT_EQ("", Velto::Util::fdecode(std::string()));
     EXPECT_EQ("", Velto::base64_encode(uc("abc"), 0));
-}
-
-TEST(Zip, FdecodeReversesFencode) {
-    std::mt19937 rng(22);
-    for (const std::string& plain :
-         {std::string("A"), std::string(16, 'q'), std::string(17, 'r'), random_text(rng, 600),
-          std::string("{\"k\":\"\\u00e9 tab\there\"}x\x10")}) {
-        const std::string token = Velto::Util::fencode(plain);
-        EXPECT_EQ(token, Velto::Util::fencode(plain.data(), (long long)plain.size()));
-        EXPECT_EQ(token.find_first_not_of(Velto::base64_chars + "="), std::string::npos);
-        EXPECT_EQ(plain, Velto::Util::fdecode(token));
-    }
 }
 
 TEST(Zip, FdecodeStripsTrailingBytesThatReadAsSmallSignedChars) {
@@ -167,23 +94,6 @@ TEST(Zip, FdecodeThrowsWhenTheDecodedLengthIsNotWholeBlocks) {
     unsigned char out[8] = {1};
     EXPECT_THROW(Velto::AES_Decode("", out), std::exception);
     EXPECT_EQ(0, out[0]);
-}
-
-TEST(Zip, Base64KnownAnswers) {
-    const std::pair<std::string, std::string> rfc[] = {{"f", "Zg=="},          {"fo", "Zm8="},
-                                                       {"foo", "Zm9v"},        {"foob", "Zm9vYg=="},
-                                                       {"foobar", "Zm9vYmFy"}, {"", ""}};
-    for (const auto& c : rfc) {
-        EXPECT_EQ(c.second, Velto::base64_encode(uc(c.first), unsigned(c.first.size())));
-        unsigned char out[8] = {0};
-        ASSERT_EQ(int(c.first.size()), Velto::base64_decode(c.second.c_str(), out)) << c.second;
-        EXPECT_EQ(c.first, std::string(reinterpret_cast<char*>(out), c.first.size()));
-    }
-    // The tolerant form keeps the whole groups before the first "=" or foreign byte.
-    EXPECT_EQ("foobar", Velto::base64_decode(std::string("Zm9vYmFy")));
-    EXPECT_EQ("foo", Velto::base64_decode(std::string("Zm9vYg==")));
-    EXPECT_EQ("foo", Velto::base64_decode(std::string("Zm9v\nYmFy")));
-    EXPECT_EQ("", Velto::base64_decode(std::string("Zm9")));
 }
 
 TEST(Zip, ZipRoundTripsAndRespectsCapacities) {
@@ -209,8 +119,8 @@ TEST(Zip, ZipRoundTripsAndRespectsCapacities) {
 }
 
 // Every length up to a few hundred bytes (the encoder works in pieces of several blocks) and a few
-// large ones: AES_Encode, AES_Encode2 and fencode give exactly the envelope OpenSSL builds, and the
-// decoders take it back.
+// large ones: AES_Encode, AES_Encode2 and fencode give exactly the envelope OpenSSL builds (whole
+// blocks only, never an extra one, padded with 16 - n % 16), and the decoders take it back.
 TEST(Zip, EnvelopeMatchesOneBuiltWithOpenSsl) {
     std::mt19937 rng(23);
     std::vector<size_t> lengths;
@@ -220,6 +130,7 @@ TEST(Zip, EnvelopeMatchesOneBuiltWithOpenSsl) {
         const std::string plain = random_text(rng, len, 0, 255), expected = openssl_envelope(plain);
         ASSERT_EQ(expected, aes_encode(plain)) << len;
         ASSERT_EQ(expected, Velto::Util::fencode(plain)) << len;
+        ASSERT_EQ(expected, Velto::Util::fencode(plain.data(), (long long)len)) << len;
         Bytes raw(len + 16);
         int raw_len = 0;
         ASSERT_EQ(0, Velto::AES_Encode2(uc(plain), int(len), raw.data(), raw_len));
@@ -233,9 +144,9 @@ TEST(Zip, EnvelopeMatchesOneBuiltWithOpenSsl) {
     }
 }
 
-// Base64 against OpenSSL on random bytes, and both decoders against their rules on text mixing the
-// alphabet with "=", NUL-free foreign bytes and odd lengths.
-TEST(Zip, Base64MatchesOpenSslAndTheDecodersKeepTheirRulesOnOddInput) {
+// Base64 against OpenSSL on random bytes of every length; the tolerant decoder keeps the whole groups
+// before the first "=" or foreign byte.
+TEST(Zip, Base64MatchesOpenSsl) {
     std::mt19937 rng(24);
     for (size_t len = 0; len < 300; len++) {
         const std::string bytes = random_text(rng, len, 0, 255);
@@ -248,25 +159,12 @@ TEST(Zip, Base64MatchesOpenSslAndTheDecodersKeepTheirRulesOnOddInput) {
         EXPECT_EQ(Bytes(bytes.begin(), bytes.end()), out) << len;
         EXPECT_EQ(bytes.substr(0, len / 3 * 3), Velto::base64_decode(text)) << len;
     }
-
-    const std::string odd = Velto::base64_chars + "====\x01!\xff ";
-    for (int iter = 0; iter < 3000; iter++) {
-        std::string text(rng() % 40, ' ');
-        for (auto& c : text) c = rng() % 4 ? Velto::base64_chars[rng() % 64] : odd[rng() % odd.size()];
-        Bytes out(text.size() / 4 * 3 + 3);
-        const Bytes expected = reference_decode(text);
-        out.resize(size_t(Velto::base64_decode(text.c_str(), out.data())));
-        ASSERT_EQ(expected, out) << text;
-
-        // The tolerant form: whole groups before the first byte outside the alphabet.
-        const size_t end = std::min(text.find_first_not_of(Velto::base64_chars), text.size());
-        const Bytes whole = reference_decode(text.substr(0, end / 4 * 4));
-        EXPECT_EQ(std::string(whole.begin(), whole.end()), Velto::base64_decode(text)) << text;
-    }
+    EXPECT_EQ("foo", Velto::base64_decode(std::string("Zm9v\nYmFy")));  // up to the first foreign byte
 }
 
 // The envelope from several threads at once (the background loop and host threads do this); each
-// result must be the single-threaded one. Under ThreadSanitizer this checks the shared cipher.
+// result must be the single-threaded one. Under ThreadSanitizer this checks the shared keyed cipher,
+// each thread running its own chain.
 TEST(Zip, EnvelopeFromSeveralThreads) {
     std::mt19937 rng(25);
     std::vector<std::string> plains, tokens;

@@ -50,8 +50,9 @@ inline std::vector<int> free_loopback_ports(int n) {
 }
 
 // A program in a child process, its standard output and error in files (the same file when out ==
-// err). Killed if it outlives the object. With own_group, it runs in a process group of its own that
-// is asked to end (SIGTERM, 10 s) and then killed as a whole, and it dies if the test process dies.
+// err), env set (an empty value unset) in its environment. Killed if it outlives the object. With own_group,
+// it runs in a process group of its own that is asked to end (SIGTERM, 10 s) and then killed as a whole, and
+// it dies if the test process dies.
 class ChildProcess {
   public:
     ChildProcess(std::vector<std::string> args, const std::string& out, const std::string& err,
@@ -69,7 +70,8 @@ class ChildProcess {
             setpgid(0, 0);
             prctl(PR_SET_PDEATHSIG, SIGKILL);
         }
-        for (const auto& kv : env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+        for (const auto& kv : env)  // an empty value removes the variable
+            kv.second.empty() ? unsetenv(kv.first.c_str()) : setenv(kv.first.c_str(), kv.second.c_str(), 1);
         const int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         const int e = err == out ? o : open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         if (o >= 0 && e >= 0 && dup2(o, 1) >= 0 && dup2(e, 2) >= 0) execv(argv[0], argv.data());
@@ -90,6 +92,7 @@ class ChildProcess {
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     void signal(int sig) { kill(pid_, sig); }
+    bool ended() const { return status_ >= 0; }  // reaped by wait()
     // The exit status, or -1 when the process is still running after timeout_ms or died of a signal.
     int wait(int timeout_ms) {
         wait_until(

@@ -1,12 +1,15 @@
 // A small HTTP client for the tests that drive velto-collector (tools, collector_pg): requests over
-// libcurl (no certificate check, bounded), and the bodies the library sends: a record form, a file
-// payload and a batch upload.
+// libcurl (no certificate check, bounded), the bodies the library sends (a record form, a file
+// payload and a batch upload), and the collector itself as a child process.
 #ifndef VELTO_TESTS_COLLECTOR_CLIENT_H
 #define VELTO_TESTS_COLLECTOR_CLIENT_H
 
 #include <curl/curl.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,6 +17,7 @@
 #include "HttpClient.h"
 #include "Util.h"
 #include "Zip.h"
+#include "child_process.h"
 
 namespace vtest {
 namespace client {
@@ -88,6 +92,65 @@ inline std::string batch_upload(const std::string& batch, const std::vector<std:
     for (const std::string& r : records) text += r + "\n";
     return multipart({{"sdk_log", batch}, {"file", file_payload(static_cast<uint32_t>(text.size()), text)}});
 }
+
+// velto-collector of this build in a child process, its output in dir/<name>.out and .err, every
+// start on fresh loopback ports for http:// and https:// (its certificate in dir/<name>.cert).
+class Collector {
+  public:
+    Collector(const TempDir& dir, const std::string& name, std::vector<std::string> args = {})
+        : dir_(dir), name_(name), args_(std::move(args)) {}
+
+    // The command line on the current ports, with extra arguments after the constructor's.
+    std::vector<std::string> command(const std::vector<std::string>& extra = {}) const {
+        std::vector<std::string> c = {binary_dir() + "/tools/velto-collector",
+                                      "--http-port",
+                                      std::to_string(http_port),
+                                      "--https-port",
+                                      std::to_string(https_port),
+                                      "--cert-dir",
+                                      file("cert")};
+        c.insert(c.end(), args_.begin(), args_.end());
+        c.insert(c.end(), extra.begin(), extra.end());
+        return c;
+    }
+    // Starts it and waits (bounded) until its output shows ready; false when it ended before.
+    bool start(const std::vector<std::string>& extra = {}, const std::string& ready = "listening on") {
+        const std::vector<int> ports = free_loopback_ports(2);
+        http_port = ports[0];
+        https_port = ports[1];
+        unlink(file("out").c_str());  // a restart waits for its own ready line
+        proc_.reset(new ChildProcess(command(extra), file("out"), file("err")));
+        const auto ready_or_ended = [&] {
+            proc_->wait(0);
+            return proc_->ended() || out().find(ready) != std::string::npos;
+        };
+        return wait_until(ready_or_ended, 20000) && !proc_->ended();
+    }
+    int stop() {
+        proc_->signal(SIGTERM);
+        return proc_->wait(20000);
+    }
+    void signal(int sig) { proc_->signal(sig); }
+    int wait(int timeout_ms) { return proc_->wait(timeout_ms); }
+    std::string url(const std::string& path) const {
+        return "http://127.0.0.1:" + std::to_string(http_port) + path;
+    }
+    std::string https_url(const std::string& path) const {
+        return "https://127.0.0.1:" + std::to_string(https_port) + path;
+    }
+    std::string out() const { return read_file(file("out")); }
+    std::string err() const { return read_file(file("err")); }
+
+    int http_port = 0, https_port = 0;
+
+  private:
+    std::string file(const std::string& kind) const { return dir_.file(name_ + "." + kind); }
+
+    const TempDir& dir_;
+    std::string name_;
+    std::vector<std::string> args_;
+    std::unique_ptr<ChildProcess> proc_;
+};
 
 }  // namespace client
 }  // namespace vtest

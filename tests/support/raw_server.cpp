@@ -30,29 +30,26 @@ std::string lower(std::string s) {
 // Waits up to kTickMs for fd to become readable: 1 readable, 0 not yet, -1 error.
 int wait_readable(int fd) {
     pollfd p = {fd, POLLIN, 0};
-    int r = poll(&p, 1, kTickMs);
-    if (r < 0) return errno == EINTR ? 0 : -1;
-    return r > 0 ? 1 : 0;
+    const int r = poll(&p, 1, kTickMs);
+    return r < 0 ? (errno == EINTR ? 0 : -1) : r > 0;
 }
 
+// Each send waits at most kSendTimeoutMs for the client to take bytes.
 bool send_all(int fd, const std::string& bytes) {
-    size_t sent = 0;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kSendTimeoutMs);
-    while (sent < bytes.size()) {
-        ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (n > 0) {
-            sent += static_cast<size_t>(n);
-            continue;
-        }
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) &&
-            std::chrono::steady_clock::now() < deadline) {
-            pollfd p = {fd, POLLOUT, 0};
-            poll(&p, 1, kTickMs);
-            continue;
-        }
-        return false;
+    const timeval limit = {kSendTimeoutMs / 1000, 0};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    for (size_t sent = 0; sent < bytes.size();) {
+        const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0 && errno != EINTR) return false;
+        sent += n > 0 ? static_cast<size_t>(n) : 0;
     }
     return true;
+}
+
+// Sleeps ms in small steps, ending early when stop is set.
+void pause(int ms, const std::atomic<bool>& stop) {
+    for (int waited = 0; waited < ms && !stop; waited += 5)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
 }
 
 std::string http_response(const std::string& body) {
@@ -60,18 +57,8 @@ std::string http_response(const std::string& body) {
            std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
 }
 
-// Closing with a zero linger time sends a reset instead of an orderly end.
-void reset_and_close(int fd) {
-    linger lg = {1, 0};
-    setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
-    close(fd);
-}
-
 size_t content_length(const std::string& head) {
-    const std::string lowered = lower(head);
-    size_t at = lowered.find("\ncontent-length:");
-    if (at == std::string::npos) return 0;
-    unsigned long long n = strtoull(head.c_str() + at + 16, nullptr, 10);
+    const unsigned long long n = strtoull(RawRequest{head, ""}.header("Content-Length").c_str(), nullptr, 10);
     return n > kMaxBody ? kMaxBody : static_cast<size_t>(n);
 }
 
@@ -105,11 +92,9 @@ RawServer::RawServer(RawMode mode, const std::string& reply) : mode_(mode), repl
     if (listen_fd_ < 0) return;
     int one = 1;
     setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in addr;
-    memset(&addr, 0, sizeof addr);
+    sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
     socklen_t len = sizeof addr;
     if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
         listen(listen_fd_, 16) != 0 ||
@@ -171,24 +156,18 @@ void RawServer::accept_loop() {
         if (fd < 0) continue;
         ++connections_;
         ++open_;
-        RawMode mode;
-        std::string reply;
-        int delay_ms;
-        {
-            std::lock_guard<std::mutex> hold(m_);
-            mode = mode_;
-            reply = reply_;
-            delay_ms = delay_ms_;
-        }
+        std::unique_lock<std::mutex> hold(m_);
+        const RawMode mode = mode_;
+        const std::string reply = reply_;
+        const int delay_ms = delay_ms_;
+        hold.unlock();
         auto done = std::make_shared<std::atomic<bool>>(false);
-        Conn conn;
-        conn.done = done;
-        conn.thread = std::thread([this, fd, mode, reply, delay_ms, done] {
-            serve(fd, mode, reply, delay_ms);
-            --open_;
-            *done = true;
-        });
-        conns_.push_back(std::move(conn));
+        conns_.push_back(Conn{std::thread([this, fd, mode, reply, delay_ms, done] {
+                                  serve(fd, mode, reply, delay_ms);
+                                  --open_;
+                                  *done = true;
+                              }),
+                              done});
     }
 }
 
@@ -213,42 +192,20 @@ void RawServer::serve(int fd, RawMode mode, const std::string& reply, int delay_
         close(fd);
         return;
     }
-    switch (mode) {
-        case RawMode::kDelayedReply: {
-            auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(delay_ms);
-            while (!stop_ && std::chrono::steady_clock::now() < until)
-                std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            send_all(fd, http_response(reply));
-            break;
-        }
-        case RawMode::kReply:
-            send_all(fd, http_response(reply));
-            break;
-        case RawMode::kReplyKeepOpen:
-            send_all(fd, http_response(reply));
-            wait_for_close(fd);
-            break;
-        case RawMode::kSilent:
-            wait_for_close(fd);
-            break;
-        case RawMode::kClose:
-            break;
-        case RawMode::kRawBytes:
-            send_all(fd, reply);
-            break;
-        case RawMode::kResetMidReply:
-            send_all(fd, reply);
-            reset_and_close(fd);
-            return;
-        case RawMode::kDripFeed:
-            // A slow server, or one that keeps a client busy on purpose: every byte is news, so a
-            // client whose time-out restarts on each one would wait for the whole reply.
-            for (size_t i = 0; i < reply.size() && !stop_; ++i) {
-                if (!send_all(fd, reply.substr(i, 1))) break;
-                for (int waited = 0; waited < delay_ms && !stop_; waited += 5)
-                    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            }
-            break;
+    if (mode == RawMode::kDelayedReply) pause(delay_ms, stop_);
+    if (mode == RawMode::kReply || mode == RawMode::kDelayedReply || mode == RawMode::kReplyKeepOpen)
+        send_all(fd, http_response(reply));
+    if (mode == RawMode::kRawBytes || mode == RawMode::kResetMidReply) send_all(fd, reply);
+    if (mode == RawMode::kReplyKeepOpen || mode == RawMode::kSilent) wait_for_close(fd);
+    // A slow server, or one that keeps a client busy on purpose: every byte is news, so a client
+    // whose time-out restarts on each one would wait for the whole reply.
+    for (size_t i = 0; mode == RawMode::kDripFeed && i < reply.size() && !stop_; ++i) {
+        if (!send_all(fd, reply.substr(i, 1))) break;
+        pause(delay_ms, stop_);
+    }
+    if (mode == RawMode::kResetMidReply) {  // a zero linger time sends a reset instead of an orderly end
+        const linger lg = {1, 0};
+        setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
     }
     close(fd);
 }
@@ -257,36 +214,25 @@ void RawServer::serve(int fd, RawMode mode, const std::string& reply, int delay_
 // the head ran too long or the server is stopping before the request was whole.
 bool RawServer::read_request(int fd, RawRequest& req) {
     std::string data;
-    size_t head_end = std::string::npos;
-    size_t want = 0;
     char buf[8192];
-    bool complete = false;
     while (!stop_) {
-        if (head_end == std::string::npos) {
-            head_end = data.find("\r\n\r\n");
-            if (head_end != std::string::npos) {
-                head_end += 4;
-                want = content_length(data.substr(0, head_end));
-            } else if (data.size() > kMaxHead) {
-                break;
-            }
-        }
-        if (head_end != std::string::npos && data.size() - head_end >= want) {
-            complete = true;
+        const size_t head_end = data.find("\r\n\r\n");
+        if (head_end != std::string::npos) {
+            req.head = data.substr(0, head_end + 4);
+            if (data.size() - req.head.size() >= content_length(req.head)) break;
+        } else if (data.size() > kMaxHead) {
             break;
         }
-        int ready = wait_readable(fd);
+        const int ready = wait_readable(fd);
         if (ready < 0) break;
         if (ready == 0) continue;
-        ssize_t n = recv(fd, buf, sizeof buf, 0);
+        const ssize_t n = recv(fd, buf, sizeof buf, 0);
         if (n <= 0) break;
         data.append(buf, static_cast<size_t>(n));
     }
-    if (head_end != std::string::npos) {
-        req.head = data.substr(0, head_end);
-        req.body = data.substr(head_end, want);
-    }
-    return complete;
+    const size_t want = content_length(req.head);  // what has come of the body, also when not all of it
+    req.body = req.head.empty() ? "" : data.substr(req.head.size(), want);
+    return !req.head.empty() && req.body.size() == want;
 }
 
 // Keeps the connection open, discarding anything the client still sends, until it closes.
@@ -301,10 +247,9 @@ void RawServer::wait_for_close(int fd) {
 }
 
 void RawServer::record(RawRequest req) {
-    {
-        std::lock_guard<std::mutex> hold(m_);
-        requests_.push_back(std::move(req));
-    }
+    std::unique_lock<std::mutex> hold(m_);
+    requests_.push_back(std::move(req));
+    hold.unlock();
     cv_.notify_all();
 }
 

@@ -3,10 +3,7 @@
 #include "tls_server.h"
 
 #include <curl/curl.h>
-#include <fcntl.h>
 #include <httplib.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -15,12 +12,15 @@
 #include <mutex>
 #include <thread>
 
+#include "scenario.h"
+
 namespace vcollect {
 
 namespace {
 
 const char kDefaultReply[] = "{\"status\":0}";
 const size_t kMaxPayload = 64u << 20;
+const char* const kPaths[] = {"/v1/data", "/v1/file", "/v1/conf"};
 
 std::string lower(std::string s) {
     for (char& c : s) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
@@ -36,10 +36,8 @@ std::string TlsRequest::header(const std::string& name) const {
     return "";
 }
 
-const char* const TlsServer::kPaths[3] = {"/v1/data", "/v1/file", "/v1/conf"};
-
 struct TlsServer::Impl {
-    std::string dir;
+    vtest::TempDir dir;
     std::unique_ptr<httplib::SSLServer> server;
     std::thread thread;
     int port = -1;
@@ -52,31 +50,11 @@ struct TlsServer::Impl {
     int delay_ms = 0;
     std::vector<TlsRequest> requests;
 
-    std::string cert_path() const { return dir + "/cert.pem"; }
-    std::string key_path() const { return dir + "/key.pem"; }
-
-    bool make_dir() {
-        const char* base = getenv("TMPDIR");
-        std::string tmpl = std::string(base && *base ? base : "/tmp") + "/velto-tls-XXXXXX";
-        if (!mkdtemp(&tmpl[0])) return false;
-        dir = tmpl;
-        return true;
-    }
-
-    void remove_dir() {
-        if (dir.empty()) return;
-        unlink(cert_path().c_str());
-        unlink(key_path().c_str());
-        rmdir(dir.c_str());
-        dir.clear();
-    }
+    std::string cert_path() const { return dir.file("cert.pem"); }
+    std::string key_path() const { return dir.file("key.pem"); }
 
     static TlsRequest start_record(const httplib::Request& req) {
-        TlsRequest r;
-        r.method = req.method;
-        r.path = req.path;
-        for (const auto& h : req.headers) r.headers.emplace(h.first, h.second);
-        return r;
+        return TlsRequest{req.method, req.path, {req.headers.begin(), req.headers.end()}, "", {}};
     }
 
     void answer(const std::string& path, TlsRequest rec, httplib::Response& res) {
@@ -128,7 +106,7 @@ struct TlsServer::Impl {
     }
 
     bool start() {
-        if (!make_dir() || !make_self_signed_cert(cert_path(), key_path())) return false;
+        if (!make_self_signed_cert(cert_path(), key_path())) return false;
         server.reset(new httplib::SSLServer(cert_path().c_str(), key_path().c_str()));
         if (!server->is_valid()) return false;
         server->set_keep_alive_timeout(1);
@@ -170,32 +148,15 @@ struct TlsServer::Impl {
         stopping = true;
         if (server) server->stop();
         if (thread.joinable()) thread.join();
-        remove_dir();
     }
 };
 
-TlsServer::TlsServer() : impl_(new Impl) {
-    if (!impl_->start()) impl_->port = -1;
+TlsServer::TlsServer() : impl_(new Impl), cert_path_(impl_->cert_path()) {
+    if (impl_->start()) port_ = impl_->port;
 }
 
 TlsServer::~TlsServer() {
     stop();
-}
-
-bool TlsServer::ok() const {
-    return impl_->port > 0;
-}
-int TlsServer::port() const {
-    return impl_->port;
-}
-std::string TlsServer::cert_path() const {
-    return impl_->cert_path();
-}
-std::string TlsServer::host_port() const {
-    return "127.0.0.1:" + std::to_string(impl_->port);
-}
-std::string TlsServer::url(const std::string& path) const {
-    return "https://" + host_port() + path;
 }
 
 void TlsServer::set_reply(const std::string& body) {

@@ -29,20 +29,18 @@ struct TlsRequest {
 
 class TlsServer {
   public:
-    static const char* const kPaths[3];  // "/v1/data", "/v1/file", "/v1/conf"
-
     TlsServer();
     ~TlsServer();
     TlsServer(const TlsServer&) = delete;
     TlsServer& operator=(const TlsServer&) = delete;
 
-    bool ok() const;  // certificate made and listening
-    int port() const;
-    std::string url(const std::string& path = "") const;  // "https://127.0.0.1:<port>" + path
+    bool ok() const { return port_ > 0; }  // certificate made and listening
+    int port() const { return port_; }
+    std::string url(const std::string& path = "") const { return "https://" + host_port() + path; }
     // The host:port form the configuration endpoint setting takes.
-    std::string host_port() const;
+    std::string host_port() const { return "127.0.0.1:" + std::to_string(port_); }
     // The PEM file of the server's self-signed certificate, for clients that verify it.
-    std::string cert_path() const;
+    std::string cert_path() const { return cert_path_; }
 
     void set_reply(const std::string& body);                           // every path
     void set_reply(const std::string& path, const std::string& body);  // one path
@@ -58,6 +56,8 @@ class TlsServer {
   private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
+    int port_ = -1;
+    std::string cert_path_;
 };
 
 }  // namespace vcollect
