@@ -1,5 +1,6 @@
 // The saved configuration the benchmarks start the library with: no fetch, no upload (port 9 on
-// loopback refuses at once, thresholds are out of reach). Used by backrun_bench and stop_bench.
+// loopback refuses at once, thresholds are out of reach). Used by backrun_bench, stop_bench and
+// wait_bench.
 #ifndef VELTO_BENCH_CONF_H
 #define VELTO_BENCH_CONF_H
 
@@ -11,7 +12,8 @@
 
 namespace vbench {
 
-inline void write_quiet_conf(const std::string& root) {
+// changes: settings that replace or add to these.
+inline void write_quiet_conf(const std::string& root, const Velto::StrMap& changes = {}) {
     const std::string now = Velto::Util::ltoa(Velto::os_time());
     Velto::StrMap conf = {
         {"CONF_UPD_TIME", now},     {"CONF_UPD_GAP", "24"},
@@ -26,6 +28,7 @@ inline void write_quiet_conf(const std::string& root) {
         {"LAST_SEND", now},         {"CONF_URL", "http://127.0.0.1:9"},
         {"ENABLE_HTTPS", "OFF"},    {"SESSION_TMOUT", "1800"},
     };
+    for (const auto& change : changes) conf[change.first] = change.second;
     std::ofstream(root + "/sdk.cf") << Velto::Util::fencode(Velto::Util::to_json(conf));
 }
 
