@@ -19,6 +19,7 @@
 namespace {
 
 using apitest::give_base_info;
+using apitest::stop_and_wait;
 using vtest::has;
 using vtest::msg_line;
 
@@ -27,12 +28,6 @@ const int kBoundMs = 60000;  // sanitizer builds start slowly
 // Runs body in a fresh process on root (a directory of the test, so that it outlives the process).
 bool run_on(const std::string& root, const std::function<void(const std::string&)>& body) {
     return vtest::run_scenario([&](const std::string&) { body(root); });
-}
-
-// data_stop, then waits (bounded) until the background loop has written what it took and ended.
-void stop_and_wait() {
-    data_stop();
-    ASSERT_TRUE(vtest::wait_until([] { return Velto::g_back_run.stop_flag() == 0; }, kBoundMs));
 }
 
 // The records the library's reader finds in ROOT/sdk.msg, start records ("init") left out. Called in
