@@ -83,7 +83,6 @@ void hook(const char* step) {
 
 // The store, log and base information as the background thread has them, uploads aimed at server.
 void set_up_child(const std::string& root, const std::string& side, vcollect::RawServer& server) {
-    setenv("HOME", side.c_str(), 1);
     g_side = side;
     g_server = &server;
     Config::obj_->load_default();
@@ -101,8 +100,11 @@ void set_up_child(const std::string& root, const std::string& side, vcollect::Ra
 // The records in "sdk.msg" after opening it as the next start does, and in every set-aside file.
 // A record appended afterwards must read back intact (no half line left in front of it).
 std::string recovered_records(const std::string& root) {
-    Config::obj_->set("ROOT_DIR", root + "/");
-    Velto::MsgFile store;
+    Config conf;
+    conf.init_mutex();
+    conf.set("ROOT_DIR", root + "/");
+    Velto::Uploader uploader(&conf);
+    Velto::MsgFile store(conf, uploader);
     EXPECT_EQ(0, store.open());
     long long newest = 0;
     StrList found, names, part;
@@ -222,12 +224,8 @@ std::vector<std::string> run_once(const Rewrite& rw, size_t end_at) {
 
 class FaultTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        setenv("HOME", home_.path().c_str(), 1);
-        Config::obj_->load_default();
-        Velto::Log::obj_->init(home_.file("test.log").c_str());
-    }
-    vtest::TempDir home_;
+    void SetUp() override { Velto::Log::obj_->init(log_dir_.file("test.log").c_str()); }
+    vtest::TempDir log_dir_;
 };
 
 class EveryStep : public FaultTest, public ::testing::WithParamInterface<size_t> {};
