@@ -9,37 +9,19 @@
 // --keep copies the root directory of every failed or noted run (as left after recovery) to DIR/<run>.
 //
 // Exit status 1 when any run lost a record from the files (or its host misbehaved), 0 otherwise.
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <map>
 #include <random>
+#include <regex>
 #include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "delivery.h"
+#include "flow_hosts.h"  // also the child process, the file and the upload helpers
 #include "tls_server.h"
-
-extern char** environ;
 
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
 
 volatile sig_atomic_t g_interrupted = 0;
 const int kRecordsPerRun = 2000;
@@ -72,150 +54,101 @@ struct Outcome {
 
 std::string figures(const long long* n) {
     std::string out;
-    for (int i = 0; i < kFigures; ++i)
-        out += std::string(i ? " " : "") + kFigureNames[i] + " " + std::to_string(n[i]);
-    return out;
+    for (int i = 0; i < kFigures; ++i) out += std::string(" ") + kFigureNames[i] + " " + std::to_string(n[i]);
+    return out.substr(1);
 }
 
-// ---------------------------------------------------------------------------------------------
-// Child processes. Everything the child needs is prepared before fork, so it only makes system calls.
-
-pid_t spawn(const std::vector<std::string>& args, const std::vector<std::string>& env, const std::string& out,
-            const std::string& err) {
-    std::vector<char*> argv, envp;
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    for (const std::string& e : env) envp.push_back(const_cast<char*>(e.c_str()));
-    argv.push_back(nullptr);
-    envp.push_back(nullptr);
-    fflush(stdout);
-    pid_t pid = fork();
-    if (pid != 0) return pid;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives the harness
-    int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (o < 0 || e < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0) _exit(126);
-    execve(argv[0], argv.data(), envp.data());
-    _exit(127);
-}
-
-// Waits up to ms for pid to end (less when interrupted and interruptible); true (and its status) when it did.
-bool wait_exit(pid_t pid, int ms, int& status, bool interruptible = true) {
-    auto end = Clock::now() + std::chrono::milliseconds(ms);
-    for (;;) {
-        pid_t r = waitpid(pid, &status, WNOHANG);
-        if (r == pid || (r < 0 && errno != EINTR)) return true;
-        if ((interruptible && g_interrupted) || Clock::now() >= end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-}
-
-void kill_and_reap(pid_t pid) {
-    int status = 0;
-    kill(pid, SIGKILL);
-    if (!wait_exit(pid, 10000, status, false))
-        fprintf(stderr, "killrun: pid %d outlived SIGKILL for 10 s\n", pid);
+// Waits up to ms for the child to end (less when interrupted), else kills it; true when it ended by itself.
+bool ended_within(vtest::ChildProcess& child, int ms) {
+    vtest::wait_until([&] { return child.wait(0) >= 0 || child.ended() || g_interrupted; }, ms);
+    if (child.ended()) return true;
+    child.signal(SIGKILL);
+    if (child.wait(10000) < 0 && !child.ended())
+        fprintf(stderr, "killrun: a host outlived SIGKILL for 10 s\n");
+    return false;
 }
 
 std::string describe(int status) {
-    if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
-    return "exit " + std::to_string(WEXITSTATUS(status));
+    return WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
+                               : "exit " + std::to_string(WEXITSTATUS(status));
 }
 
-// ---------------------------------------------------------------------------------------------
-// Labels in record texts, files and captured uploads.
+std::string tail(const std::string& path) {
+    const std::string text = vtest::read_file(path);
+    return text.size() > 600 ? text.substr(text.size() - 600) : text;
+}
 
-// Calls f with every label value of the run ("<run>-<digits>") found in a record text.
-template <typename F>
-void for_labels(const std::string& text, const std::string& run, F f) {
-    const std::string key = "\"label\":\"" + run + "-";
-    for (size_t at = text.find(key); at != std::string::npos; at = text.find(key, at + 1)) {
-        size_t begin = at + 9, end = text.find('"', begin);
-        if (end != std::string::npos) f(text.substr(begin, end - begin));
+// fdecode(text), "" for a text that does not decode.
+std::string fdecoded(const std::string& text) {
+    try {
+        return Velto::Util::fdecode(text);
+    } catch (...) {
+        return "";
     }
 }
 
-bool is_record_file(const std::string& name) {
-    return name == "sdk.msg" || name == "sdk.msg.bak" || name.compare(0, 8, "MSG_PRE_") == 0;
+// The run's labels ("<run>-<digits>") of the records in text, one record a line.
+std::vector<std::string> run_labels(const std::string& text, const std::string& run) {
+    std::vector<std::string> labels;
+    for (const std::string& record : vtest::lines_of(text))
+        if (vtest::label_of(record).compare(0, run.size() + 1, run + "-") == 0)
+            labels.push_back(vtest::label_of(record));
+    return labels;
 }
 
-// label -> the first file holding a valid line of it ("<10-digit time>,<payload of 16+ chars>").
+// label -> the first record file holding a valid line of it ("<10-digit time>,<payload of 16+ chars>").
 std::map<std::string, std::string> labels_on_disk(const std::string& root, const std::string& run) {
     std::map<std::string, std::string> found;
-    std::error_code ec;
-    for (const fs::directory_entry& entry : fs::directory_iterator(root, ec)) {
-        const std::string name = entry.path().filename().string();
-        if (!is_record_file(name)) continue;
-        std::ifstream in(entry.path());
-        std::string line;
-        while (std::getline(in, line)) {
-            if (line.size() < 11 + 16 || line[10] != ',') continue;
-            if (!std::all_of(line.begin(), line.begin() + 10,
-                             [](unsigned char c) { return std::isdigit(c) != 0; }))
-                continue;
-            std::string record;
-            try {
-                record = Velto::Util::fdecode(line.substr(11));
-            } catch (...) {
-                continue;
-            }
-            for_labels(record, run, [&](const std::string& label) { found.emplace(label, name); });
+    Velto::StrList names;
+    Velto::get_files(root + "/", names);
+    for (const std::string& name : names) {
+        if (name != "sdk.msg" && name != "sdk.msg.bak" && name.compare(0, 8, "MSG_PRE_") != 0) continue;
+        for (const std::string& line : vtest::lines_of(vtest::read_file(root + "/" + name))) {
+            if (line.size() < 27 || line.find_first_not_of("0123456789") != 10 || line[10] != ',') continue;
+            for (const std::string& label : run_labels(fdecoded(line.substr(11)), run))
+                found.emplace(label, name);
         }
     }
     return found;
 }
 
-// The decoded records of one complete "/v1/file" or "/v1/data" request into text ("" for anything
-// else); false for a complete upload that does not decode.
-bool decoded_upload(const vcollect::RawRequest& req, std::string& text) {
-    text.clear();
-    if (req.body.size() != static_cast<size_t>(std::atoll(req.header("Content-Length").c_str()))) return true;
-    if (req.path() == "/v1/file") {
-        auto parts = vcollect::parse_multipart(req.body, vcollect::boundary_of(req.header("Content-Type")));
-        const vcollect::FormPart* file = vcollect::find_part(parts, "file");
-        vcollect::FilePayload decoded;
-        if (!file || !vcollect::decode_file_payload(file->data, decoded)) return false;
-        text = decoded.data;
-    } else if (req.path() == "/v1/data") {
-        return vcollect::decode_form_payload(vcollect::form_value(vcollect::parse_form(req.body), "data"),
-                                             text);
-    }
-    return true;
-}
-
-// label -> how many uploads carried it; undecodable counts the complete uploads that did not decode.
+// label -> how many uploads carried it; undecodable counts the complete "/v1/file" and "/v1/data"
+// uploads that did not decode (an upload cut short by the kill is not complete).
 std::map<std::string, int> labels_delivered(const vcollect::RawServer& server, const std::string& run,
                                             int& undecodable) {
     std::map<std::string, int> count;
-    std::string text;
     for (const vcollect::RawRequest& req : server.requests()) {
-        undecodable += !decoded_upload(req, text);
-        for_labels(text, run, [&](const std::string& label) { ++count[label]; });
+        if (req.body.size() != static_cast<size_t>(std::atoll(req.header("Content-Length").c_str())))
+            continue;
+        std::string text;
+        if (req.path() == "/v1/file") {
+            auto parts =
+                vcollect::parse_multipart(req.body, vcollect::boundary_of(req.header("Content-Type")));
+            const vcollect::FormPart* file = vcollect::find_part(parts, "file");
+            vcollect::FilePayload decoded;
+            const bool ok = file && vcollect::decode_file_payload(file->data, decoded);
+            text = ok ? decoded.data : "";
+            undecodable += !ok;
+        } else if (req.path() == "/v1/data") {
+            undecodable += !vcollect::decode_form_payload(
+                vcollect::form_value(vcollect::parse_form(req.body), "data"), text);
+        }
+        for (const std::string& label : run_labels(text, run)) ++count[label];
     }
     return count;
-}
-
-// The host's "A <label>" and "R <label> <code>" lines.
-void read_acks(const std::string& path, std::set<std::string>& accepted, long long& refused) {
-    std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.compare(0, 2, "A ") == 0) accepted.insert(line.substr(2));
-        if (line.compare(0, 2, "R ") == 0) ++refused;
-    }
 }
 
 // Records the library's size cap removed, as its log tells ("roll_msg cnt: -N"). The log writes a
 // line piece by piece, so another thread's pieces may stand between the key and the number: the
 // number is the first "-<digits>" after the key that does not follow a digit (as dates do).
-long long trimmed_per_log(const std::string& log_path) {
+long long trimmed_per_log(const std::string& log) {
     const std::string key = "roll_msg cnt: ";
-    const std::string text = vtest::read_file(log_path);
     long long total = 0;
-    for (size_t at = text.find(key); at != std::string::npos; at = text.find(key, at + 1)) {
-        for (size_t i = at + key.size(); i + 1 < text.size() && i < at + 400; ++i) {
-            if (text[i] == '-' && isdigit(static_cast<unsigned char>(text[i + 1])) &&
-                !isdigit(static_cast<unsigned char>(text[i - 1]))) {
-                total += std::atoll(text.c_str() + i + 1);
+    for (size_t at = log.find(key); at != std::string::npos; at = log.find(key, at + 1)) {
+        for (size_t i = at + key.size(); i + 1 < log.size() && i < at + 400; ++i) {
+            if (log[i] == '-' && isdigit(static_cast<unsigned char>(log[i + 1])) &&
+                !isdigit(static_cast<unsigned char>(log[i - 1]))) {
+                total += std::atoll(log.c_str() + i + 1);
                 break;
             }
         }
@@ -223,62 +156,29 @@ long long trimmed_per_log(const std::string& log_path) {
     return total;
 }
 
-std::string tail(const std::string& path) {
-    std::string text = vtest::read_file(path);
-    return text.size() > 600 ? text.substr(text.size() - 600) : text;
-}
-
-// ---------------------------------------------------------------------------------------------
-// One run.
-
-// What the configuration endpoint hands out: the same settings as the saved file, so that a run that
-// finds its saved configuration destroyed by the kill fetches it again and still uploads to url.
-std::string conf_reply(const std::string& url, const Params& p) {
-    return "{\"status\":0,\"conf\":{\"CONF_URL\":\"" + url +
-           "\",\"ENABLE_HTTPS\":\"OFF\",\"COLLECT_ON\":\"ON\",\"COLLECT_WAY\":\"NOREAL\","
-           "\"SEND_GAP\":\"10079\",\"SEND_NUM\":\"" +
-           std::to_string(p.send_num) + "\",\"SEND_SIZE\":\"20479\",\"MAX_FILE_SIZE\":\"" +
-           std::to_string(p.file_kib) +
-           "\",\"SEND_BEGINPOINTS\":\"ON\",\"SEND_ENDPOINTS\":\"ON\",\"ZIP_DATA\":\"ON\","
-           "\"CON_TIMEOUT\":\"" +
-           std::to_string(p.timeout_ms) + "\",\"SESSION_TMOUT\":\"1800\"}}";
-}
-
-// True when the saved configuration no longer reads as one (the next start has to fetch it).
-bool conf_destroyed(const std::string& path) {
-    std::string token = vtest::read_file(path);
-    while (!token.empty() && isspace(static_cast<unsigned char>(token.back()))) token.pop_back();
-    try {
-        return Velto::Util::fdecode(token).find("CONF_URL") == std::string::npos;
-    } catch (...) {
-        return true;
-    }
-}
-
 // Sorts every label of the run into the figures.
 void tally(Outcome& o, const std::set<std::string>& accepted, const std::map<std::string, std::string>& disk,
            const std::map<std::string, int>& delivered) {
     auto seq = [](const std::string& label) { return std::atol(label.c_str() + label.rfind('-') + 1); };
+    std::set<std::string> all = accepted;
     long newest_kept = -1;  // the newest record that reached a file or the collector
-    for (const auto& d : disk) newest_kept = std::max(newest_kept, seq(d.first));
-    for (const auto& d : delivered) newest_kept = std::max(newest_kept, seq(d.first));
-    o.n[kAccepted] = static_cast<long long>(accepted.size());
-    o.n[kOnDisk] = static_cast<long long>(disk.size());
-    o.n[kDelivered] = static_cast<long long>(delivered.size());
-    for (const auto& d : delivered) {
-        o.n[kDup] += d.second > 1;
-        o.n[kUnacked] += !accepted.count(d.first);
-    }
-    for (const auto& d : disk) {
-        if (delivered.count(d.first)) continue;
-        o.n[kUnacked] += !accepted.count(d.first);
-        if (++o.n[kLost] <= 10) o.problems.push_back("lost " + d.first + " (was in " + d.second + ")");
+    for (const auto& d : disk) newest_kept = std::max(newest_kept, seq(*all.insert(d.first).first));
+    for (const auto& d : delivered) newest_kept = std::max(newest_kept, seq(*all.insert(d.first).first));
+    o.n[kAccepted] = accepted.size();
+    o.n[kOnDisk] = disk.size();
+    o.n[kDelivered] = delivered.size();
+    for (const std::string& label : all) {
+        const auto sent = delivered.find(label);
+        if (!disk.count(label) && sent == delivered.end()) {  // accepted only
+            ++o.n[seq(label) > newest_kept ? kWindow : kDropped];
+            continue;
+        }
+        o.n[kUnacked] += !accepted.count(label);
+        o.n[kDup] += sent != delivered.end() && sent->second > 1;
+        if (sent == delivered.end() && ++o.n[kLost] <= 10)
+            o.problems.push_back("lost " + label + " (was in " + disk.at(label) + ")");
     }
     if (o.n[kLost] > 10) o.problems.push_back("... " + std::to_string(o.n[kLost] - 10) + " more lost");
-    for (const std::string& label : accepted) {
-        if (!disk.count(label) && !delivered.count(label))
-            ++o.n[seq(label) > newest_kept ? kWindow : kDropped];
-    }
     if (o.n[kDropped] > o.n[kTrimmed])
         o.notes.push_back(std::to_string(o.n[kDropped] - o.n[kTrimmed]) +
                           " records left the files undelivered before the kill beyond the logged trims");
@@ -295,72 +195,62 @@ Outcome run_once(const std::string& host, const std::string& run, const Params& 
         return o;
     }
     server.set_delay_ms(p.delay_ms);
-    conf_server.set_reply("/v1/conf", conf_reply(server.url(), p));
-    vtest::write_conf(root.path(), server.url(),
-                      {{"SEND_NUM", std::to_string(p.send_num)},
-                       {"MAX_FILE_SIZE", std::to_string(p.file_kib)},
-                       {"SEND_BEGINPOINTS", "ON"},
-                       {"SEND_ENDPOINTS", "ON"},
-                       {"CON_TIMEOUT", std::to_string(p.timeout_ms)}});
+    // The configuration endpoint hands out these settings of the saved file too (the others as
+    // write_conf has them), so that a run that finds its saved configuration destroyed by the kill
+    // fetches it again and still uploads to the collector.
+    Velto::StrMap conf = {{"CONF_URL", server.url()}, {"ENABLE_HTTPS", "OFF"},   {"COLLECT_ON", "ON"},
+                          {"COLLECT_WAY", "NOREAL"},  {"SEND_GAP", "10079"},     {"SEND_SIZE", "20479"},
+                          {"ZIP_DATA", "ON"},         {"SESSION_TMOUT", "1800"}, {"SEND_BEGINPOINTS", "ON"},
+                          {"SEND_ENDPOINTS", "ON"}};
+    conf["SEND_NUM"] = std::to_string(p.send_num);
+    conf["MAX_FILE_SIZE"] = std::to_string(p.file_kib);
+    conf["CON_TIMEOUT"] = std::to_string(p.timeout_ms);
+    vtest::write_conf(root.path(), server.url(), conf);
+    conf_server.set_reply("/v1/conf", "{\"status\":0,\"conf\":" + Velto::Util::to_json(conf) + "}");
+    const std::vector<std::pair<std::string, std::string>> env = {
+        {"HOME", home.path()}, {"VELTO_COLLECT_HOST", conf_server.host_port()}};
 
-    std::vector<std::string> env;
-    for (char** e = environ; *e; ++e) {
-        if (strncmp(*e, "HOME=", 5) != 0 && strncmp(*e, "VELTO_COLLECT_HOST=", 19) != 0) env.push_back(*e);
-    }
-    env.push_back("HOME=" + home.path());
-    env.push_back("VELTO_COLLECT_HOST=" + conf_server.host_port());
-
-    // The run to be killed.
-    pid_t pid = spawn({host, root.path(), std::to_string(kRecordsPerRun), std::to_string(p.rate), run}, env,
-                      out.file("acks"), out.file("err1"));
-    if (pid < 0) {
-        o.problems.push_back("fork failed");
-        return o;
-    }
-    int status = 0;
-    if (wait_exit(pid, p.kill_ms, status)) {
-        o.problems.push_back("host ended before the kill (" + describe(status) +
-                             "): " + tail(out.file("err1")));
-    } else {
-        kill_and_reap(pid);
+    {  // The run to be killed; in a process group of its own, so it dies with the harness.
+        vtest::ChildProcess flow(
+            {host, root.path(), std::to_string(kRecordsPerRun), std::to_string(p.rate), run},
+            out.file("acks"), out.file("err1"), env, true);
+        if (ended_within(flow, p.kill_ms))
+            o.problems.push_back("host ended before the kill (" + describe(flow.status()) +
+                                 "): " + tail(out.file("err1")));
     }
     if (g_interrupted) return o;
 
     const std::map<std::string, std::string> disk = labels_on_disk(root.path(), run);
-    o.n[kTrimmed] = trimmed_per_log(root.file("sdk.log"));
-    o.n[kConfLost] = conf_destroyed(root.file("sdk.cf"));
+    o.n[kTrimmed] = trimmed_per_log(vtest::read_file(root.file("sdk.log")));
+    std::string saved = vtest::read_file(root.file("sdk.cf"));  // destroyed: the next start has to fetch it
+    o.n[kConfLost] =
+        !vtest::has(fdecoded(saved.erase(saved.find_last_not_of(" \t\n\v\f\r") + 1)), "CONF_URL");
 
-    // The recovery run, against a collector that answers at once.
-    server.set_mode(vcollect::RawMode::kReply);
-    server.set_delay_ms(0);
-    pid = spawn({host, root.path(), "0", "0", run, "recover"}, env, out.file("out2"), out.file("err2"));
-    if (pid < 0) {
-        o.problems.push_back("fork failed");
-        return o;
-    }
-    if (!wait_exit(pid, kRecoveryBoundMs, status)) {
-        kill_and_reap(pid);
-        o.problems.push_back("recovery run did not end in time");
-    } else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        o.problems.push_back("recovery run: " + describe(status) +
-                             (WIFEXITED(status) && WEXITSTATUS(status) == 3 ? " (files not drained)" : "") +
-                             " " + tail(out.file("err2")));
+    {  // The recovery run, against a collector that answers at once.
+        server.set_mode(vcollect::RawMode::kReply);
+        server.set_delay_ms(0);
+        vtest::ChildProcess recover({host, root.path(), "0", "0", run, "recover"}, out.file("out2"),
+                                    out.file("err2"), env, true);
+        if (!ended_within(recover, kRecoveryBoundMs))
+            o.problems.push_back("recovery run did not end in time");
+        else if (const int code = recover.wait(0))
+            o.problems.push_back("recovery run: " + describe(recover.status()) +
+                                 (code == 3 ? " (files not drained)" : "") + " " + tail(out.file("err2")));
     }
     server.stop();
     conf_server.stop();
-    for (const char* name : {"err1", "err2"}) {
-        const std::string err = vtest::read_file(out.file(name));
-        if (vtest::has(err, "Sanitizer") || vtest::has(err, "runtime error:"))
+    for (const char* name : {"err1", "err2"})
+        if (std::regex_search(vtest::read_file(out.file(name)), std::regex("Sanitizer|runtime error:")))
             o.problems.push_back(std::string("sanitizer report in the host's ") + name + ": " +
                                  tail(out.file(name)));
-    }
 
     if (vtest::file_exists(root.file("sdk.msg.bak.bad")))
         o.notes.push_back("the library set a journal aside as unusable (sdk.msg.bak.bad)");
-    std::set<std::string> accepted;
-    read_acks(out.file("acks"), accepted, o.n[kRefused]);
+    const std::vector<std::string> accepted = vtest::accepted_labels(out.file("acks"));
+    o.n[kRefused] = vtest::count_of("\n" + vtest::read_file(out.file("acks")), "\nR ");
     int undecodable = 0;
-    tally(o, accepted, disk, labels_delivered(server, run, undecodable));
+    tally(o, std::set<std::string>(accepted.begin(), accepted.end()), disk,
+          labels_delivered(server, run, undecodable));
     if (undecodable > 0) o.notes.push_back(std::to_string(undecodable) + " complete uploads did not decode");
     if (!keep.empty() && (!o.problems.empty() || !o.notes.empty())) {
         std::error_code ec;
@@ -372,45 +262,28 @@ Outcome run_once(const std::string& host, const std::string& run, const Params& 
     return o;
 }
 
-std::string default_host() {
-    const char* bin = getenv("VELTO_BINARY_DIR");
-    if (bin && *bin) return std::string(bin) + "/tests/hosts/flow_host";
-    std::error_code ec;
-    fs::path self = fs::read_symlink("/proc/self/exe", ec);
-    return (self.parent_path().parent_path() / "hosts" / "flow_host").string();
-}
-
-void on_signal(int) {
-    g_interrupted = 1;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    int runs = 5;
-    unsigned long long seed = std::random_device{}();
-    std::string host = default_host(), keep;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        std::string opt = argv[i];
-        if (opt == "--runs")
-            runs = std::atoi(argv[i + 1]);
-        else if (opt == "--seed")
-            seed = std::strtoull(argv[i + 1], nullptr, 10);
-        else if (opt == "--host")
-            host = argv[i + 1];
-        else if (opt == "--keep")
-            keep = argv[i + 1];
-        else {
+    std::string runs_arg = "5", seed_arg = std::to_string(std::random_device{}()),
+                host = vtest::flow_host_path(), keep;
+    const std::map<std::string, std::string*> options = {
+        {"--runs", &runs_arg}, {"--seed", &seed_arg}, {"--host", &host}, {"--keep", &keep}};
+    for (int i = 1; i + 1 < argc; i += 2) {  // a last option without a value is ignored
+        const auto option = options.find(argv[i]);
+        if (option == options.end()) {
             fprintf(stderr, "usage: %s [--runs R] [--seed S] [--host PATH] [--keep DIR]\n", argv[0]);
             return 2;
         }
+        *option->second = argv[i + 1];
     }
+    const int runs = std::atoi(runs_arg.c_str());
+    const unsigned long long seed = std::strtoull(seed_arg.c_str(), nullptr, 10);
     if (access(host.c_str(), X_OK) != 0) {
         fprintf(stderr, "killrun: no host program at %s\n", host.c_str());
         return 2;
     }
-    signal(SIGINT, on_signal);
-    signal(SIGTERM, on_signal);
+    for (int sig : {SIGINT, SIGTERM}) signal(sig, [](int) { g_interrupted = 1; });
     signal(SIGPIPE, SIG_IGN);
 
     printf("killrun: seed %llu, %d runs, host %s\n", seed, runs, host.c_str());
@@ -420,16 +293,16 @@ int main(int argc, char** argv) {
     Outcome total;
     long long max_window = 0;
     for (int r = 1; r <= runs && !g_interrupted; ++r) {
-        Params p;
-        p.rate = pick(500, 3000);
-        p.kill_ms = pick(50, 2000);
-        p.delay_ms = pick(0, 1) ? pick(200, 1500) : 0;
-        p.send_num = pick(30, 100);
-        p.file_kib = pick(0, 2) == 0 ? 8 : 20479;
-        p.timeout_ms = pick(1000, 3000);
+        // Braced initialisers are evaluated in order, so the seed gives the same parameters as always.
+        const Params p{pick(500, 3000),
+                       pick(50, 2000),
+                       pick(0, 1) ? pick(200, 1500) : 0,
+                       pick(30, 100),
+                       pick(0, 2) == 0 ? 8 : 20479,
+                       pick(1000, 3000)};
         Outcome o = run_once(host, "r" + std::to_string(r), p, keep);
         if (g_interrupted) break;
-        bool ok = o.n[kLost] == 0 && o.problems.empty();
+        const bool ok = o.n[kLost] == 0 && o.problems.empty();
         (ok ? passed : failed)++;
         printf("run %d: rate %d/s kill %dms delay %dms send_num %d cap %dKiB timeout %dms | %s | %s\n", r,
                p.rate, p.kill_ms, p.delay_ms, p.send_num, p.file_kib, p.timeout_ms, figures(o.n).c_str(),

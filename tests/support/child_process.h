@@ -91,8 +91,11 @@ class ChildProcess {
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    void signal(int sig) { kill(pid_, sig); }
+    void signal(int sig) {
+        if (pid_ > 0) kill(pid_, sig);  // never kill(-1, ...) after a failed fork
+    }
     bool ended() const { return status_ >= 0; }  // reaped by wait()
+    int status() const { return status_; }  // the waitpid status once ended(), for WIFSIGNALED and the like
     // The exit status, or -1 when the process is still running after timeout_ms or died of a signal.
     int wait(int timeout_ms) {
         wait_until(
