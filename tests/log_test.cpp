@@ -14,7 +14,7 @@
 
 #include "Config.h"
 #include "LogUpload.h"
-#include "scenario.h"
+#include "delivery.h"
 
 using Velto::Log;
 
@@ -24,16 +24,6 @@ namespace {
 bool is_line(const std::string& line, const std::string& tag, const std::string& message) {
     static const std::string head = R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\] )";
     return std::regex_match(line, std::regex(head + "\\[" + tag + "\\] " + message + "\n"));
-}
-
-std::vector<std::string> split_lines(const std::string& text) {
-    std::vector<std::string> out;
-    for (size_t at = 0, end; at < text.size(); at = end + 1) {
-        end = text.find('\n', at);
-        if (end == std::string::npos) end = text.size();
-        out.push_back(text.substr(at, end - at));
-    }
-    return out;
 }
 
 size_t line_size(const std::string& tag, const std::string& message) {
@@ -182,7 +172,7 @@ TEST_F(LogFile, TwoThreadsWithRolling) {
     const long long size = vtest::file_size(path_);
     EXPECT_TRUE(size > 2252 && size < 4096 + 200) << size;
     // The first line may be cut by the roll (it keeps bytes, not lines); every other one is whole.
-    const std::vector<std::string> lines = split_lines(contents());
+    const std::vector<std::string> lines = vtest::lines_of(contents());
     ASSERT_GT(lines.size(), 10u);
     for (size_t i = 1; i < lines.size(); ++i) {
         EXPECT_TRUE(is_line(lines[i] + "\n", "(INFO|WARN)", R"(- \([12]\) \d+)") ||
