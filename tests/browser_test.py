@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """The collector's page in headless Chromium, driven by Selenium. velto-collector runs with a fresh
-database and the page open; only then does the library (libVelto through ctypes in a child process,
-and the velto-demo program) upload records, and the test reads the page: rows appear without a
-reload, markup in labels shows as text, the counts, the chart and the exports match the API and
-what was sent. A screenshot goes to BUILD/browser/collector.png.
+database and the page open; only then does the library (libVelto through ctypes in a child process)
+upload records, and the test reads the page: rows appear without a reload, markup in labels shows as
+text, the counts, the chart and the exports match the API and what was sent, the uploads are listed.
+A screenshot goes to BUILD/browser/collector.png.
 
     browser_test.py BUILD_DIR LIBVELTO [unittest arguments]
 
@@ -48,17 +48,13 @@ def record_host(root, records):
     return 0 if CollectorPage.settle(stopped, True, 60) else 1
 
 
-def free_ports(n):
-    socks = [socket.socket() for _ in range(n)]
-    ports = [s.bind(("127.0.0.1", 0)) or s.getsockname()[1] for s in socks]
-    return [s.close() or p for s, p in zip(socks, ports)]
-
-
 class CollectorPage(unittest.TestCase):
     def setUp(self):
         self.dir = tempfile.mkdtemp(prefix="velto-browser-")
         self.downloads = os.path.join(self.dir, "downloads")
-        self.http_port, self.https_port = free_ports(2)
+        socks = [socket.socket() for _ in range(2)]
+        self.http_port, self.https_port = [s.bind(("127.0.0.1", 0)) or s.getsockname()[1] for s in socks]
+        [s.close() for s in socks]
         self.log = open(os.path.join(self.dir, "collector.log"), "w")
         self.collector = subprocess.Popen(
             [BUILD + "/tools/velto-collector", "--https-port", str(self.https_port), "--http-port",
@@ -77,7 +73,7 @@ class CollectorPage(unittest.TestCase):
         self.addCleanup(self.driver.quit)
         self.driver.set_page_load_timeout(30)
         self.driver.set_script_timeout(10)
-        self.driver.get(self.url("/"))
+        self.driver.get("http://127.0.0.1:%d/" % self.http_port)
         self.assertEqual("open", self.settle(lambda: self.js("document.getElementById('live').dataset.state"),
                                              "open"))
         self.js("window.velto_marker = 'same page'")  # any reload of the page would drop it
@@ -93,13 +89,10 @@ class CollectorPage(unittest.TestCase):
             print("--- collector output:\n" + f.read())  # CTest shows it when the test fails
         shutil.rmtree(self.dir, ignore_errors=True)
 
-    def url(self, path):
-        return "http://127.0.0.1:%d%s" % (self.http_port, path)
-
     def api(self, path):
         """The JSON answer to a GET on the collector's API; None when it did not answer 200."""
         try:
-            with urllib.request.urlopen(self.url(path), timeout=5) as res:
+            with urllib.request.urlopen("http://127.0.0.1:%d%s" % (self.http_port, path), timeout=5) as res:
                 return json.load(res)
         except OSError:
             return None
@@ -124,24 +117,6 @@ class CollectorPage(unittest.TestCase):
         return self.js("Array.from(document.querySelectorAll('#records tbody tr[data-id]'))"
                        ".map(tr => %s)" % value)
 
-    def run_host(self, *records):
-        """Runs record_host in a child process, in a home of its own."""
-        home = os.path.join(self.dir, "home")
-        os.makedirs(home)
-        env = dict(os.environ, HOME=home, VELTO_COLLECT_HOST="127.0.0.1:%d" % self.https_port)
-        subprocess.run([sys.executable, __file__, BUILD, LIBRARY, json.dumps(records), "--host", home + "/root"],
-                       env=env, timeout=90, check=True, stdout=subprocess.DEVNULL)
-
-    def check_chart(self):
-        """The chart's bars: per minute and kind, the records the API lists."""
-        want = collections.Counter()
-        for r in self.api("/api/records?limit=5000")["records"]:
-            want["%d %s" % (r["time"] // 60000 * 60000, r["kind"])] += 1
-        bars = lambda: collections.Counter(self.js(
-            "Object.fromEntries(Array.from(document.querySelectorAll('#chart-svg rect.bar'))"
-            ".map(r => [r.dataset.time + ' ' + r.dataset.kind, Number(r.dataset.count)]))"))
-        self.assertEqual(want, self.settle(bars, want))
-
     def export(self, button, name):
         """Clicks an export button; the downloaded file's text."""
         self.driver.find_element(By.ID, button).click()
@@ -151,8 +126,12 @@ class CollectorPage(unittest.TestCase):
             return f.read()
 
     def test_records_arrive_live_with_their_counts_as_text(self):
-        self.run_host(["data_screen", "MainWindow"], ["data_event", "toolbar", "click", "save", 1],
-                      ["data_event", SCRIPT, "paste", IMAGE, 2], ["data_count", "export", 1520, "pdf"])
+        home = os.path.join(self.dir, "home")  # the library runs in a child process, in a home of its own
+        records = [["data_screen", "MainWindow"], ["data_event", "toolbar", "click", "save", 1],
+                   ["data_event", SCRIPT, "paste", IMAGE, 2], ["data_count", "export", 1520, "pdf"]]
+        subprocess.run([sys.executable, __file__, BUILD, LIBRARY, json.dumps(records), "--host", home + "/root"],
+                       env=dict(os.environ, HOME=home, VELTO_COLLECT_HOST="127.0.0.1:%d" % self.https_port),
+                       timeout=90, check=True, stdout=subprocess.DEVNULL)
         ids = [str(r["id"]) for r in self.api("/api/records")["records"]]
         self.assertEqual(ids, self.settle(lambda: self.rows("id"), ids))  # newest first, without a reload
         self.assertEqual("same page", self.js("window.velto_marker"))
@@ -175,7 +154,12 @@ class CollectorPage(unittest.TestCase):
             "Object.fromEntries(Array.from(document.querySelectorAll('#stats tr[data-kind]'))"
             ".map(tr => [tr.dataset.kind, Number(tr.querySelector('td.recent').textContent)]))")
         self.assertEqual(sent, self.settle(panel, sent))
-        self.check_chart()
+        want = collections.Counter("%d %s" % (r["time"] // 60000 * 60000, r["kind"])
+                                   for r in self.api("/api/records?limit=5000")["records"])
+        bars = lambda: collections.Counter(self.js(
+            "Object.fromEntries(Array.from(document.querySelectorAll('#chart-svg rect.bar'))"
+            ".map(r => [r.dataset.time + ' ' + r.dataset.kind, Number(r.dataset.count)]))"))
+        self.assertEqual(want, self.settle(bars, want))
 
         # The exports are the records the API lists: one object per line, and the same as CSV.
         listed = self.api("/api/records?limit=5000")["records"]

@@ -50,27 +50,13 @@ size_t count_with(const std::vector<std::string>& lines, const std::vector<std::
     });
 }
 
-using ToolProcess = vtest::ChildProcess;
-
 // Runs velto-decode on path (bounded); out = its standard output.
 int run_decode(const std::string& path, const std::string& scratch, std::string& out) {
-    const int rc = ToolProcess({tool("velto-decode"), path}, scratch + "/decode.out", scratch + "/decode.err")
-                       .wait(30000);
+    const int rc =
+        vtest::ChildProcess({tool("velto-decode"), path}, scratch + "/decode.out", scratch + "/decode.err")
+            .wait(30000);
     out = vtest::read_file(scratch + "/decode.out");
     return rc;
-}
-
-// Inside a scenario: one host run with an "init" record and three records tagged with tag, stopped,
-// and the background thread waited for (bounded).
-void record_session(const std::string& root, const std::string& tag) {
-    ASSERT_EQ(0, data_init(root.c_str(), "tools-test"));
-    ASSERT_EQ(0, apitest::give_base_info());
-    ASSERT_EQ(0, data_screen(("screen-" + tag).c_str()));
-    ASSERT_EQ(0, data_event(("button-" + tag).c_str(), "click", "save", 3));
-    ASSERT_EQ(0, data_count(("export-" + tag).c_str(), 1200, nullptr));
-    data_stop();
-    ASSERT_TRUE(vtest::wait_until(
-        [&] { return vtest::has(vtest::read_file(root + "/sdk.log"), "back thread stop ..."); }, 60000));
 }
 
 // ---- velto-decode ----
@@ -78,7 +64,7 @@ void record_session(const std::string& root, const std::string& tag) {
 TEST(VeltoDecode, ShowsRecordsAndConfigurationTheLibraryLeft) {
     RUN_SCENARIO({
         vtest::write_conf(root, "http://127.0.0.1:1");
-        record_session(root, "kept");
+        record_session(root, "kept", "tools-test");
         std::string out;
         ASSERT_EQ(0, run_decode(root, root, out));
         const std::vector<std::string> lines = lines_of(out);
@@ -217,13 +203,13 @@ TEST_F(CollectorTest, TakesTheLibrarysUploadsOverHttpAndHttps) {
                            {"SEND_ENDPOINTS", "ON"},
                            {"ZIP_DATA", "OFF"},
                            {"SEND_CUR_CONF", "ON"}});
-        record_session(root, "plain");
+        record_session(root, "plain", "tools-test");
     });
     // https://: the configuration comes from the collector itself and points the uploads at it.
     const std::string tls_host = "127.0.0.1:" + std::to_string(collector_.https_port);
     RUN_SCENARIO({
         Velto::set_conf_endpoint_host(tls_host);
-        record_session(root, "tls");
+        record_session(root, "tls", "tools-test");
         EXPECT_EQ("https://" + tls_host, Velto::Config::obj_->get_str("CONF_URL"));
     });
 
@@ -264,7 +250,7 @@ TEST_F(CollectorTest, TakesTheLibrarysUploadsOverHttpAndHttps) {
     EXPECT_EQ("", err());
 }
 
-TEST_F(CollectorTest, AnswersBadRequestsWith400AndKeepsServing) {
+TEST_F(CollectorTest, AnswersBadRequestsAndQueriesWith400AndKeepsServing) {
     start();
     std::string garbage(2000, '\0');
     std::mt19937 gen(11);
@@ -298,6 +284,16 @@ TEST_F(CollectorTest, AnswersBadRequestsWith400AndKeepsServing) {
         EXPECT_EQ(0u, reply.second.find(R"({"status":1,"error":")")) << reply.second;
         EXPECT_TRUE(vtest::has(reply.second, c.error)) << reply.second;
     }
+    // The API's bad queries too.
+    const std::string bad_queries[] = {"records?limit=abc",  "records?since=xyz",
+                                       "records?order=up",   "records?after=-1",
+                                       "requests?limit=1e3", "stats?minutes=0",
+                                       "timeline?step=0",    "records?kind=" + std::string(5000, 'k')};
+    for (const std::string& query : bad_queries) {
+        const auto reply = get(http("/api/" + query));
+        EXPECT_EQ(400, reply.first) << query;
+        EXPECT_NE("", json_at(reply.second, "$.error")) << reply.second;
+    }
     send_raw(collector_.http_port, garbage);
     send_raw(collector_.https_port, garbage);
 
@@ -318,6 +314,8 @@ TEST_F(CollectorTest, AnswersBadRequestsWith400AndKeepsServing) {
     EXPECT_EQ(0, stop());
     EXPECT_TRUE(vtest::has(out(), "13 bad requests, 1 unreadable records")) << out();
     EXPECT_EQ(13u, count_with(lines_of(err()), {"bad request: POST http://127.0.0.1:"})) << err();
+    EXPECT_EQ(std::size(bad_queries), count_with(lines_of(err()), {"bad request: GET http://127.0.0.1:"}))
+        << err();
 }
 
 TEST_F(CollectorTest, ServesTheConfigurationFileGiven) {
@@ -347,7 +345,7 @@ TEST_F(CollectorTest, ServesTheConfigurationFileGiven) {
     EXPECT_EQ(R"({"status":0,"conf":{"SEND_GAP":12}})", conf_of("acme"));
     EXPECT_EQ(0, stop());
 
-    ToolProcess bad({tool("velto-collector"), "--https-port", "0"}, dir_.file("o2"), dir_.file("e2"));
+    vtest::ChildProcess bad({tool("velto-collector"), "--https-port", "0"}, dir_.file("o2"), dir_.file("e2"));
     EXPECT_EQ(2, bad.wait(10000));
 }
 
@@ -435,22 +433,6 @@ TEST_F(CollectorTest, ApiFiltersCountsRepeatsAndEscapesEveryLabel) {
     EXPECT_TRUE(vtest::has(out(), "3 records: a batch stored before, not stored again")) << out();
 }
 
-TEST_F(CollectorTest, ApiAnswersBadQueriesWith400) {
-    start();
-    const std::string bad_queries[] = {"records?limit=abc",  "records?since=xyz",
-                                       "records?order=up",   "records?after=-1",
-                                       "requests?limit=1e3", "stats?minutes=0",
-                                       "timeline?step=0",    "records?kind=" + std::string(5000, 'k')};
-    for (const std::string& query : bad_queries) {
-        const auto reply = get(http("/api/" + query));
-        EXPECT_EQ(400, reply.first) << query;
-        EXPECT_NE("", json_at(reply.second, "$.error")) << reply.second;
-    }
-    EXPECT_EQ(0, stop());
-    EXPECT_EQ(std::size(bad_queries), count_with(lines_of(err()), {"bad request: GET http://127.0.0.1:"}))
-        << err();
-}
-
 // A GET /api/stream connection, read through a raw socket.
 class EventStream {
   public:
@@ -535,22 +517,22 @@ TEST_F(CollectorTest, DatabaseKeepsEveryAnsweredRecordThroughKillAndRestart) {
     EXPECT_EQ(std::to_string(stored.size()), json_at(get(http("/api/records?limit=0")).second, "$.total"));
     EXPECT_EQ(0, stop());
 
-    // A database of a newer collector is refused and left as it is.
+    // A database of a newer collector is refused and left as it is; a damaged one is refused at
+    // start with one line, not answered with 500 ever after.
+    const auto refused = [&] {
+        vtest::ChildProcess p(collector_.command(), dir_.file("o2"), dir_.file("e2"));
+        EXPECT_EQ(2, p.wait(20000));
+        return vtest::read_file(dir_.file("e2"));
+    };
     sql_column(db(), "PRAGMA user_version=7");
-    ToolProcess newer(collector_.command(), dir_.file("o2"), dir_.file("e2"));
-    EXPECT_EQ(2, newer.wait(20000));
-    EXPECT_TRUE(vtest::has(vtest::read_file(dir_.file("e2")), "written by a newer velto-collector"));
+    EXPECT_TRUE(vtest::has(refused(), "written by a newer velto-collector"));
     EXPECT_EQ(std::vector<std::string>{"7"}, sql_column(db(), "PRAGMA user_version"));
-
-    // A damaged database is refused at start with one line, not answered with 500 ever after.
     sql_column(db(), "PRAGMA user_version=2");
     std::string bytes = vtest::read_file(db());
     ASSERT_GT(bytes.size(), 8192u);
     for (size_t i = 4096; i < bytes.size(); i += 97) bytes[i] = static_cast<char>(bytes[i] ^ 0x5a);
     vtest::write_file(db(), bytes);
-    ToolProcess damaged(collector_.command(), dir_.file("o3"), dir_.file("e3"));
-    EXPECT_EQ(2, damaged.wait(20000));
-    const std::string why = vtest::read_file(dir_.file("e3"));
+    const std::string why = refused();
     EXPECT_TRUE(vtest::has(why, "collector.db is damaged") || vtest::has(why, "collector.db cannot be used"))
         << why;
     EXPECT_EQ(1u, lines_of(why).size()) << why;

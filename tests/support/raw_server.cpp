@@ -64,10 +64,6 @@ size_t content_length(const std::string& head) {
 
 }  // namespace
 
-std::string RawRequest::method() const {
-    return head.substr(0, head.find(' '));
-}
-
 std::string RawRequest::path() const {
     size_t start = head.find(' ');
     if (start == std::string::npos) return "";

@@ -23,7 +23,6 @@ struct RawRequest {
     std::string body;  // Content-Length bytes (fewer when the client stopped early)
 
     std::string bytes() const { return head + body; }
-    std::string method() const;                         // "POST", "GET", ...
     std::string path() const;                           // as written on the request line
     std::string header(const std::string& name) const;  // case-insensitive name; "" when absent
 };
