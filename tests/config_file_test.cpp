@@ -124,17 +124,6 @@ TEST_F(ConfFile, ValidationRules) {
     EXPECT_TRUE(logged("upexpect conf: X_PAD0:V"));
 }
 
-TEST_F(ConfFile, TooFewItemsApplyNothing) {
-    conf_.load_default();
-    const StrMap before = conf_.snapshot();
-    EXPECT_FALSE(conf_.ana_conf(""));
-    std::string nine = conf_text({{"SEND_GAP", "5"}});
-    nine = "{" + nine.substr(nine.find(',') + 1);  // drop one item: 9 left
-    EXPECT_FALSE(conf_.ana_conf(nine));
-    EXPECT_EQ(before, conf_.snapshot());
-    EXPECT_TRUE(logged("conf item num: 9"));
-}
-
 TEST_F(ConfFile, DataRangeSwitchesKindsOffForGood) {
     ASSERT_TRUE(conf_.ana_conf(conf_text({{"data_range", "Data_Event&&data_count&"}})));
     EXPECT_EQ("data_event&&data_count&", conf_.get_str("DATA_RANGE"));

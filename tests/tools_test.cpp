@@ -87,14 +87,9 @@ TEST(VeltoDecode, ReportsDamagedLinesByNumberAndCarriesOn) {
     vtest::TempDir dir;
     const std::string good = R"({"category":"a","dtype":"screenview","ostime":"1700000000"})";
     const std::string whole = vtest::msg_line(1700000000, good);
-    std::string random_bytes(300, '\0');
-    std::mt19937 gen(7);
-    for (char& c : random_bytes) {
-        const char b = static_cast<char>(gen());
-        c = b == '\n' || b == '\0' ? 'x' : b;
-    }
+    const std::string junk = "\x80\xff\x01{\"not\":\"a record\"\x7f\xc3\x28 \t\r" + std::string(200, '\xfe');
     const std::string cut = whole.substr(0, 11 + 30);  // the file ends inside a record, as after a crash
-    vtest::write_file(dir.file("sdk.msg"), whole + random_bytes + "\n12345," + fencode(good) + "\n" +
+    vtest::write_file(dir.file("sdk.msg"), whole + junk + "\n12345," + fencode(good) + "\n" +
                                                vtest::msg_line(1700000001, good) + cut);
     const std::string batch = "MSG_PRE_{0123456789abcdef0123456789abcdef}1700000002";
     vtest::write_file(dir.file(batch), whole);
@@ -171,14 +166,17 @@ std::vector<std::string> sql_column(const std::string& path, const std::string& 
     return out;
 }
 
+// The first row's first column of sql run in memory on text parameters.
+std::string sql_value(const std::string& sql, const std::vector<std::string>& params) {
+    const auto v = sql_column(":memory:", sql, params);
+    return v.empty() ? "<no result>" : v[0];
+}
+
 // The value at path ("$.records[0].label") of json as SQLite's JSON functions read it: text as it
 // decodes, numbers and objects as JSON; "<invalid>" when json is not valid JSON.
 std::string json_at(const std::string& json, const std::string& path) {
-    const auto v = sql_column(":memory:",
-                              "SELECT CASE json_valid(?1) WHEN 1 THEN json_extract(?1, ?2) ELSE "
-                              "'<invalid>' END",
-                              {json, path});
-    return v.empty() ? "<no result>" : v[0];
+    return sql_value("SELECT CASE json_valid(?1) WHEN 1 THEN json_extract(?1, ?2) ELSE '<invalid>' END",
+                     {json, path});
 }
 
 // Writes bytes to a fresh connection and reads (bounded) until the server closes it.
@@ -235,11 +233,10 @@ TEST_F(CollectorTest, TakesTheLibrarysUploadsOverHttpAndHttps) {
     // The same records through the API, with the fields the page shows filled in.
     const std::string listed = get(http("/api/records?order=asc")).second;
     ASSERT_EQ("8", json_at(listed, "$.total")) << listed;
-    EXPECT_EQ("8", sql_column(":memory:",
-                              "SELECT count(*) FROM json_each(?1, '$.records') WHERE json_extract(value, "
-                              "'$.kind') = json_extract(value, '$.record.dtype') AND json_extract(value, "
-                              "'$.brand') = 'tools-test' AND json_extract(value, '$.sid') <> ''",
-                              {listed})[0])
+    EXPECT_EQ("8", sql_value("SELECT count(*) FROM json_each(?1, '$.records') WHERE json_extract(value, "
+                             "'$.kind') = json_extract(value, '$.record.dtype') AND json_extract(value, "
+                             "'$.brand') = 'tools-test' AND json_extract(value, '$.sid') <> ''",
+                             {listed}))
         << listed;
 
     EXPECT_EQ(0, stop());
@@ -299,14 +296,9 @@ TEST_F(CollectorTest, AnswersBadRequestsAndQueriesWith400AndKeepsServing) {
 
     // Still serving, on both ports.
     EXPECT_EQ(kOk, post(https("/v1/data"), kForm, data(record)).second);
-    const std::string log = "[2024-01-01 10:00:00] [WARN] - (12) \"quoted\"\n";
-    const std::string batch = record + "\nnot json\n";
-    for (const auto& upload : {std::make_pair("log", log), std::make_pair("{g}", batch)}) {
-        const std::string payload = file_payload(static_cast<uint32_t>(upload.second.size()), upload.second);
-        EXPECT_EQ(
-            kOk, post(http("/v1/file"), kMultipart, multipart({{"sdk_log", upload.first}, {"file", payload}}))
-                     .second);
-    }
+    for (const auto& upload : {batch_upload("log", {R"([2024-01-01 10:00:00] [WARN] - (12) "quoted")"}),
+                               batch_upload("{g}", {record, "not json"})})
+        EXPECT_EQ(kOk, post(http("/v1/file"), kMultipart, upload).second);
     EXPECT_EQ(1u, count_with(records(), {R"("upload":"log","log":"[2024-01-01 10:00:00] [WARN] - (12) )"
                                          R"(\"quoted\"\n"})"}));
     EXPECT_TRUE(wait_for_records({R"("record":)" + record}, 2));
@@ -353,11 +345,10 @@ TEST_F(CollectorTest, ServesTheConfigurationFileGiven) {
 
 // The categories of an /api/records reply, in order: "A,B".
 std::string categories(const std::string& reply) {
-    const auto v = sql_column(":memory:",
-                              "SELECT coalesce(group_concat(json_extract(value, '$.category'), ','), '')"
-                              " FROM json_each(?1, '$.records')",
-                              {reply});
-    return v.empty() ? "<no result>" : v[0];
+    return sql_value(
+        "SELECT coalesce(group_concat(json_extract(value, '$.category'), ','), '') FROM json_each(?1, "
+        "'$.records')",
+        {reply});
 }
 
 TEST_F(CollectorTest, ApiFiltersCountsRepeatsAndEscapesEveryLabel) {
@@ -420,9 +411,8 @@ TEST_F(CollectorTest, ApiFiltersCountsRepeatsAndEscapesEveryLabel) {
         EXPECT_EQ(count.second, json_at(stats, count.first)) << count.first << "\n" << stats;
     // Over all time the timeline widens its slices (a bounded answer) and still counts every record.
     const std::string timeline = get(http("/api/timeline?since=0&kind=event")).second;
-    EXPECT_EQ("3", sql_column(":memory:",
-                              "SELECT sum(json_extract(value, '$.count')) FROM json_each(?1, '$.slices')",
-                              {timeline})[0])
+    EXPECT_EQ("3", sql_value("SELECT sum(json_extract(value, '$.count')) FROM json_each(?1, '$.slices')",
+                             {timeline}))
         << timeline;
     const std::string requests = get(http("/api/requests")).second;
     EXPECT_EQ("repeat", json_at(requests, "$.requests[1].result")) << requests;

@@ -137,24 +137,6 @@ TEST_F(TransportTest, UploadsOverHttpsDecodeOnTheServer) {
     }
 }
 
-TEST_F(TransportTest, LibcurlMultipartLayoutParses) {
-    RawServer srv;  // a plain-http URL given to libcurl directly, to see its bytes
-    Velto::RequestParam p;
-    const std::string payload("\x00\x01\r\n--x", 7);
-    p.body = payload.data();
-    p.body_len = static_cast<int>(payload.size());
-    p.timeout_ms = 1000;
-    p.upname = "n.log";
-    const Velto::UploadContext form = transporttest::upload_context();
-    p.form = &form;
-    bounded([&] { return Velto::curl_http_post(srv.url("/v1/file"), p, 2); });
-    const auto req = srv.requests().at(0);
-    const auto parts = vcollect::parse_multipart(req.body, vcollect::boundary_of(req.header("Content-Type")));
-    ASSERT_EQ(5u, parts.size());
-    EXPECT_EQ("n.log", vcollect::field_text(parts[0]));
-    EXPECT_EQ(payload, parts[4].data);
-}
-
 // send_msg succeeds only on "status" exactly 0; send_msg_res returns the raw "data" member.
 TEST_F(TransportTest, ReplyVerdicts) {
     struct {

@@ -120,13 +120,9 @@ class Collector {
 
     // The command line on the current ports, with extra arguments after the constructor's.
     std::vector<std::string> command(const std::vector<std::string>& extra = {}) const {
-        std::vector<std::string> c = {binary_dir() + "/tools/velto-collector",
-                                      "--http-port",
-                                      std::to_string(http_port),
-                                      "--https-port",
-                                      std::to_string(https_port),
-                                      "--cert-dir",
-                                      file("cert")};
+        std::vector<std::string> c = {binary_dir() + "/tools/velto-collector", "--cert-dir", file("cert")};
+        c.insert(c.end(),
+                 {"--http-port", std::to_string(http_port), "--https-port", std::to_string(https_port)});
         c.insert(c.end(), args_.begin(), args_.end());
         c.insert(c.end(), extra.begin(), extra.end());
         return c;

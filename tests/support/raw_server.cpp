@@ -111,21 +111,6 @@ std::string RawServer::url(const std::string& path) const {
     return "http://127.0.0.1:" + std::to_string(port_) + path;
 }
 
-void RawServer::set_mode(RawMode mode) {
-    std::lock_guard<std::mutex> hold(m_);
-    mode_ = mode;
-}
-
-void RawServer::set_reply(const std::string& body) {
-    std::lock_guard<std::mutex> hold(m_);
-    reply_ = body;
-}
-
-void RawServer::set_delay_ms(int ms) {
-    std::lock_guard<std::mutex> hold(m_);
-    delay_ms_ = ms;
-}
-
 std::vector<RawRequest> RawServer::requests() const {
     std::lock_guard<std::mutex> hold(m_);
     return requests_;
