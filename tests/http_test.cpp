@@ -3,13 +3,8 @@
 #include "Result.h"
 #include "transport_fixture.h"
 
-using transporttest::bounded;
-using transporttest::kFormType;
-using transporttest::raw_head;
-using transporttest::TransportTest;
-using vcollect::RawMode;
-using vcollect::RawServer;
-using vcollect::TlsServer;
+using namespace transporttest;
+using namespace vcollect;
 
 namespace {
 
@@ -118,7 +113,7 @@ TEST_F(TransportTest, NoReplyFailsWithinTheTimeout) {
     }
 
     const std::string url = "http://" + closed;
-    const Velto::UploadContext ctx = transporttest::upload_context();
+    const Velto::UploadContext ctx = upload_context();
     EXPECT_EQ(Velto::RES_NO_REPLY, bounded([&] { return Velto::send_msg("{}x", url.c_str(), "data", ctx); }));
     EXPECT_TRUE(logged("msg http_client ret: 0"));
     EXPECT_EQ(Velto::RES_NO_REPLY,
@@ -148,7 +143,7 @@ TEST_F(TransportTest, HostileRepliesGiveAResultNotACrash) {
         if (ok) {
             EXPECT_LE(reply.size(), c.reply.size());
         }
-        const Velto::UploadContext ctx = transporttest::upload_context();
+        const Velto::UploadContext ctx = upload_context();
         const int rc =
             bounded([&] { return Velto::send_msg("{\"k\":\"v\"}", srv.url().c_str(), "data", ctx); });
         EXPECT_TRUE(rc == Velto::RES_SVR_REJECT || rc == Velto::RES_NO_REPLY) << rc;
@@ -181,7 +176,7 @@ TEST_F(TransportTest, CurlModesReachTheHttpsServer) {
 // protocol is not followed.
 TEST_F(TransportTest, CurlFollowsAtMostThreeRedirectsAndOnlyToTheWeb) {
     TlsServer srv;
-    vcollect::RawServer ftp;
+    RawServer ftp;
     ASSERT_TRUE(srv.ok() && ftp.ok());
     srv.set_redirect("/v1/data", srv.url("/v1/data"));
     srv.set_redirect("/v1/file", "ftp://127.0.0.1:" + std::to_string(ftp.port()) + "/x");

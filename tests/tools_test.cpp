@@ -37,11 +37,6 @@ using Velto::Util::fencode;
 using namespace vtest::client;
 using vtest::lines_of;
 
-// A tool of this build.
-std::string tool(const char* name) {
-    return vtest::binary_dir() + "/tools/" + name;
-}
-
 // How many lines hold every one of parts.
 size_t count_with(const std::vector<std::string>& lines, const std::vector<std::string>& parts) {
     return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
@@ -52,9 +47,9 @@ size_t count_with(const std::vector<std::string>& lines, const std::vector<std::
 
 // Runs velto-decode on path (bounded); out = its standard output.
 int run_decode(const std::string& path, const std::string& scratch, std::string& out) {
-    const int rc =
-        vtest::ChildProcess({tool("velto-decode"), path}, scratch + "/decode.out", scratch + "/decode.err")
-            .wait(30000);
+    const int rc = vtest::ChildProcess({vtest::binary_dir() + "/tools/velto-decode", path},
+                                       scratch + "/decode.out", scratch + "/decode.err")
+                       .wait(30000);
     out = vtest::read_file(scratch + "/decode.out");
     return rc;
 }
@@ -337,7 +332,8 @@ TEST_F(CollectorTest, ServesTheConfigurationFileGiven) {
     EXPECT_EQ(R"({"status":0,"conf":{"SEND_GAP":12}})", conf_of("acme"));
     EXPECT_EQ(0, stop());
 
-    vtest::ChildProcess bad({tool("velto-collector"), "--https-port", "0"}, dir_.file("o2"), dir_.file("e2"));
+    vtest::ChildProcess bad({vtest::binary_dir() + "/tools/velto-collector", "--https-port", "0"},
+                            dir_.file("o2"), dir_.file("e2"));
     EXPECT_EQ(2, bad.wait(10000));
 }
 
