@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "Result.h"
 #include "config_fixture.h"
@@ -121,11 +122,8 @@ TEST_F(ConfFetch, InitConfRefreshesWhenDueOrForANewCollectionHost) {
 }
 
 TEST_F(ConfFetch, InitConfFailures) {
-    struct Case {
-        std::string reply;
-        int want;
-        const char* log;
-    } cases[] = {
+    const std::tuple<std::string, int, const char*> cases[] = {
+        // reply, result, log line
         {reply("1", 10), Velto::RES_SVR_REJECT, "get_conf_frm_svr"},
         {reply("\"0\"", 10), Velto::RES_SVR_REJECT,
          "get_conf_frm_svr"},                             // the status text must be 0, not "0"
@@ -133,16 +131,16 @@ TEST_F(ConfFetch, InitConfFailures) {
         {"{\"status\":0,\"conf\":{}}", Velto::RES_SVR_REJECT, "svr ret: 204"},
         {reply("0", 9), Velto::RES_CONF_REJECT, "ana conf2"},
     };
-    for (const Case& c : cases) {
+    for (const auto& [body, want, log] : cases) {
         write_conf_file(0);  // stale: fetched long ago
         const std::string before = vtest::read_file(cf_path());
         const size_t log_mark = log_text().size();
-        server_.set_reply("/v1/conf", c.reply);
-        EXPECT_EQ(c.want, conf_.init_conf()) << c.reply;
-        EXPECT_TRUE(logged(c.log, log_mark)) << c.reply;
-        EXPECT_EQ("120", conf_.get_str("SEND_GAP")) << c.reply;  // nothing of the reply applied
-        EXPECT_NEAR(Velto::os_time(), conf_.get_int("CONF_UPD_TIME"), 5) << c.reply;
-        EXPECT_EQ(before, vtest::read_file(cf_path())) << c.reply;
+        server_.set_reply("/v1/conf", body);
+        EXPECT_EQ(want, conf_.init_conf()) << body;
+        EXPECT_TRUE(logged(log, log_mark)) << body;
+        EXPECT_EQ("120", conf_.get_str("SEND_GAP")) << body;  // nothing of the reply applied
+        EXPECT_NEAR(Velto::os_time(), conf_.get_int("CONF_UPD_TIME"), 5) << body;
+        EXPECT_EQ(before, vtest::read_file(cf_path())) << body;
     }
 }
 
