@@ -22,6 +22,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "HttpClient.h"
@@ -363,9 +364,8 @@ TEST_F(CollectorTest, ApiFiltersCountsRepeatsAndEscapesEveryLabel) {
                        .second);
 
     const std::string later = std::to_string((Velto::os_time() + 3600) * 1000);
-    const struct {
-        std::string query, total, categories;
-    } cases[] = {
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        // query, total, categories
         {"", "4", "A,C,B,A"},  // newest first
         {"order=asc", "4", "A,B,C,A"},
         {"kind=event", "3", "A,C,A"},
@@ -381,10 +381,10 @@ TEST_F(CollectorTest, ApiFiltersCountsRepeatsAndEscapesEveryLabel) {
         {"since=" + later, "0", ""},
         {"until=" + before, "0", ""},
     };
-    for (const auto& c : cases) {
-        const std::string reply = get(http("/api/records?" + c.query)).second;
-        EXPECT_EQ(c.total, json_at(reply, "$.total")) << c.query << "\n" << reply;
-        EXPECT_EQ(c.categories, categories(reply)) << c.query << "\n" << reply;
+    for (const auto& [query, total, listed] : cases) {
+        const std::string reply = get(http("/api/records?" + query)).second;
+        EXPECT_EQ(total, json_at(reply, "$.total")) << query << "\n" << reply;
+        EXPECT_EQ(listed, categories(reply)) << query << "\n" << reply;
     }
 
     // Labels come back as they were sent, in valid JSON; bytes that are not UTF-8 as U+FFFD.

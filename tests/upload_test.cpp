@@ -1,5 +1,7 @@
 // The uploads: exact wire bytes on the raw-socket path, the same uploads decoded on an HTTPS
 // collector, the reply verdicts and the cases that must send nothing.
+#include <tuple>
+
 #include "Result.h"
 #include "collector_client.h"
 #include "transport_fixture.h"
@@ -67,17 +69,14 @@ TEST_F(TransportTest, SendMsgRawBytes) {
 
 // The file payload starts with the plain length as 4 big-endian bytes (a 5-byte text: 00 00 00 05).
 TEST_F(TransportTest, SendFileRawBytes) {
-    const struct {
-        bool zipped;
-        std::string text, length;
-    } cases[] = {{false, "12345", std::string("\0\0\0\x05", 4)},
-                 {true, kLogText, std::string("\0\0\0", 3) + char(kLogText.size())},
-                 {true, std::string(70000, 'x'), std::string("\0\x01\x11\x70", 4)}};
-    for (const auto& c : cases) {
-        const bool zipped = c.zipped;
+    const std::tuple<bool, std::string, std::string> cases[] = {
+        // zipped, text, length prefix{false, "12345", std::string("\0\0\0\x05", 4)},
+        {true, kLogText, std::string("\0\0\0", 3) + char(kLogText.size())},
+        {true, std::string(70000, 'x'), std::string("\0\x01\x11\x70", 4)}};
+    for (const auto& [zipped, text, length] : cases) {
         zip(zipped);
         RawServer srv;
-        ASSERT_EQ(0, file(c.text, srv.url("/v1/file"), "sdk_x.log"));
+        ASSERT_EQ(0, file(text, srv.url("/v1/file"), "sdk_x.log"));
         const auto req = srv.requests().at(0);
         EXPECT_EQ(raw_head("POST /v1/file", "Content-Type:multipart/form-data;boundary=70db372eb000e2ax\r\n",
                            long(req.body.size())),
@@ -86,13 +85,13 @@ TEST_F(TransportTest, SendFileRawBytes) {
         const FormPart* file = find_part(parts, "file");
         ASSERT_NE(nullptr, file);
         EXPECT_EQ(expected_multipart("sdk_x.log", file->data), req.body);
-        EXPECT_EQ(c.length, file->data.substr(0, 4));
+        EXPECT_EQ(length, file->data.substr(0, 4));
         if (!zipped) {
-            EXPECT_EQ(vtest::client::file_payload(uint32_t(c.text.size()), c.text), file->data);
+            EXPECT_EQ(vtest::client::file_payload(uint32_t(text.size()), text), file->data);
         }
         FilePayload decoded;
         ASSERT_TRUE(decode_file_payload(file->data, decoded, zipped_if(zipped)));
-        EXPECT_EQ(c.text, decoded.data);
+        EXPECT_EQ(text, decoded.data);
     }
 }
 

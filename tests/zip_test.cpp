@@ -68,9 +68,8 @@ TEST(Zip, BadOrEmptyArguments) {
 }
 
 TEST(Zip, FdecodeStripsTrailingBytesThatReadAsSmallSignedChars) {
-    const struct {
-        std::string plain, decoded;
-    } cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
+        // plain, decoded
         {"caf\xC3\xA9", "caf"},  // a trailing two-byte character is lost entirely
         {"abc\x05\x0f", "abc"},  // padding-like values go too
         {"\x01", "\x01"},        // the first byte always stays
@@ -78,7 +77,8 @@ TEST(Zip, FdecodeStripsTrailingBytesThatReadAsSmallSignedChars) {
         {"a\x80 b", "a\x80 b"},  // only the tail is touched
         {std::string(16, '\x0f'), std::string(1, '\x0f')},
     };
-    for (const auto& c : cases) EXPECT_EQ(c.decoded, Velto::Util::fdecode(Velto::Util::fencode(c.plain)));
+    for (const auto& [plain, decoded] : cases)
+        EXPECT_EQ(decoded, Velto::Util::fdecode(Velto::Util::fencode(plain)));
 }
 
 TEST(Zip, FdecodeThrowsWhenTheDecodedLengthIsNotWholeBlocks) {
