@@ -9,7 +9,6 @@
 #include <time.h>
 
 #include <atomic>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>

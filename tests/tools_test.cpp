@@ -3,8 +3,6 @@
 // https:// and answering garbage with 400 while it keeps serving, and its database, JSON API and event
 // stream. The tools run as child processes.
 #include <arpa/inet.h>
-#include <curl/curl.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -17,7 +15,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <memory>
 #include <random>
 #include <set>
 #include <string>
@@ -26,7 +23,6 @@
 #include <vector>
 
 #include "HttpClient.h"
-#include "Zip.h"
 #include "api_helpers.h"
 #include "child_process.h"
 #include "collector_client.h"
