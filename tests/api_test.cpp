@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <set>
 #include <thread>
+#include <tuple>
 
 #include "api_helpers.h"
 #include "delivery.h"
@@ -84,11 +85,8 @@ TEST(Api, InitRefusesBadRootOrBrand) {
         std::string file = root + "/plain";
         vtest::write_file(file, "x");
         std::string under_file = file + "/sub", missing = root + "/missing";
-        struct Case {
-            const char* root;
-            const char* brand;
-            int expected;
-        } cases[] = {
+        const std::tuple<const char*, const char*, int> cases[] = {
+            // root, brand, result
             {nullptr, "brand", VELTO_BAD_ARG},
             {root.c_str(), nullptr, VELTO_BAD_ARG},
             {root.c_str(), "br", VELTO_BAD_ARG},
@@ -96,8 +94,8 @@ TEST(Api, InitRefusesBadRootOrBrand) {
             {under_file.c_str(), "brand", VELTO_BAD_ROOT},  // "tmp" cannot be created
             {missing.c_str(), "brand", VELTO_BAD_ROOT},
         };
-        for (const Case& c : cases)
-            EXPECT_EQ(c.expected, data_init(c.root, c.brand)) << (c.root ? c.root : "null");
+        for (const auto& [dir, brand, expected] : cases)
+            EXPECT_EQ(expected, data_init(dir, brand)) << (dir ? dir : "null");
         EXPECT_FALSE(vtest::file_exists(root + "/tmp"));
         EXPECT_FALSE(Velto::Config::obj_->has("ROOT_DIR"));
         // Three bytes pass the length test.

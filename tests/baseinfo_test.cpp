@@ -1,5 +1,7 @@
 // The base information: data_base_info with its "init" record, its checks and its deliberate partial
 // update; the parsing of data_base_info2 lines; and data_base_ext.
+#include <tuple>
+
 #include "api_helpers.h"
 
 namespace {
@@ -82,11 +84,8 @@ TEST(BaseInfo, LineParsing) {
         std::string padded = "t 1 1.0 8 u en mac 10 64 en 0 src uid";
         while (padded.size() < 1024) padded += " x";
         padded.resize(1024, 'x');
-        struct Case {
-            std::string line;
-            int expected;
-            StrMap fields;
-        } cases[] = {
+        const std::tuple<std::string, int, StrMap> cases[] = {
+            // line, result, fields afterwards
             // clang-format off
             {"t 1 1.0 8 u en mac 10 64 en 0 src uid", 0,
              {{"pid", "1"}, {"oszone", "8"}, {"osbit", "64"}, {"tinstall", kAbsent}, {"uid", "uid"}}},
@@ -103,9 +102,9 @@ TEST(BaseInfo, LineParsing) {
             {"", VELTO_BAD_ARG, {}},
             // clang-format on
         };
-        for (const Case& c : cases) {
-            EXPECT_EQ(c.expected, data_base_info2(c.line.c_str())) << c.line;
-            expect_fields(c.fields);
+        for (const auto& [line, expected, fields] : cases) {
+            EXPECT_EQ(expected, data_base_info2(line.c_str())) << line;
+            expect_fields(fields);
         }
         EXPECT_EQ(VELTO_BAD_ARG, data_base_info2(nullptr));
     });

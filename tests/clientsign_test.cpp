@@ -88,21 +88,18 @@ TEST(ClientSign, SourcesAndStorage) {
 }
 
 TEST(ClientSign, WrapAndSanitize) {
-    struct Case {
-        const char* stored;
-        const char* did;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"{ABCDEFGH-1}", "{ABCDEFGH-1}"},       {"ABCDEFGHIJ", "{ABCDEFGHIJ}"},  // no braces: wrapped
         {"my id\tnumber", "{my0id0number}"},                                     // space and control byte
         {"{caf\xC3\xA9-id-1}", "{caf00-id-1}"},  // every byte of a non-ASCII character
         {"{del\x7Fid-123}", "{del0id-123}"},
     };
-    for (const Case& c : cases) {
+    for (const auto& [stored, did] : cases) {
         FakeLeaves leaves;
         leaves.exists = true;
-        leaves.stored = c.stored;
-        EXPECT_EQ(c.did, Velto::sanitize_client_sign(Velto::wrap_client_id(Velto::client_sign(leaves))))
-            << c.stored;
+        leaves.stored = stored;
+        EXPECT_EQ(did, Velto::sanitize_client_sign(Velto::wrap_client_id(Velto::client_sign(leaves))))
+            << stored;
     }
     EXPECT_EQ("{}", Velto::sanitize_client_sign(Velto::wrap_client_id("")));
     EXPECT_EQ(" ", Velto::sanitize_client_sign(" "));  // too short to clean

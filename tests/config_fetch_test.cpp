@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "Result.h"
 #include "config_fixture.h"
@@ -89,10 +90,12 @@ TEST_F(ConfFetch, RequestBodyFieldByField) {
     EXPECT_EQ(base.size(), Velto::g_base_info.count());
 }
 
-TEST_F(ConfFetch, InitConfRefreshesOnlyWhenDue) {
+// A fresh file is kept, then fetched again once the period has passed. A fresh file fetched from
+// another collection host is fetched afresh from the current one, and the uploads never go to the
+// other host's CONF_URL, even when the current host does not answer.
+TEST_F(ConfFetch, InitConfRefreshesWhenDueOrForANewCollectionHost) {
     server_.set_reply("/v1/conf", reply("0", 10));
-    const long long now = Velto::os_time();
-    write_conf_file(now);
+    write_conf_file(Velto::os_time());
     EXPECT_EQ(0, conf_.init_conf());
     EXPECT_TRUE(server_.requests().empty());  // fresh file: no request
 
@@ -104,20 +107,13 @@ TEST_F(ConfFetch, InitConfRefreshesOnlyWhenDue) {
               Velto::Util::fdecode(vtest::read_file(cf_path())).find("\"SEND_GAP\":\"60\""));
     EXPECT_NEAR(Velto::os_time(), conf_.get_int("CONF_UPD_TIME"), 5);
     EXPECT_TRUE(logged("update conf from svr end"));
-}
-
-// A fresh file fetched from another collection host is fetched afresh from the current one, and the
-// uploads never go to the other host's CONF_URL, even when the current host does not answer.
-TEST_F(ConfFetch, InitConfFetchesAfreshFromANewCollectionHost) {
-    server_.set_reply("/v1/conf", reply("0", 10));
-    write_conf_file(Velto::os_time());
-    vtest::write_file(dir_.file("sdk.cf.host"), server_.host_port() + "\n");
+    EXPECT_EQ(server_.host_port() + "\n", vtest::read_file(dir_.file("sdk.cf.host")));
     EXPECT_EQ(0, conf_.init_conf());
-    EXPECT_TRUE(server_.requests().empty());  // fetched from this host: still fresh
+    EXPECT_EQ(1u, server_.requests().size());  // fetched from this host: still fresh
 
     vtest::write_file(dir_.file("sdk.cf.host"), "old.example:443\n");
     EXPECT_EQ(0, conf_.init_conf());
-    EXPECT_EQ(1u, server_.requests().size());
+    EXPECT_EQ(2u, server_.requests().size());
     EXPECT_EQ(server_.host_port() + "\n", vtest::read_file(dir_.file("sdk.cf.host")));
 
     Velto::set_conf_endpoint_host("127.0.0.1:1");  // a new host where nothing listens
@@ -126,11 +122,8 @@ TEST_F(ConfFetch, InitConfFetchesAfreshFromANewCollectionHost) {
 }
 
 TEST_F(ConfFetch, InitConfFailures) {
-    struct Case {
-        std::string reply;
-        int want;
-        const char* log;
-    } cases[] = {
+    const std::tuple<std::string, int, const char*> cases[] = {
+        // reply, result, log line
         {reply("1", 10), Velto::RES_SVR_REJECT, "get_conf_frm_svr"},
         {reply("\"0\"", 10), Velto::RES_SVR_REJECT,
          "get_conf_frm_svr"},                             // the status text must be 0, not "0"
@@ -138,16 +131,16 @@ TEST_F(ConfFetch, InitConfFailures) {
         {"{\"status\":0,\"conf\":{}}", Velto::RES_SVR_REJECT, "svr ret: 204"},
         {reply("0", 9), Velto::RES_CONF_REJECT, "ana conf2"},
     };
-    for (const Case& c : cases) {
+    for (const auto& [body, want, log] : cases) {
         write_conf_file(0);  // stale: fetched long ago
         const std::string before = vtest::read_file(cf_path());
         const size_t log_mark = log_text().size();
-        server_.set_reply("/v1/conf", c.reply);
-        EXPECT_EQ(c.want, conf_.init_conf()) << c.reply;
-        EXPECT_TRUE(logged(c.log, log_mark)) << c.reply;
-        EXPECT_EQ("120", conf_.get_str("SEND_GAP")) << c.reply;  // nothing of the reply applied
-        EXPECT_NEAR(Velto::os_time(), conf_.get_int("CONF_UPD_TIME"), 5) << c.reply;
-        EXPECT_EQ(before, vtest::read_file(cf_path())) << c.reply;
+        server_.set_reply("/v1/conf", body);
+        EXPECT_EQ(want, conf_.init_conf()) << body;
+        EXPECT_TRUE(logged(log, log_mark)) << body;
+        EXPECT_EQ("120", conf_.get_str("SEND_GAP")) << body;  // nothing of the reply applied
+        EXPECT_NEAR(Velto::os_time(), conf_.get_int("CONF_UPD_TIME"), 5) << body;
+        EXPECT_EQ(before, vtest::read_file(cf_path())) << body;
     }
 }
 

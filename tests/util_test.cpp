@@ -6,17 +6,15 @@
 
 #include <climits>
 #include <string>
+#include <tuple>
+#include <utility>
 
 using Velto::StrList;
 using Velto::StrMap;
 namespace U = Velto::Util;
 
 TEST(Util, TrimTakesAsciiBlanksOrTheGivenBytes) {
-    struct Trim {
-        std::string in;
-        char c1, c2;
-        std::string want;
-    } trims[] = {
+    const std::tuple<std::string, char, char, std::string> trims[] = {
         {" \vx\v ", 0, 0, "\vx\v"},  // vertical tab is not whitespace
         {"\t\n\f\r x\r", 0, 0, "x"},
         {"\"\"", '"', 0, ""},
@@ -24,10 +22,10 @@ TEST(Util, TrimTakesAsciiBlanksOrTheGivenBytes) {
         {std::string("\0a\0", 3), '"', 0, "a"},                     // c2 = 0 trims NUL
         {std::string("\0a\0", 3), 'x', 'y', std::string("\0a\0", 3)},
     };
-    for (const Trim& c : trims) {
-        std::string s = c.in;
-        EXPECT_EQ(c.want, U::trim(s, c.c1, c.c2)) << c.in;
-        EXPECT_EQ(c.want, s) << c.in;
+    for (const auto& [in, c1, c2, want] : trims) {
+        std::string s = in;
+        EXPECT_EQ(want, U::trim(s, c1, c2)) << in;
+        EXPECT_EQ(want, s) << in;
     }
 }
 
@@ -37,20 +35,16 @@ TEST(Util, SplitsAtTheFirstSeparatorAndDropsEmptyPieces) {
     EXPECT_EQ(0, U::split_key_val("a:b:c", key, val, ":"));
     EXPECT_EQ("a|b:c", key + "|" + val);
 
-    struct Split {
-        std::string in;
-        bool up;
-        StrList want;
-    } splits[] = {
+    const std::tuple<std::string, bool, StrList> splits[] = {
         {"a,,b,", false, {"a", "b"}},
         {"a,b", true, {"A", "b"}},  // the last piece is never upper-cased
         {",,,", false, {}},
         {"", false, {}},
     };
-    for (const Split& c : splits) {
+    for (const auto& [in, up, want] : splits) {
         StrList out = {"stale"};
-        U::splits(c.in, out, ",", c.up);
-        EXPECT_EQ(c.want, out) << c.in;
+        U::splits(in, out, ",", up);
+        EXPECT_EQ(want, out) << in;
     }
 }
 
@@ -64,25 +58,20 @@ TEST(Util, JsonBuildAndRead) {
     EXPECT_EQ("a:1, b:2", U::to_key_val(m));
     EXPECT_EQ("{}", U::to_json({{"x", ""}}));
 
-    struct Read {
-        std::string in;
-        StrMap want;
-    } reads[] = {
+    const std::pair<std::string, StrMap> reads[] = {
         {"{\"a\":\"x,y\"}", {{"a", "x"}, {"y", ""}}},  // a comma splits the value
         {"{\"u\":\"http://h:1\",\"n\":12}", {{"u", "http://h:1"}, {"n", "12"}}},
         {"{\"a\":\"1\",\"a\":\"2\"}", {{"a", "2"}}},
         {"{\"e\":\"a\\\"b\"}", {{"e", "a\\\"b"}}},  // nothing unescaped
     };
-    for (const Read& c : reads) {
+    for (const auto& [in, want] : reads) {
         StrMap out = {{"stale", "x"}};
-        U::json2map(c.in, out);
-        EXPECT_EQ(c.want, out) << c.in;
+        U::json2map(in, out);
+        EXPECT_EQ(want, out) << in;
     }
 
     const std::string nested = "{\"a\":{\"b\":\"c\"},\"d\":\"e\"}";
-    struct Item {
-        std::string json, key, want;
-    } items[] = {
+    const std::tuple<std::string, std::string, std::string> items[] = {
         {"{\"status\":1}", "status", "1"},
         {nested, "a", "\"b\":\"c\""},
         {nested, "d", "\"e\""},
@@ -90,7 +79,8 @@ TEST(Util, JsonBuildAndRead) {
         {"{\"status\":1", "status", ""},  // unterminated
         {"{\"status\":1}", "", ""},
     };
-    for (const Item& c : items) EXPECT_EQ(c.want, U::json_item(c.json, c.key)) << c.json << " / " << c.key;
+    for (const auto& [json, key, want] : items)
+        EXPECT_EQ(want, U::json_item(json, key)) << json << " / " << key;
 }
 
 TEST(Util, EscapesAndCouplePosition) {
@@ -101,13 +91,10 @@ TEST(Util, EscapesAndCouplePosition) {
     EXPECT_EQ("\\b\\t\\n\\f\\r\\\"\\\\", U::trim_json("\b\t\n\f\r\"\\"));
     EXPECT_EQ("a_b\\_", U::trim_json2("a\\\"b\\\\\""));
 
-    struct Pos {
-        std::string s;
-        int start, want;
-    } positions[] = {
+    const std::tuple<std::string, int, int> positions[] = {
         {"x{a{b}c}d", 0, 7}, {"x{a{b}c}d", 2, 3},  // relative to start
         {"}{}", 0, -1},      {"{{}", 0, -1},      {"{}", 2, -1}, {"{}", -1, -1}, {"{}", INT_MAX, -1},
     };
-    for (const Pos& c : positions) EXPECT_EQ(c.want, U::get_cupl_pos(c.s, '{', '}', c.start)) << c.s;
+    for (const auto& [s, start, want] : positions) EXPECT_EQ(want, U::get_cupl_pos(s, '{', '}', start)) << s;
     EXPECT_EQ(-1, U::get_cupl_pos("\"a\"", '"', '"', 0));
 }

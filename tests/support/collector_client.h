@@ -1,10 +1,11 @@
 // A small HTTP client for the tests that drive velto-collector (tools, collector_pg): requests over
 // libcurl (no certificate check, bounded), the bodies the library sends (a record form, a file
-// payload and a batch upload), and the collector itself as a child process.
+// payload and a batch upload), a host run of the library, and the collector itself as a child process.
 #ifndef VELTO_TESTS_COLLECTOR_CLIENT_H
 #define VELTO_TESTS_COLLECTOR_CLIENT_H
 
 #include <curl/curl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include "Util.h"
 #include "Zip.h"
 #include "child_process.h"
+#include "velto.h"
 
 namespace vtest {
 namespace client {
@@ -93,6 +95,22 @@ inline std::string batch_upload(const std::string& batch, const std::vector<std:
     return multipart({{"sdk_log", batch}, {"file", file_payload(static_cast<uint32_t>(text.size()), text)}});
 }
 
+// Inside a scenario: one host run of brand with an "init" record and three records tagged with tag
+// (screen-, button-, export-), stopped, and the background thread waited for (bounded).
+inline void record_session(const std::string& root, const std::string& tag, const char* brand) {
+    ASSERT_EQ(0, data_init(root.c_str(), brand));
+    ASSERT_EQ(
+        0, data_base_info("tid1", 42, "1.0", 8, "uip1", "en", "mac", "10.15", 64, "en-US", 0, "src", "u1"));
+    ASSERT_EQ(0, data_screen(("screen-" + tag).c_str()));
+    ASSERT_EQ(0, data_event(("button-" + tag).c_str(), "click", "save", 3));
+    ASSERT_EQ(0, data_count(("export-" + tag).c_str(), 1200, nullptr));
+    data_stop();
+    const auto stopped = [&] {
+        return read_file(root + "/sdk.log").find("back thread stop ...") != std::string::npos;
+    };
+    ASSERT_TRUE(wait_until(stopped, 60000));
+}
+
 // velto-collector of this build in a child process, its output in dir/<name>.out and .err, every
 // start on fresh loopback ports for http:// and https:// (its certificate in dir/<name>.cert).
 class Collector {
@@ -102,13 +120,9 @@ class Collector {
 
     // The command line on the current ports, with extra arguments after the constructor's.
     std::vector<std::string> command(const std::vector<std::string>& extra = {}) const {
-        std::vector<std::string> c = {binary_dir() + "/tools/velto-collector",
-                                      "--http-port",
-                                      std::to_string(http_port),
-                                      "--https-port",
-                                      std::to_string(https_port),
-                                      "--cert-dir",
-                                      file("cert")};
+        std::vector<std::string> c = {binary_dir() + "/tools/velto-collector", "--cert-dir", file("cert")};
+        c.insert(c.end(),
+                 {"--http-port", std::to_string(http_port), "--https-port", std::to_string(https_port)});
         c.insert(c.end(), args_.begin(), args_.end());
         c.insert(c.end(), extra.begin(), extra.end());
         return c;

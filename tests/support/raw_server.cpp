@@ -5,10 +5,10 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -21,11 +21,6 @@ const int kTickMs = 50;             // how often blocked threads look at the sto
 const size_t kMaxHead = 64u << 10;  // a longer head is not from the library
 const size_t kMaxBody = 64u << 20;  // nor a larger body
 const int kSendTimeoutMs = 2000;
-
-std::string lower(std::string s) {
-    for (char& c : s) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    return s;
-}
 
 // Waits up to kTickMs for fd to become readable: 1 readable, 0 not yet, -1 error.
 int wait_readable(int fd) {
@@ -64,10 +59,6 @@ size_t content_length(const std::string& head) {
 
 }  // namespace
 
-std::string RawRequest::method() const {
-    return head.substr(0, head.find(' '));
-}
-
 std::string RawRequest::path() const {
     size_t start = head.find(' ');
     if (start == std::string::npos) return "";
@@ -75,16 +66,14 @@ std::string RawRequest::path() const {
     return head.substr(start + 1, end == std::string::npos ? std::string::npos : end - start - 1);
 }
 
+// The first header line called name (in any case), its value without the leading blanks.
 std::string RawRequest::header(const std::string& name) const {
-    const std::string lowered = lower(head);
-    const std::string key = "\r\n" + lower(name) + ":";
-    size_t at = lowered.find(key);
-    if (at == std::string::npos) return "";
-    size_t start = at + key.size();
-    size_t end = head.find("\r\n", start);
-    std::string value = head.substr(start, end == std::string::npos ? std::string::npos : end - start);
-    size_t first = value.find_first_not_of(' ');
-    return first == std::string::npos ? "" : value.substr(first);
+    for (size_t at = head.find("\r\n"); at != std::string::npos; at = head.find("\r\n", at + 2)) {
+        if (strncasecmp(head.c_str() + at + 2, (name + ":").c_str(), name.size() + 1) != 0) continue;
+        const size_t start = head.find_first_not_of(' ', at + 3 + name.size());
+        return start == std::string::npos ? "" : head.substr(start, head.find("\r\n", start) - start);
+    }
+    return "";
 }
 
 RawServer::RawServer(RawMode mode, const std::string& reply) : mode_(mode), reply_(reply) {
@@ -113,21 +102,6 @@ RawServer::~RawServer() {
 
 std::string RawServer::url(const std::string& path) const {
     return "http://127.0.0.1:" + std::to_string(port_) + path;
-}
-
-void RawServer::set_mode(RawMode mode) {
-    std::lock_guard<std::mutex> hold(m_);
-    mode_ = mode;
-}
-
-void RawServer::set_reply(const std::string& body) {
-    std::lock_guard<std::mutex> hold(m_);
-    reply_ = body;
-}
-
-void RawServer::set_delay_ms(int ms) {
-    std::lock_guard<std::mutex> hold(m_);
-    delay_ms_ = ms;
 }
 
 std::vector<RawRequest> RawServer::requests() const {

@@ -23,7 +23,6 @@ struct RawRequest {
     std::string body;  // Content-Length bytes (fewer when the client stopped early)
 
     std::string bytes() const { return head + body; }
-    std::string method() const;                         // "POST", "GET", ...
     std::string path() const;                           // as written on the request line
     std::string header(const std::string& name) const;  // case-insensitive name; "" when absent
 };
@@ -51,9 +50,9 @@ class RawServer {
     std::string url(const std::string& path = "") const;  // "http://127.0.0.1:<port>" + path
 
     // Apply to connections accepted afterwards.
-    void set_mode(RawMode mode);
-    void set_reply(const std::string& body);
-    void set_delay_ms(int ms);
+    void set_mode(RawMode mode) { set(mode_, mode); }
+    void set_reply(const std::string& body) { set(reply_, body); }
+    void set_delay_ms(int ms) { set(delay_ms_, ms); }
 
     std::vector<RawRequest> requests() const;
     size_t connections() const { return connections_; }  // accepted so far
@@ -69,6 +68,11 @@ class RawServer {
         std::shared_ptr<std::atomic<bool>> done;
     };
 
+    template <class T>
+    void set(T& field, const T& value) {
+        std::lock_guard<std::mutex> hold(m_);
+        field = value;
+    }
     void accept_loop();
     void serve(int fd, RawMode mode, const std::string& reply, int delay_ms);
     bool read_request(int fd, RawRequest& req);

@@ -4,6 +4,7 @@
 
 #include <curl/curl.h>
 #include <httplib.h>
+#include <strings.h>
 
 #include <atomic>
 #include <chrono>
@@ -22,17 +23,11 @@ const char kDefaultReply[] = "{\"status\":0}";
 const size_t kMaxPayload = 64u << 20;
 const char* const kPaths[] = {"/v1/data", "/v1/file", "/v1/conf"};
 
-std::string lower(std::string s) {
-    for (char& c : s) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    return s;
-}
-
 }  // namespace
 
 std::string TlsRequest::header(const std::string& name) const {
-    const std::string wanted = lower(name);
     for (const auto& h : headers)
-        if (lower(h.first) == wanted) return h.second;
+        if (strcasecmp(h.first.c_str(), name.c_str()) == 0) return h.second;
     return "";
 }
 
