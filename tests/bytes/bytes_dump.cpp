@@ -8,8 +8,6 @@
 
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,6 +22,7 @@
 #include "Util.h"
 #include "Zip.h"
 #include "raw_server.h"
+#include "scenario.h"
 
 namespace {
 
@@ -40,13 +39,6 @@ std::string hex(const std::string& bytes) {
         out += digits[c & 15];
     }
     return out;
-}
-
-std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream all;
-    all << in.rdbuf();
-    return all.str();
 }
 
 // A record with every kind of byte the escaping and the envelope treat apart.
@@ -111,14 +103,14 @@ void file_items(const std::string& root, Items& items) {
         msg.append(kTime + 1, Velto::Util::fencode("{\"dtype\":\"screen\"}"));
         msg.close();
     }
-    items.emplace_back("sdk.msg", read_file(root + "sdk.msg"));
+    items.emplace_back("sdk.msg", vtest::read_file(root + "sdk.msg"));
 
     Velto::Config& conf = *Velto::Config::obj_;
     conf.set("CONF_UPD_TIME", kTime);
     conf.set("LAST_SEND", kTime);
     conf.set("SEND_GAP", 60);
     conf.save_conf(true);
-    items.emplace_back("sdk.cf", read_file(root + "sdk.cf"));
+    items.emplace_back("sdk.cf", vtest::read_file(root + "sdk.cf"));
 }
 
 // The body a loopback collector received for one upload ("" when none arrived).
