@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "api_helpers.h"
 #include "delivery.h"
 #include "transport_fixture.h"
 #include "velto.h"
@@ -138,8 +139,7 @@ void record_while_held(const std::string& root, const RawServer& holder, const s
     for (const auto& kv : changes) conf[kv.first] = kv.second;
     vtest::write_conf(root, url, conf);
     ASSERT_EQ(0, data_init(root.c_str(), "brand"));
-    ASSERT_EQ(
-        0, data_base_info("tid1", 42, "1.0", 8, "uip1", "en", "mac", "10.15", 64, "en-US", 0, "src", "u1"));
+    ASSERT_EQ(0, apitest::give_base_info());
     ASSERT_TRUE(vtest::wait_until([&] { return holder.open_connections() > 0; }, 20000));
     for (int i = 0; i < kEvents; ++i)
         ASSERT_EQ(0, data_event(("e" + std::to_string(i)).c_str(), "act", nullptr, 0));

@@ -60,11 +60,16 @@ std::string figures(const long long* n) {
 
 // Waits up to ms for the child to end (less when interrupted), else kills it; true when it ended by itself.
 bool ended_within(vtest::ChildProcess& child, int ms) {
-    vtest::wait_until([&] { return child.wait(0) >= 0 || child.ended() || g_interrupted; }, ms);
+    vtest::wait_until(
+        [&] {
+            child.wait(0);
+            return child.ended() || g_interrupted;
+        },
+        ms);
     if (child.ended()) return true;
     child.signal(SIGKILL);
-    if (child.wait(10000) < 0 && !child.ended())
-        fprintf(stderr, "killrun: a host outlived SIGKILL for 10 s\n");
+    child.wait(10000);
+    if (!child.ended()) fprintf(stderr, "killrun: a host outlived SIGKILL for 10 s\n");
     return false;
 }
 
@@ -90,9 +95,10 @@ std::string fdecoded(const std::string& text) {
 // The run's labels ("<run>-<digits>") of the records in text, one record a line.
 std::vector<std::string> run_labels(const std::string& text, const std::string& run) {
     std::vector<std::string> labels;
-    for (const std::string& record : vtest::lines_of(text))
-        if (vtest::label_of(record).compare(0, run.size() + 1, run + "-") == 0)
-            labels.push_back(vtest::label_of(record));
+    for (const std::string& record : vtest::lines_of(text)) {
+        const std::string label = vtest::label_of(record);
+        if (label.compare(0, run.size() + 1, run + "-") == 0) labels.push_back(label);
+    }
     return labels;
 }
 
